@@ -1,0 +1,73 @@
+// The file operations the record layer needs, behind an interface so that
+// readers and writers can be tested against an in-memory file system and so
+// that the order of file operations can be recorded.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+
+namespace lockstep::records {
+
+enum class OpenMode {
+  kReadOnly,         // the file must exist
+  kReadWriteCreate,  // created empty (0666 less umask) when missing
+  kReplace,          // write-only, created when missing, truncated in place
+};
+
+// Descriptors of the standard streams, valid for every implementation.
+inline constexpr int kStandardOutputFd = 1;
+inline constexpr int kStandardErrorFd = 2;
+
+// Every call returns a non-negative result or the negated system error
+// number (-ENOENT, ...).
+class FileSystem {
+ public:
+  virtual ~FileSystem() = default;
+  virtual int open(const std::string& path, OpenMode mode) = 0;
+  virtual ssize_t read(int fd, char* buffer, std::size_t size) = 0;
+  virtual ssize_t write(int fd, const char* data, std::size_t size) = 0;
+  virtual int close(int fd) = 0;
+  // The working directory, or an empty string when it cannot be named.
+  virtual std::string current_directory() = 0;
+};
+
+// The process's own file system, through POSIX calls.
+class PosixFileSystem final : public FileSystem {
+ public:
+  int open(const std::string& path, OpenMode mode) override;
+  ssize_t read(int fd, char* buffer, std::size_t size) override;
+  ssize_t write(int fd, const char* data, std::size_t size) override;
+  int close(int fd) override;
+  std::string current_directory() override;
+};
+
+// Owns one open descriptor and closes it, ignoring the result, unless it has
+// been closed explicitly first.
+class Descriptor {
+ public:
+  Descriptor() = default;
+  Descriptor(FileSystem& fs, int fd) : fs_(&fs), fd_(fd) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  Descriptor(Descriptor&& other) noexcept : fs_(other.fs_), fd_(other.fd_) { other.fd_ = -1; }
+  Descriptor& operator=(Descriptor&& other) noexcept;
+  ~Descriptor() { reset(); }
+
+  bool valid() const { return fd_ >= 0; }
+  int get() const { return fd_; }
+  // Closes and reports the result: 0 or a negated system error number.
+  int close();
+  void reset();
+
+ private:
+  FileSystem* fs_ = nullptr;
+  int fd_ = -1;
+};
+
+// "name" when it begins with a slash, else the working directory, a slash and
+// the name, relative parts kept as written.
+std::string full_path_name(FileSystem& fs, const std::string& name);
+
+}  // namespace lockstep::records

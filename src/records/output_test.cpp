@@ -1,0 +1,120 @@
+#include "records/output.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <climits>
+
+#include "memory_file_system.h"
+#include "process.h"
+#include "records/field.h"
+
+namespace lockstep::records {
+namespace {
+
+TEST(FieldTest, IntegerFieldRuleAtItsEdges) {
+  struct Case {
+    std::int64_t value;
+    std::size_t width;
+    const char* expected;
+  };
+  const Case cases[] = {
+      {7, 1, "7"},       {12, 1, "*"},         {-1, 1, "*"},           {12, 2, "12"},
+      {100, 2, "**"},    {-9, 2, "-9"},        {-10, 2, "**"},         {1, 5, "    1"},
+      {99999, 5, "99999"}, {100000, 5, "*****"}, {-9999, 5, "-9999"},  {1, 12, "           1"},
+      {0, 12, "           0"}, {INT32_MAX, 12, "  2147483647"}, {INT32_MIN, 12, " -2147483648"},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(format_integer(c.value, c.width), c.expected) << c.value << " in " << c.width;
+  }
+  EXPECT_EQ(format_integer_or_full(100000, 5), "100000");
+  EXPECT_EQ(format_integer_or_full(12, 5), "   12");
+}
+
+TEST(FieldTest, ConcatenationFillsOrCuts) {
+  EXPECT_EQ(concatenate({"../sub", "3", "/"}, 8), "../sub3/");
+  EXPECT_EQ(concatenate({"ab", "cd"}, 6), "abcd  ");
+  EXPECT_EQ(concatenate({"ab", "cd", "ef"}, 3), "abc");
+  EXPECT_EQ(concatenate({"  a ", " "}, 5), "  a  ");
+}
+
+TEST(FreeFormRecordTest, LayoutOfTextsAndIntegers) {
+  EXPECT_EQ(FreeFormRecord().text("-1000 0 0 0").line(), " -1000 0 0 0\n");
+  EXPECT_EQ(FreeFormRecord().text("1 ").integer(1).integer(2).integer(3).line(),
+            " 1            1           2           3\n");
+  // The separator blank stands before a text that starts with a blank: two
+  // blanks between the cycle number and the minus sign.
+  EXPECT_EQ(FreeFormRecord().text("1 ").integer(1).text(" -1  5").line(), " 1            1  -1  5\n");
+  EXPECT_EQ(FreeFormRecord().integer(-2147483648).line(), " -2147483648\n");
+  EXPECT_EQ(FreeFormRecord().text("  lead").text("b").line(), "   leadb\n");
+  EXPECT_EQ(FreeFormRecord().text("Parameter reading failed!").line(), " Parameter reading failed!\n");
+}
+
+TEST(FixedFormRecordTest, ProgressLineColumns) {
+  const auto line = [](std::int32_t k, std::int32_t t, std::int32_t s) {
+    return FixedFormRecord()
+        .literal("cycle=")
+        .integer(k, 4)
+        .literal("      time step=")
+        .integer(t, 5)
+        .literal("      runge-kutta step=")
+        .integer(s, 2)
+        .line();
+  };
+  EXPECT_EQ(line(1, 2, 3), "cycle=   1      time step=    2      runge-kutta step= 3\n");
+  EXPECT_EQ(line(10000, 100000, 1), "cycle=****      time step=*****      runge-kutta step= 1\n");
+  EXPECT_EQ(line(1, 2, 3).size(), 57u);
+}
+
+TEST(OutputFileTest, ReplacementRewritesTheSameFileInPlace) {
+  testing::TempDir dir;
+  const std::string path = (dir.path() / "go.dat").string();
+  testing::write_file(path, "a much longer previous line that must vanish\nand a second\n");
+  struct stat before {};
+  ASSERT_EQ(stat(path.c_str(), &before), 0);
+
+  PosixFileSystem fs;
+  OutputFile file(fs);
+  ASSERT_TRUE(file.open_for_replacement(unit::kProjectFile, path).ok());
+  ASSERT_TRUE(file.write(" -1000 0 0 0\n").ok());
+  ASSERT_TRUE(file.close().ok());
+
+  struct stat after {};
+  ASSERT_EQ(stat(path.c_str(), &after), 0);
+  EXPECT_EQ(testing::read_file(path), " -1000 0 0 0\n");
+  EXPECT_EQ(after.st_ino, before.st_ino);
+}
+
+TEST(OutputFileTest, NewFilesGetReadWriteForAllLessTheUmask) {
+  testing::TempDir dir;
+  const std::string path = (dir.path() / "new.dat").string();
+  const mode_t old_mask = umask(027);
+  PosixFileSystem fs;
+  OutputFile file(fs);
+  const Status opened = file.open_for_replacement(unit::kProjectFile, path);
+  umask(old_mask);
+  ASSERT_TRUE(opened.ok());
+  ASSERT_TRUE(file.close().ok());
+  struct stat info {};
+  ASSERT_EQ(stat(path.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0640u);
+}
+
+TEST(OutputFileTest, FailuresCarryTheSystemReason) {
+  testing::MemoryFileSystem fs;
+  OutputFile file(fs);
+  const Status missing = file.open_for_replacement(unit::kProjectFile, "../sub1/go.dat");
+  EXPECT_EQ(missing.headline(), "recio: severe (29): file not found, unit 10, file /run/../sub1/go.dat");
+  EXPECT_EQ(missing.os_error(), ENOENT);
+  EXPECT_EQ(missing.trail(), std::vector<std::string>{"open for replacement: No such file or directory"});
+
+  fs.fail_writes("go.dat", 1, ENOSPC);
+  ASSERT_TRUE(file.open_for_replacement(unit::kProjectFile, "go.dat").ok());
+  EXPECT_EQ(file.write("x\n").number(), error::kWriteError);
+  fs.fail_closes("go.dat", 1, EIO);
+  EXPECT_EQ(file.close().os_error(), EIO);
+}
+
+}  // namespace
+}  // namespace lockstep::records

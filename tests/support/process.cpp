@@ -1,0 +1,129 @@
+#include "process.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+namespace lockstep::testing {
+namespace {
+
+pid_t spawn(const std::vector<std::string>& argv, const std::filesystem::path& directory, const std::string& out,
+            const std::string& err) {
+  const pid_t pid = fork();
+  if (pid < 0) throw std::runtime_error("fork failed");
+  if (pid == 0) {
+    if (chdir(directory.c_str()) != 0) _exit(126);
+    const int null_fd = open("/dev/null", O_RDONLY);
+    if (null_fd < 0) _exit(126);
+    dup2(null_fd, 0);
+    // Empty names keep the test's own streams.
+    if (!out.empty()) {
+      const int out_fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      const int err_fd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (out_fd < 0 || err_fd < 0) _exit(126);
+      dup2(out_fd, 1);
+      dup2(err_fd, 2);
+    }
+    std::vector<char*> args;
+    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
+  }
+  return pid;
+}
+
+// Polls for the child's end; true when it ended within `timeout`.
+bool wait_for(pid_t pid, std::chrono::steady_clock::duration timeout, int& raw_status) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    const pid_t done = waitpid(pid, &raw_status, WNOHANG);
+    if (done == pid) return true;
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+}  // namespace
+
+TempDir::TempDir() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "lockstep-test-XXXXXX").string();
+  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = pattern;
+  // Readable by everybody, so tests may run the driver as another user.
+  std::filesystem::permissions(path_, std::filesystem::perms::all & ~std::filesystem::perms::others_write &
+                                          ~std::filesystem::perms::group_write);
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+std::string read_file(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+void write_file(const std::filesystem::path& path, const std::string& content) {
+  std::filesystem::create_directories(path.parent_path());
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+}
+
+void make_executable(const std::filesystem::path& path) {
+  std::filesystem::permissions(path, std::filesystem::perms::owner_all | std::filesystem::perms::group_read |
+                                         std::filesystem::perms::group_exec | std::filesystem::perms::others_read |
+                                         std::filesystem::perms::others_exec);
+}
+
+std::string Exit::first_error_line() const { return err.substr(0, err.find('\n')); }
+
+Exit run_program(const std::vector<std::string>& argv, const std::filesystem::path& directory,
+                 std::chrono::seconds timeout) {
+  TempDir capture;
+  const std::string out = (capture.path() / "out").string();
+  const std::string err = (capture.path() / "err").string();
+  const pid_t pid = spawn(argv, directory, out, err);
+  int raw_status = 0;
+  if (!wait_for(pid, timeout, raw_status)) {
+    kill(pid, SIGKILL);
+    waitpid(pid, &raw_status, 0);
+  }
+  Exit result;
+  if (WIFEXITED(raw_status)) result.status = WEXITSTATUS(raw_status);
+  if (WIFSIGNALED(raw_status)) result.signal = WTERMSIG(raw_status);
+  result.out = read_file(out);
+  result.err = read_file(err);
+  return result;
+}
+
+Background::Background(const std::vector<std::string>& argv, const std::filesystem::path& directory)
+    : pid_(spawn(argv, directory, "", "")) {}
+
+Background::~Background() {
+  if (pid_ > 0) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+}
+
+bool Background::wait(std::chrono::seconds timeout, int* status) {
+  int raw_status = 0;
+  if (!wait_for(pid_, timeout, raw_status)) return false;
+  pid_ = -1;
+  if (status != nullptr) *status = WIFEXITED(raw_status) ? WEXITSTATUS(raw_status) : -1;
+  return true;
+}
+
+}  // namespace lockstep::testing

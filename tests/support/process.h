@@ -1,0 +1,60 @@
+// Temporary run trees and child processes for whole-program tests.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace lockstep::testing {
+
+// A fresh directory under the system's temporary directory, removed with
+// everything in it at the end of the test.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+std::string read_file(const std::filesystem::path& path);
+void write_file(const std::filesystem::path& path, const std::string& content);
+void make_executable(const std::filesystem::path& path);
+
+struct Exit {
+  int status = -1;  // exit status, or -1 when killed by a signal
+  int signal = 0;
+  std::string out;
+  std::string err;
+  // The first line of standard error, without its line feed.
+  std::string first_error_line() const;
+};
+
+// Runs `argv` in `directory` to its end, with its standard output and error
+// captured; killed after `timeout`.
+Exit run_program(const std::vector<std::string>& argv, const std::filesystem::path& directory,
+                 std::chrono::seconds timeout = std::chrono::seconds(120));
+
+// A program running in the background, killed when the object goes.
+class Background {
+ public:
+  Background(const std::vector<std::string>& argv, const std::filesystem::path& directory);
+  ~Background();
+  Background(const Background&) = delete;
+  Background& operator=(const Background&) = delete;
+  // Waits for the program to end by itself; false when it is still running
+  // after `timeout`.
+  bool wait(std::chrono::seconds timeout, int* status = nullptr);
+
+ private:
+  pid_t pid_ = -1;
+};
+
+}  // namespace lockstep::testing
