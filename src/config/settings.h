@@ -1,0 +1,28 @@
+// The run settings, read once from "analysis_settings.dat".
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "records/file_system.h"
+#include "records/status.h"
+
+namespace lockstep::config {
+
+struct Settings {
+  std::int32_t time_step = 0;        // ordinary time steps per cycle
+  std::int32_t cycle_num = 0;        // cycles
+  std::int32_t num_subprojects = 0;  // sub projects, indices 1 to num_subprojects
+  // The closing time step, time_step + 1 in 32-bit arithmetic.
+  std::int32_t closing_time_step() const;
+};
+
+inline constexpr int kSearchLimit = 10000;
+
+// Searches each key from the first line. Leaves `settings` empty when a key
+// is not among the first kSearchLimit lines, after printing
+// " Parameter reading failed!" on standard output. Any record error, a
+// null value included, comes back as the status.
+records::Status read_settings(records::FileSystem& fs, std::optional<Settings>& settings);
+
+}  // namespace lockstep::config
