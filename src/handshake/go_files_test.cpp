@@ -1,0 +1,113 @@
+#include "handshake/go_files.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <climits>
+#include <sstream>
+
+#include "fake_pacer.h"
+#include "memory_file_system.h"
+
+namespace lockstep::handshake {
+namespace {
+
+TEST(GoRecordTest, ExactBytes) {
+  EXPECT_EQ(reset_record(), " -1000 0 0 0\n");
+  EXPECT_EQ(stage_record(3, 12, 2), " 1            3          12           2\n");
+  EXPECT_EQ(stage_record(INT32_MAX, 1, 4), " 1   2147483647           1           4\n");
+  EXPECT_EQ(cycle_end_record(25), " 1           25  -1  5\n");
+  EXPECT_EQ(stage_record(1, 1, 1).size(), 40u);
+  EXPECT_EQ(cycle_end_record(INT32_MAX).size(), 23u);
+}
+
+TEST(GoRecordTest, PathsFollowTheDirectoryRule) {
+  const std::vector<GoFilePaths> paths = go_file_paths(100);
+  ASSERT_EQ(paths.size(), 101u);
+  EXPECT_EQ(paths[0].go, "../main/go.dat");
+  EXPECT_EQ(paths[0].go2, "../main/go2.dat");
+  EXPECT_EQ(paths[9].go2, "../sub9/go2.dat");
+  EXPECT_EQ(paths[10].go, "../sub10/go.dat");
+  EXPECT_EQ(paths[100].go, "../sub**/go.dat");
+  EXPECT_EQ(go_file_paths(0).size(), 1u);
+  EXPECT_EQ(go_file_paths(-4).size(), 1u);
+}
+
+class GoFileWriterTest : public ::testing::Test {
+ protected:
+  GoFileWriter writer(int num_subprojects) {
+    fs.add_directory("../main");
+    for (int i = 1; i <= num_subprojects; ++i) fs.add_directory("../sub" + std::to_string(i));
+    return GoFileWriter(fs, pacer, warnings, go_file_paths(num_subprojects));
+  }
+
+  testing::MemoryFileSystem fs;
+  testing::FakePacer pacer;
+  std::ostringstream warnings;
+};
+
+TEST_F(GoFileWriterTest, ResetThenRequestInProjectOrder) {
+  GoFileWriter go = writer(2);
+  ASSERT_TRUE(go.reset_all().ok());
+  ASSERT_TRUE(go.send_request(2, 7, 3, false).ok());
+  std::vector<std::string> expected;
+  for (const char* path : {"../main/go.dat", "../main/go2.dat", "../sub1/go.dat", "../sub1/go2.dat", "../sub2/go.dat",
+                           "../sub2/go2.dat", "../main/go.dat", "../sub1/go.dat", "../sub2/go.dat"}) {
+    expected.push_back(std::string("open ") + path + " replace");
+    expected.push_back(std::string("write ") + path);
+    expected.push_back(std::string("close ") + path);
+  }
+  EXPECT_EQ(fs.log(), expected);
+  EXPECT_EQ(fs.file("../sub2/go.dat"), stage_record(2, 7, 3));
+  EXPECT_EQ(fs.file("../sub2/go2.dat"), reset_record());
+
+  ASSERT_TRUE(go.send_request(2, 8, 1, true).ok());
+  EXPECT_EQ(fs.file("../main/go.dat"), cycle_end_record(2));
+  EXPECT_TRUE(warnings.str().empty());
+  EXPECT_EQ(pacer.pauses, 0);
+}
+
+TEST_F(GoFileWriterTest, MainProjectAloneWritesThreeFiles) {
+  GoFileWriter go = writer(0);
+  ASSERT_TRUE(go.reset_all().ok());
+  ASSERT_TRUE(go.send_request(1, 2, 1, true).ok());
+  EXPECT_EQ(fs.log().size(), 9u);
+  EXPECT_EQ(fs.log()[6], "open ../main/go.dat replace");
+}
+
+TEST_F(GoFileWriterTest, ShortFailuresAreRetriedAtOnceAndSilently) {
+  GoFileWriter go = writer(1);
+  fs.set_file("../sub1/go.dat", "an old and much longer request line\n");
+  fs.fail_opens("../sub1/go.dat", GoFileWriter::kImmediateAttempts, ENOENT);
+  fs.fail_writes("../main/go2.dat", 3, ENOSPC);
+  ASSERT_TRUE(go.reset_all().ok());
+  EXPECT_EQ(fs.file("../sub1/go.dat"), reset_record());
+  EXPECT_EQ(fs.file("../main/go2.dat"), reset_record());
+  EXPECT_EQ(pacer.pauses, 0);
+  EXPECT_TRUE(warnings.str().empty());
+}
+
+TEST_F(GoFileWriterTest, LongFailureIsReportedOnceWithBackOffAndItsEnd) {
+  GoFileWriter go = writer(1);
+  constexpr int kFailures = 150;
+  fs.fail_opens("../sub1/go2.dat", kFailures, ENOENT);
+  ASSERT_TRUE(go.reset_all().ok());
+  EXPECT_EQ(fs.file("../sub1/go2.dat"), reset_record());
+  // 100 immediate attempts, then pauses of 1, 2, 4, ... capped at 100 ms.
+  EXPECT_EQ(pacer.pauses, kFailures - GoFileWriter::kImmediateAttempts);
+  EXPECT_EQ(warnings.str(),
+            "lockstep: cannot write ../sub1/go2.dat: No such file or directory; retrying until it can be written\n"
+            "lockstep: wrote ../sub1/go2.dat again after 4.4 s of failures\n");
+}
+
+TEST_F(GoFileWriterTest, FailingCloseIsNotRetried) {
+  GoFileWriter go = writer(0);
+  fs.fail_closes("../main/go.dat", 1, EIO);
+  const records::Status status = go.reset_all();
+  EXPECT_EQ(status.number(), records::error::kWriteError);
+  EXPECT_EQ(status.trail().back(), "go-file write");
+  EXPECT_EQ(fs.log().size(), 3u);
+}
+
+}  // namespace
+}  // namespace lockstep::handshake

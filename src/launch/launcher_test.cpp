@@ -1,0 +1,57 @@
+#include "launch/launcher.h"
+
+#include <gtest/gtest.h>
+
+#include "records/shell.h"
+
+namespace lockstep::launch {
+namespace {
+
+std::string padded(const std::string& record) { return record + std::string(30 - record.size(), ' '); }
+
+// The line the shell receives for project `index`.
+std::string shell_line(int index, const std::string& record, std::int32_t cycle = 1, std::int32_t time_step = 2,
+                       std::int32_t stage = 3) {
+  const Command command = project_command(index, padded(record), cycle, time_step, stage);
+  return records::command_line(command.program.data(), command.arguments.data(),
+                               static_cast<std::int32_t>(command.program.size()),
+                               static_cast<std::int32_t>(command.arguments.size()));
+}
+
+TEST(LauncherTest, CommandLines) {
+  struct Case {
+    const char* name;
+    std::string line;
+    std::string expected;
+  };
+  const std::string thirty(30, 'x');
+  const Case cases[] = {
+      {"main", shell_line(0, "couple.sh"), R"("../main/couple.sh"  0     1     2     3)"},
+      {"sub 3", shell_line(3, "couple.sh"), R"("../sub3/couple.sh"  3     1     2     3)"},
+      {"sub 9", shell_line(9, "couple.sh"), R"("../sub9/couple.sh"  9     1     2     3)"},
+      {"sub 10", shell_line(10, "couple.sh"), R"("../sub10/couple.sh"  10     1     2     3)"},
+      {"leading blanks", shell_line(0, "  run it"), R"("../main/  run it"  0     1     2     3)"},
+      {"thirty characters", shell_line(0, thirty), "\"../main/" + thirty + "\"  0     1     2     3"},
+      {"blank record", shell_line(2, ""), R"("../sub2/"  2     1     2     3)"},
+      {"double quote", shell_line(0, "a\"b"), R"("../main/a\"b"  0     1     2     3)"},
+      {"dollar", shell_line(0, "$HOME"), R"("../main/\$HOME"  0     1     2     3)"},
+      {"backquote", shell_line(0, "a`id`"), R"("../main/a\`id\`"  0     1     2     3)"},
+      {"backslash", shell_line(0, "a\\b"), R"("../main/a\\b"  0     1     2     3)"},
+      {"five-digit cycle", shell_line(0, "p", 12345, 1, 4), R"("../main/p"  0 12345     1     4)"},
+      {"cycle above 99999", shell_line(0, "p", 100000, 123456, 1), R"("../main/p"  0 100000 123456     1)"},
+      {"sub 100", shell_line(100, "p"), R"("../sub**/p"  100     1     2     3)"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(c.line, c.expected) << c.name;
+}
+
+TEST(LauncherTest, TextsKeepTheirFixedLengths) {
+  const Command main = project_command(0, padded("couple.sh"), 1, 2, 3);
+  EXPECT_EQ(main.program.size(), 39u);
+  EXPECT_EQ(main.arguments.size(), 21u);
+  const Command sub12 = project_command(12, padded("couple.sh"), 1, 2, 3);
+  EXPECT_EQ(sub12.program.size(), 40u);
+  EXPECT_EQ(sub12.arguments.size(), 22u);
+}
+
+}  // namespace
+}  // namespace lockstep::launch
