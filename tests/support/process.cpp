@@ -118,6 +118,10 @@ Background::~Background() {
   }
 }
 
+void Background::signal(int signal_number) {
+  if (pid_ > 0) kill(pid_, signal_number);
+}
+
 bool Background::wait(std::chrono::seconds timeout, int* status) {
   int raw_status = 0;
   if (!wait_for(pid_, timeout, raw_status)) return false;

@@ -52,6 +52,7 @@ class Background {
   // Waits for the program to end by itself; false when it is still running
   // after `timeout`.
   bool wait(std::chrono::seconds timeout, int* status = nullptr);
+  void signal(int signal_number);
 
  private:
   pid_t pid_ = -1;

@@ -1,0 +1,31 @@
+// lockstepctl: companion tools for lockstep run trees.
+#include <cstring>
+#include <iostream>
+#include <string>
+
+#include "ctl/agent.h"
+
+namespace {
+
+constexpr const char* kHelp =
+    "usage: lockstepctl SUBCOMMAND [OPTIONS]\n"
+    "\n"
+    "Subcommands:\n"
+    "  agent   serve a project directory by running a command once per request\n"
+    "\n"
+    "'lockstepctl SUBCOMMAND --help' describes each.\n";
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string subcommand = argc > 1 ? argv[1] : "";
+  if (subcommand == "agent") return lockstep::ctl::agent_main(argc - 2, argv + 2, std::cout, std::cerr);
+  if (subcommand == "--help" || subcommand == "-h" || subcommand == "help") {
+    std::cout << kHelp;
+    return 0;
+  }
+  std::cerr << (subcommand.empty() ? "lockstepctl: no subcommand given\n"
+                                   : "lockstepctl: unknown subcommand \"" + subcommand + "\"\n")
+            << kHelp;
+  return 2;
+}

@@ -1,0 +1,45 @@
+#include "project/lockstep_project.h"
+
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "project/endpoint.h"
+
+struct lockstep_project {
+  std::unique_ptr<lockstep::project::Endpoint> endpoint;
+};
+
+extern "C" {
+
+lockstep_project* lockstep_project_open(const char* directory, char* error, int error_size) {
+  std::string reason;
+  auto endpoint = lockstep::project::Endpoint::open(directory == nullptr ? "" : directory, reason);
+  if (!endpoint) {
+    if (error != nullptr && error_size > 0) {
+      const auto room = static_cast<std::size_t>(error_size - 1);
+      const std::size_t length = reason.size() < room ? reason.size() : room;
+      std::memcpy(error, reason.data(), length);
+      error[length] = '\0';
+    }
+    return nullptr;
+  }
+  return new lockstep_project{std::move(endpoint)};
+}
+
+int lockstep_project_wait(lockstep_project* project, int* cycle, int* time_step, int* stage) {
+  lockstep::project::Request request;
+  if (project->endpoint->wait(request) != lockstep::project::WaitResult::kRequest) return -1;
+  *cycle = request.cycle;
+  *time_step = request.time_step;
+  *stage = request.stage;
+  return 0;
+}
+
+int lockstep_project_done(lockstep_project* project) { return project->endpoint->report_done() ? 0 : -1; }
+
+const char* lockstep_project_error(const lockstep_project* project) { return project->endpoint->error().c_str(); }
+
+void lockstep_project_close(lockstep_project* project) { delete project; }
+
+}  // extern "C"

@@ -1,0 +1,158 @@
+// lockstepctl agent, and the C interface from Fortran, serving projects of
+// real lockstep runs.
+#include <signal.h>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <thread>
+
+#include "handshake/go_files.h"
+#include "run_tree.h"
+
+namespace lockstep::testing {
+namespace {
+
+using handshake::reset_record;
+using handshake::stage_record;
+
+// Logs the appended arguments and the environment of every request.
+const std::string kLogCommand =
+    "echo \"$1 $2 $3 | $LOCKSTEP_CYCLE $LOCKSTEP_TIME_STEP $LOCKSTEP_STAGE $LOCKSTEP_PROJECT_DIR\" "
+    ">> \"$LOCKSTEP_PROJECT_DIR/agent.log\"";
+
+std::vector<std::string> agent(const std::filesystem::path& directory, const std::vector<std::string>& options,
+                               const std::string& shell_command) {
+  std::vector<std::string> argv = {LOCKSTEPCTL_BINARY, "agent", "--dir", directory.string()};
+  argv.insert(argv.end(), options.begin(), options.end());
+  argv.insert(argv.end(), {"--", "/bin/sh", "-c", shell_command, "sh"});
+  return argv;
+}
+
+// Every request of `cycles` cycles of `time_steps` time steps, as logged.
+std::string schedule(int cycles, int time_steps, const std::filesystem::path& directory) {
+  std::string log;
+  const std::string tail = " " + std::filesystem::absolute(directory).lexically_normal().string() + "\n";
+  const auto line = [&](int k, int t, int s) {
+    const std::string numbers = std::to_string(k) + " " + std::to_string(t) + " " + std::to_string(s);
+    log += numbers + " | " + numbers + tail;
+  };
+  for (int k = 1; k <= cycles; ++k) {
+    for (int t = 1; t <= time_steps; ++t) {
+      for (int s = 1; s <= 4; ++s) line(k, t, s);
+    }
+    line(k, -1, 5);
+  }
+  return log;
+}
+
+TEST(AgentProgramTest, EveryRequestOnceAndInOrderWhateverTheAnswerSpeed) {
+  RunTree tree;
+  tree.projects(3, "true");
+  tree.settings(2, 3, 3);
+  std::vector<std::unique_ptr<Background>> players;
+  players.push_back(std::make_unique<Background>(agent(tree.project(0), {"--last-cycle", "3"}, kLogCommand),
+                                                 tree.run()));
+  players.push_back(std::make_unique<Background>(
+      agent(tree.project(1), {"--last-cycle", "3"}, "sleep 0.01; " + kLogCommand), tree.run()));
+  players.push_back(std::make_unique<Background>(
+      agent(tree.project(2), {"--last-cycle", "3"}, "case $3 in 2|5) sleep 0.03;; esac; " + kLogCommand),
+      tree.run()));
+  // A project of its own making that reports done in place beside them.
+  players.push_back(std::make_unique<Background>(
+      std::vector<std::string>{FAKE_PROJECT_BINARY, tree.project(3).string(),
+                               (tree.project(3) / "requests.log").string(), "27"},
+      tree.run()));
+
+  const Exit exit = tree.lockstep();
+  ASSERT_EQ(exit.status, 0) << exit.err;
+  for (auto& player : players) {
+    int status = -1;
+    ASSERT_TRUE(player->wait(std::chrono::seconds(60), &status));
+    EXPECT_EQ(status, 0);
+  }
+  for (int index = 0; index <= 2; ++index) {
+    EXPECT_EQ(read_file(tree.project(index) / "agent.log"), schedule(3, 2, tree.project(index)))
+        << "project " << index;
+  }
+}
+
+class AgentAloneTest : public ::testing::Test {
+ protected:
+  // A project directory holding a pending request for cycle 1, time step 1,
+  // stage 1.
+  AgentAloneTest() {
+    write_file(project() / "go2.dat", reset_record());
+    write_file(project() / "go.dat", stage_record(1, 1, 1));
+  }
+  std::filesystem::path project() const { return dir.path() / "main"; }
+
+  TempDir dir;
+};
+
+TEST_F(AgentAloneTest, FailingCommandLeavesTheRequestNotDone) {
+  const Exit exit = run_program(agent(project(), {}, "exit 3"), dir.path());
+  EXPECT_EQ(exit.status, 1);
+  EXPECT_EQ(exit.err, "lockstepctl agent: /bin/sh failed on cycle 1, time step 1, stage 1: exit status 3; left not done\n");
+  EXPECT_EQ(read_file(project() / "go2.dat"), reset_record());
+}
+
+TEST_F(AgentAloneTest, DoneOnFailureReportsAndSignalsStopIt) {
+  Background served(agent(project(), {"--done-on-failure"}, "kill -9 $$"), dir.path());
+  for (int i = 0; i < 5000 && read_file(project() / "go2.dat") != "0\n"; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_EQ(read_file(project() / "go2.dat"), "0\n");
+  // Now waiting for the next request: SIGTERM ends it cleanly.
+  served.signal(SIGTERM);
+  int status = -1;
+  ASSERT_TRUE(served.wait(std::chrono::seconds(10), &status));
+  EXPECT_EQ(status, 0);
+}
+
+TEST_F(AgentAloneTest, UsageAndHelp) {
+  struct Case {
+    std::vector<std::string> argv;
+    int status;
+    std::string first_line;  // of standard output when the status is 0, else of standard error
+  };
+  const Case cases[] = {
+      {{LOCKSTEPCTL_BINARY, "--help"}, 0, "usage: lockstepctl SUBCOMMAND [OPTIONS]"},
+      {{LOCKSTEPCTL_BINARY, "agent", "--help"}, 0,
+       "usage: lockstepctl agent [--dir DIR] [--last-cycle N] [--done-on-failure] -- COMMAND [ARGS...]"},
+      {{LOCKSTEPCTL_BINARY}, 2, "lockstepctl: no subcommand given"},
+      {{LOCKSTEPCTL_BINARY, "frobnicate"}, 2, "lockstepctl: unknown subcommand \"frobnicate\""},
+      {{LOCKSTEPCTL_BINARY, "agent"}, 2, "lockstepctl agent: no command given after \"--\""},
+      {{LOCKSTEPCTL_BINARY, "agent", "--last-cycle", "0", "--", "true"}, 2,
+       "lockstepctl agent: --last-cycle needs a cycle number, not \"0\""},
+      {{LOCKSTEPCTL_BINARY, "agent", "--dir", "nowhere", "--", "true"}, 1,
+       "lockstepctl agent: project directory nowhere: No such file or directory"},
+  };
+  for (const Case& c : cases) {
+    const Exit exit = run_program(c.argv, dir.path());
+    EXPECT_EQ(exit.status, c.status) << c.argv.back();
+    const std::string& stream = c.status == 0 ? exit.out : exit.err;
+    EXPECT_EQ(stream.substr(0, stream.find('\n')), c.first_line);
+  }
+}
+
+TEST(FortranProjectTest, ServesARunThroughTheCInterface) {
+  if (std::string(FORTRAN_PROJECT_BINARY).empty()) GTEST_SKIP() << "gfortran is not installed";
+  RunTree tree;
+  tree.projects(1, "true");
+  tree.settings(1, 2, 1);
+  Background fortran({FORTRAN_PROJECT_BINARY, tree.project(1).string(), "10"}, tree.run());
+  Background main_project(agent(tree.project(0), {"--last-cycle", "2"}, "true"), tree.run());
+  const Exit exit = tree.lockstep();
+  ASSERT_EQ(exit.status, 0) << exit.err;
+  for (Background* project : {&fortran, &main_project}) {
+    int status = -1;
+    ASSERT_TRUE(project->wait(std::chrono::seconds(30), &status));
+    EXPECT_EQ(status, 0);
+  }
+  EXPECT_EQ(read_file(tree.project(1) / "fortran.log"),
+            "1 1 1\n1 1 2\n1 1 3\n1 1 4\n1 -1 5\n2 1 1\n2 1 2\n2 1 3\n2 1 4\n2 -1 5\n");
+}
+
+}  // namespace
+}  // namespace lockstep::testing
