@@ -11,7 +11,7 @@ namespace chain {
 
 inline constexpr std::size_t kMasses = 12;
 inline constexpr double kStiffness = 4.0;
-inline constexpr double kTimeStep = 0.01;
+inline constexpr double kTimeStep = 0.1;
 
 inline double mass(std::size_t i) { return 1.0 + 0.1 * static_cast<double>(i); }
 

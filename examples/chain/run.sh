@@ -7,8 +7,8 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 repo=$(cd "$here/../.." && pwd)
 build="$repo/build/release"
-cycles=10
-time_steps=10
+cycles=20
+time_steps=5
 layout=(main:0:4 sub1:4:4 sub2:8:4)
 
 cmake --preset release -S "$repo" >/dev/null
@@ -54,8 +54,10 @@ set datafile separator ","
 set key autotitle columnhead outside
 set multiplot layout 2,1
 set ylabel "energy"
+set yrange [0:*]
 plot "$tree/chain_total.csv" using 1:2 with linespoints
 set ylabel "displacement"
+set autoscale y
 set xlabel "time"
 plot for [i=3:14] "$tree/chain_total.csv" using 1:i with lines
 unset multiplot
