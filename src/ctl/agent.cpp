@@ -95,12 +95,6 @@ std::string parse(int argc, char** argv, Options& options, bool& help) {
   return {};
 }
 
-std::string describe(const project::Request& request) {
-  if (request.cycle_end()) return "the cycle-end request of cycle " + std::to_string(request.cycle);
-  return "cycle " + std::to_string(request.cycle) + ", time step " + std::to_string(request.time_step) +
-         ", stage " + std::to_string(request.stage);
-}
-
 // Runs the command for `request` and waits for it; returns the wait status,
 // or -1 when no process could be started.
 int run_command(const Options& options, const std::string& directory, const project::Request& request) {
@@ -184,7 +178,7 @@ int agent_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
     const bool succeeded = status >= 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
     if (stop_signal != 0 && !succeeded) return 0;
     if (!succeeded) {
-      err << "lockstepctl agent: " << options.command.front() << " failed on " << describe(request) << ": "
+      err << "lockstepctl agent: " << options.command.front() << " failed on " << project::describe(request) << ": "
           << how_it_ended(status) << (options.done_on_failure ? "; reported done anyway" : "; left not done")
           << "\n";
       if (!options.done_on_failure) return 1;

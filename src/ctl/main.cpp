@@ -4,6 +4,7 @@
 #include <string>
 
 #include "ctl/agent.h"
+#include "ctl/report.h"
 
 namespace {
 
@@ -12,6 +13,8 @@ constexpr const char* kHelp =
     "\n"
     "Subcommands:\n"
     "  agent   serve a project directory by running a command once per request\n"
+    "  check   check a run tree before a run\n"
+    "  status  show what a running lockstep is waiting for\n"
     "\n"
     "'lockstepctl SUBCOMMAND --help' describes each.\n";
 
@@ -20,6 +23,8 @@ constexpr const char* kHelp =
 int main(int argc, char** argv) {
   const std::string subcommand = argc > 1 ? argv[1] : "";
   if (subcommand == "agent") return lockstep::ctl::agent_main(argc - 2, argv + 2, std::cout, std::cerr);
+  if (subcommand == "check") return lockstep::ctl::check_main(argc - 2, argv + 2, std::cout, std::cerr);
+  if (subcommand == "status") return lockstep::ctl::status_main(argc - 2, argv + 2, std::cout, std::cerr);
   if (subcommand == "--help" || subcommand == "-h" || subcommand == "help") {
     std::cout << kHelp;
     return 0;

@@ -58,6 +58,12 @@ bool write_small_file(const std::string& path, std::string_view content, int& os
 
 }  // namespace
 
+std::string describe(const Request& request) {
+  if (request.cycle_end()) return "the cycle-end request of cycle " + std::to_string(request.cycle);
+  return "cycle " + std::to_string(request.cycle) + ", time step " + std::to_string(request.time_step) +
+         ", stage " + std::to_string(request.stage);
+}
+
 GoRecord parse_go_record(std::string_view content) {
   if (content.empty() || content.back() != '\n') return {GoRecord::Kind::kIncomplete, {}};
   content.remove_suffix(1);

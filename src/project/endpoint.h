@@ -19,6 +19,9 @@ struct Request {
   bool cycle_end() const { return time_step == -1 && stage == 5; }
 };
 
+// "cycle 1, time step 2, stage 3", or "the cycle-end request of cycle 2".
+std::string describe(const Request& request);
+
 // What a go file holds, read as the driver writes it: a complete line of
 // four integers. Anything else, an empty file or a line still being written
 // included, is kIncomplete or kMalformed.

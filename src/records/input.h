@@ -35,6 +35,8 @@ class InputFile {
 
   bool is_open() const { return descriptor_.valid(); }
   int unit() const { return unit_; }
+  // Records consumed since the open: the line number of the last one read.
+  long records_read() const { return records_read_; }
   // Failure status naming this connection's unit, full path and operation.
   Status failure(int number, std::string_view operation, int os_error = 0) const;
 

@@ -1,0 +1,59 @@
+// A read-only look at a run tree, for lockstepctl check and status: the same
+// readers as the driver's, through a file system that never creates or
+// changes a file.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "project/endpoint.h"
+#include "records/file_system.h"
+
+namespace lockstep::ctl {
+
+// Relative paths are taken from the run directory; opens that would create
+// or write a file are refused, and an open for reading and writing is made
+// read-only.
+class InspectionFileSystem final : public records::FileSystem {
+ public:
+  explicit InspectionFileSystem(std::filesystem::path run_directory);
+  int open(const std::string& path, records::OpenMode mode) override;
+  ssize_t read(int fd, char* buffer, std::size_t size) override { return posix_.read(fd, buffer, size); }
+  ssize_t write(int, const char*, std::size_t) override;
+  int close(int fd) override { return posix_.close(fd); }
+  std::string current_directory() override { return run_directory_.string(); }
+
+ private:
+  std::filesystem::path run_directory_;
+  records::PosixFileSystem posix_;
+};
+
+struct ProjectState {
+  int index = 0;
+  std::string directory;                 // as the driver names it, "../sub1/"
+  std::string program;                   // the interaction record without trailing blanks
+  std::optional<std::int32_t> done;      // go2.dat's first integer
+  std::optional<std::chrono::system_clock::time_point> done_changed;  // go2.dat's modification time
+  project::GoRecord request{project::GoRecord::Kind::kIncomplete, {}};  // what go.dat holds
+  std::vector<std::string> problems;
+};
+
+struct TreeState {
+  std::filesystem::path run_directory;
+  std::optional<std::int32_t> time_step, cycle_num, num_subprojects;
+  std::vector<std::string> settings_problems;
+  std::vector<ProjectState> projects;  // the main project, then the sub projects read
+  std::vector<std::string> run_problems;
+
+  std::size_t problem_count() const;
+};
+
+// Reads the settings and every project's go files. With `interaction`, also
+// each project's interaction record and program, as the check wants them.
+TreeState inspect_tree(const std::filesystem::path& run_directory, bool interaction);
+
+}  // namespace lockstep::ctl
