@@ -32,10 +32,12 @@ std::vector<std::string> agent(const std::filesystem::path& directory, const std
 // Every request of `cycles` cycles of `time_steps` time steps, as logged.
 std::string schedule(int cycles, int time_steps, const std::filesystem::path& directory) {
   std::string log;
-  const std::string tail = " " + std::filesystem::absolute(directory).lexically_normal().string() + "\n";
+  std::string tail = " ";
+  tail.append(std::filesystem::absolute(directory).lexically_normal().string()).append("\n");
   const auto line = [&](int k, int t, int s) {
-    const std::string numbers = std::to_string(k) + " " + std::to_string(t) + " " + std::to_string(s);
-    log += numbers + " | " + numbers + tail;
+    std::string numbers = std::to_string(k);
+    numbers.append(" ").append(std::to_string(t)).append(" ").append(std::to_string(s));
+    log.append(numbers).append(" | ").append(numbers).append(tail);
   };
   for (int k = 1; k <= cycles; ++k) {
     for (int t = 1; t <= time_steps; ++t) {
