@@ -60,11 +60,10 @@ TEST(AgentProgramTest, EveryRequestOnceAndInOrderWhateverTheAnswerSpeed) {
   players.push_back(std::make_unique<Background>(
       agent(tree.project(2), {"--last-cycle", "3"}, "case $3 in 2|5) sleep 0.03;; esac; " + kLogCommand),
       tree.run()));
-  // A project of its own making that reports done in place beside them.
-  players.push_back(std::make_unique<Background>(
-      std::vector<std::string>{FAKE_PROJECT_BINARY, tree.project(3).string(),
-                               (tree.project(3) / "requests.log").string(), "27"},
-      tree.run()));
+  // Beside them a project of its own making, answering after random delays,
+  // in place or by rename.
+  Players in_place(tree);
+  in_place.play(3, 3, 27, {"--random", "SEED"});
 
   const Exit exit = tree.lockstep();
   ASSERT_EQ(exit.status, 0) << exit.err;
@@ -73,6 +72,7 @@ TEST(AgentProgramTest, EveryRequestOnceAndInOrderWhateverTheAnswerSpeed) {
     ASSERT_TRUE(player->wait(std::chrono::seconds(60), &status));
     EXPECT_EQ(status, 0);
   }
+  in_place.finish();
   for (int index = 0; index <= 2; ++index) {
     EXPECT_EQ(read_file(tree.project(index) / "agent.log"), schedule(3, 2, tree.project(index)))
         << "project " << index;

@@ -1,8 +1,9 @@
 // Plays one project for whole-program tests: waits until go2.dat holds the
 // reset record and go.dat a request, appends the go.dat bytes to a log, then
 // reports done. Usage:
-//   fake_project DIR LOG REQUESTS [--rename] [--delay-ms N] [--done TEXT]
-// It ends after REQUESTS requests.
+//   fake_project DIR LOG REQUESTS [--rename] [--random SEED]
+// It ends after REQUESTS requests. --random answers each request after 0 to
+// 2 ms and reports done in place or by rename, at random.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -40,20 +42,25 @@ void write_in_place(const std::string& path, const std::string& content) {
 
 int main(int argc, char** argv) {
   if (argc < 4) {
-    std::fprintf(stderr, "usage: fake_project DIR LOG REQUESTS [--rename] [--delay-ms N] [--done TEXT]\n");
+    std::fprintf(stderr, "usage: fake_project DIR LOG REQUESTS [--rename] [--random SEED]\n");
     return 2;
   }
   const std::string directory = argv[1];
   const std::string log = argv[2];
   const long requests = std::strtol(argv[3], nullptr, 10);
   bool by_rename = false;
-  long delay_ms = 0;
-  std::string done = "0\n";
+  bool random = false;
+  std::mt19937 generator;
   for (int i = 4; i < argc; ++i) {
     if (std::strcmp(argv[i], "--rename") == 0) by_rename = true;
-    if (std::strcmp(argv[i], "--delay-ms") == 0 && i + 1 < argc) delay_ms = std::strtol(argv[++i], nullptr, 10);
-    if (std::strcmp(argv[i], "--done") == 0 && i + 1 < argc) done = std::string(argv[++i]) + "\n";
+    if (std::strcmp(argv[i], "--random") == 0 && i + 1 < argc) {
+      random = true;
+      generator.seed(static_cast<unsigned>(std::strtoul(argv[++i], nullptr, 10)));
+    }
   }
+  const std::string done = "0\n";
+  std::uniform_int_distribution<int> delay_us(0, 2000);
+  std::bernoulli_distribution coin;
   const std::string go = directory + "/go.dat";
   const std::string go2 = directory + "/go2.dat";
 
@@ -68,7 +75,10 @@ int main(int argc, char** argv) {
     if (first_integer(done_file, reset) && reset == -1000 && !request.empty() && request.back() == '\n' &&
         first_integer(request, command) && command == 1) {
       std::ofstream(log, std::ios::app | std::ios::binary) << request;
-      if (delay_ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
+      if (random) {
+        std::this_thread::sleep_for(std::chrono::microseconds(delay_us(generator)));
+        by_rename = coin(generator);
+      }
       if (by_rename) {
         write_in_place(go2 + ".tmp", done);
         if (std::rename((go2 + ".tmp").c_str(), go2.c_str()) != 0) return 3;

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <thread>
 
 #include "handshake/go_files.h"
@@ -31,42 +30,22 @@ class RunProgramTest : public ::testing::Test {
  protected:
   void projects(int last) {
     tree.projects(last);
-    for (int index = 0; index <= last; ++index) {
-      write_file(tree.project(index) / "launch.sh", kLaunchScript);
-      make_executable(tree.project(index) / "launch.sh");
-    }
-  }
-  // Plays projects 0 to `last`, each for `requests` requests; odd ones report
-  // done by rename, even ones in place.
-  void play(int last, int requests) {
-    for (int index = 0; index <= last; ++index) {
-      std::vector<std::string> argv = {FAKE_PROJECT_BINARY, tree.project(index).string(),
-                                       (tree.project(index) / "requests.log").string(), std::to_string(requests)};
-      if (index % 2 == 1) argv.push_back("--rename");
-      players.push_back(std::make_unique<Background>(argv, tree.run()));
-    }
-  }
-  void players_finish() {
-    for (auto& player : players) {
-      int status = -1;
-      ASSERT_TRUE(player->wait(std::chrono::seconds(60), &status));
-      EXPECT_EQ(status, 0);
-    }
+    tree.launch_script(last, kLaunchScript);
   }
 
   RunTree tree;
-  std::vector<std::unique_ptr<Background>> players;
+  Players players{tree};
 };
 
 TEST_F(RunProgramTest, TwoCyclesOfOneTimeStepWithTwelveSubProjects) {
   constexpr int kLast = 12;
   projects(kLast);
   tree.settings(1, 2, kLast);
-  play(kLast, 10);
+  players.play(0, kLast, 10);
   const Exit exit = tree.lockstep();
   ASSERT_EQ(exit.status, 0) << exit.err;
   EXPECT_EQ(exit.err, "");
-  players_finish();
+  players.finish();
 
   std::string expected_out;
   std::string expected_requests;
@@ -95,10 +74,10 @@ TEST_F(RunProgramTest, TwoCyclesOfOneTimeStepWithTwelveSubProjects) {
 TEST_F(RunProgramTest, TimeStepZeroSendsOnlyCycleEnds) {
   projects(1);
   tree.settings(0, 2, 1);
-  play(1, 2);
+  players.play(0, 1, 2);
   const Exit exit = tree.lockstep();
   ASSERT_EQ(exit.status, 0) << exit.err;
-  players_finish();
+  players.finish();
   EXPECT_EQ(exit.out, progress(1, 1, 1) + progress(2, 1, 1));
   EXPECT_EQ(read_file(tree.project(1) / "requests.log"), cycle_end_record(1) + cycle_end_record(2));
   EXPECT_FALSE(std::filesystem::exists(tree.run() / "launches.log"));

@@ -2,7 +2,10 @@
 // "main/", "sub1/", ... beside it.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -35,10 +38,52 @@ class RunTree {
     }
   }
 
-  Exit lockstep() const { return run_program({LOCKSTEP_BINARY}, run()); }
+  // `script` as the executable "launch.sh" in project directories 0 to `last`.
+  void launch_script(int last, const std::string& script) {
+    for (int index = 0; index <= last; ++index) {
+      write_file(project(index) / "launch.sh", script);
+      make_executable(project(index) / "launch.sh");
+    }
+  }
+
+  Exit lockstep(std::chrono::seconds timeout = std::chrono::seconds(120)) const {
+    return run_program({LOCKSTEP_BINARY}, run(), timeout);
+  }
 
  private:
   TempDir root_;
+};
+
+// fake_project playing projects of a tree, each logging the requests it
+// served to requests.log in its directory.
+class Players {
+ public:
+  explicit Players(const RunTree& tree) : tree_(tree) {}
+
+  // Projects first to last, `requests` requests each; `options` go to every
+  // player, "--rename" to the odd ones unless `options` are given.
+  void play(int first, int last, int requests, std::vector<std::string> options = {}) {
+    for (int index = first; index <= last; ++index) {
+      std::vector<std::string> argv = {FAKE_PROJECT_BINARY, tree_.project(index).string(),
+                                       (tree_.project(index) / "requests.log").string(), std::to_string(requests)};
+      if (options.empty() && index % 2 == 1) argv.push_back("--rename");
+      for (const std::string& option : options) argv.push_back(option == "SEED" ? std::to_string(index) : option);
+      players_.push_back(std::make_unique<Background>(argv, tree_.run()));
+    }
+  }
+
+  // Every player has served all its requests and ended.
+  void finish() {
+    for (auto& player : players_) {
+      int status = -1;
+      ASSERT_TRUE(player->wait(std::chrono::seconds(120), &status));
+      EXPECT_EQ(status, 0);
+    }
+  }
+
+ private:
+  const RunTree& tree_;
+  std::vector<std::unique_ptr<Background>> players_;
 };
 
 }  // namespace lockstep::testing

@@ -91,7 +91,7 @@ GoRecord parse_go_record(std::string_view content) {
   return {GoRecord::Kind::kOther, {}};
 }
 
-std::unique_ptr<Endpoint> Endpoint::open(const std::string& directory, std::string& error) {
+std::unique_ptr<Endpoint> Endpoint::open(const std::string& directory, std::string& error, Wakeup wakeup) {
   struct stat info {};
   if (::stat(directory.c_str(), &info) != 0) {
     error = "project directory " + directory + ": " + records::os_error_text(errno);
@@ -106,7 +106,7 @@ std::unique_ptr<Endpoint> Endpoint::open(const std::string& directory, std::stri
     return nullptr;
   }
   // Without inotify the wait still polls; only the prompt wake-up is lost.
-  int watch_fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  int watch_fd = wakeup == Wakeup::kChangesAndPolling ? inotify_init1(IN_NONBLOCK | IN_CLOEXEC) : -1;
   if (watch_fd >= 0 &&
       inotify_add_watch(watch_fd, directory.c_str(), IN_CLOSE_WRITE | IN_MODIFY | IN_MOVED_TO | IN_CREATE) < 0) {
     ::close(watch_fd);
@@ -163,12 +163,16 @@ void Endpoint::sleep_until_change() {
   }
 }
 
+WaitResult Endpoint::poll(Request& request) {
+  if (pending(request)) return WaitResult::kRequest;
+  return error_.empty() ? WaitResult::kStopped : WaitResult::kError;
+}
+
 WaitResult Endpoint::wait(Request& request, const std::function<bool()>& stop) {
   error_.clear();
   malformed_since_.reset();
   for (;;) {
-    if (pending(request)) return WaitResult::kRequest;
-    if (!error_.empty()) return WaitResult::kError;
+    if (const WaitResult result = poll(request); result != WaitResult::kStopped) return result;
     if (stop && stop()) return WaitResult::kStopped;
     sleep_until_change();
   }

@@ -34,6 +34,11 @@ GoRecord parse_go_record(std::string_view content);
 
 enum class WaitResult { kRequest, kStopped, kError };
 
+enum class Wakeup {
+  kChangesAndPolling,  // inotify on the directory, and a poll every millisecond
+  kPollingOnly,        // a poll every millisecond
+};
+
 class Endpoint {
  public:
   // How long go.dat may hold a complete line that is no go record before
@@ -42,7 +47,8 @@ class Endpoint {
 
   // Fails, with the reason in `error`, when the directory is missing or not
   // writable.
-  static std::unique_ptr<Endpoint> open(const std::string& directory, std::string& error);
+  static std::unique_ptr<Endpoint> open(const std::string& directory, std::string& error,
+                                        Wakeup wakeup = Wakeup::kChangesAndPolling);
   ~Endpoint();
   Endpoint(const Endpoint&) = delete;
   Endpoint& operator=(const Endpoint&) = delete;
@@ -52,6 +58,11 @@ class Endpoint {
   // every millisecond besides, for file systems that report no changes.
   // `stop` is asked between polls.
   WaitResult wait(Request& request, const std::function<bool()>& stop = {});
+
+  // One look, without waiting: kRequest with the pending request, kStopped
+  // when there is none yet, kError as for wait. For callers with an event
+  // loop of their own.
+  WaitResult poll(Request& request);
 
   // Reports the pending request done: the done record goes to a temporary
   // file in the directory, which is renamed over go2.dat.

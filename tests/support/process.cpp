@@ -15,8 +15,24 @@
 namespace lockstep::testing {
 namespace {
 
-pid_t spawn(const std::vector<std::string>& argv, const std::filesystem::path& directory, const std::string& out,
+// The programs under test (lockstep, lockstepctl) run behind the words of
+// LOCKSTEP_TEST_WRAPPER when it is set, for instance under valgrind.
+std::vector<std::string> wrapped(const std::vector<std::string>& argv) {
+  const char* wrapper = std::getenv("LOCKSTEP_TEST_WRAPPER");
+  if (wrapper == nullptr || argv.empty() ||
+      std::filesystem::path(argv.front()).filename().string().rfind("lockstep", 0) != 0) {
+    return argv;
+  }
+  std::vector<std::string> words;
+  std::istringstream split(wrapper);
+  for (std::string word; split >> word;) words.push_back(word);
+  words.insert(words.end(), argv.begin(), argv.end());
+  return words;
+}
+
+pid_t spawn(const std::vector<std::string>& command, const std::filesystem::path& directory, const std::string& out,
             const std::string& err) {
+  const std::vector<std::string> argv = wrapped(command);
   const pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
@@ -24,18 +40,17 @@ pid_t spawn(const std::vector<std::string>& argv, const std::filesystem::path& d
     const int null_fd = open("/dev/null", O_RDONLY);
     if (null_fd < 0) _exit(126);
     dup2(null_fd, 0);
-    // Empty names keep the test's own streams.
-    if (!out.empty()) {
-      const int out_fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      const int err_fd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      if (out_fd < 0 || err_fd < 0) _exit(126);
-      dup2(out_fd, 1);
-      dup2(err_fd, 2);
+    // An empty name keeps the test's own stream.
+    for (const auto& [name, target] : {std::pair{&out, 1}, std::pair{&err, 2}}) {
+      if (name->empty()) continue;
+      const int fd = open(name->c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (fd < 0) _exit(126);
+      dup2(fd, target);
     }
     std::vector<char*> args;
     for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
     args.push_back(nullptr);
-    execv(args[0], args.data());
+    execvp(args[0], args.data());
     _exit(127);
   }
   return pid;
@@ -109,7 +124,7 @@ Exit run_program(const std::vector<std::string>& argv, const std::filesystem::pa
 }
 
 Background::Background(const std::vector<std::string>& argv, const std::filesystem::path& directory)
-    : pid_(spawn(argv, directory, "", "")) {}
+    : pid_(spawn(argv, directory, "/dev/null", "")) {}
 
 Background::~Background() {
   if (pid_ > 0) {

@@ -42,7 +42,8 @@ struct Exit {
 Exit run_program(const std::vector<std::string>& argv, const std::filesystem::path& directory,
                  std::chrono::seconds timeout = std::chrono::seconds(120));
 
-// A program running in the background, killed when the object goes.
+// A program running in the background, its standard output discarded and
+// its standard error the test's; killed when the object goes.
 class Background {
  public:
   Background(const std::vector<std::string>& argv, const std::filesystem::path& directory);

@@ -1,0 +1,82 @@
+#!/usr/bin/env bash
+# Builds and runs the benchmarks, then writes their figures into
+# docs/performance.md. They take several minutes; run them on an otherwise
+# idle machine.
+set -euo pipefail
+repo=$(cd "$(dirname "$0")/.." && pwd)
+build="$repo/build/release/bench"
+cmake --preset release -S "$repo" >/dev/null
+cmake --build --preset release >/dev/null
+
+results=$(mktemp -d)
+trap 'rm -rf "$results"' EXIT
+for bench in stage_throughput turnaround footprint; do
+  echo "== $bench"
+  "$build/bench_$bench" --benchmark_out="$results/$bench.json" --benchmark_out_format=json | tee "$results/$bench.txt"
+done
+
+python3 - "$results" "$repo/docs/performance.md" <<'PYTHON'
+import json, sys, platform, os
+results, out = sys.argv[1], sys.argv[2]
+def load(name):
+    with open(os.path.join(results, name + ".json")) as f:
+        return json.load(f)
+def verdict(ok):
+    return "met" if ok else "NOT met"
+throughput = load("stage_throughput")
+turnaround = {b["name"]: b for b in load("turnaround")["benchmarks"]}
+footprint = load("footprint")["benchmarks"][0]
+context = throughput["context"]
+lines = [
+    "# Performance",
+    "",
+    "Written by `bench/run.sh` on %s (%d CPUs, %s); figures move with the machine." % (
+        context["date"][:10], context["num_cpus"], platform.platform()),
+    "",
+    "## Stage throughput against the floor",
+    "",
+    "The floor program (`bench/floor.cpp`) does only what the protocol demands of a stage: the",
+    "progress line, the readiness reads with their 1 ms pauses, one shell launch of a no-op program",
+    "per project, and the go-file writes. Both run on the same tree, answered by the project library,",
+    "alternating within one benchmark run. Target: ratio at most 1.10.",
+    "",
+    "| projects | driver ms/stage | floor ms/stage | ratio | target |",
+    "|---:|---:|---:|---:|---|",
+]
+for b in throughput["benchmarks"]:
+    projects = b["name"].split("projects:")[1].split("/")[0]
+    lines.append("| %s | %.2f | %.2f | %.3f | %s |" % (projects, b["driver_ms_per_stage"], b["floor_ms_per_stage"],
+                                                   b["ratio"], verdict(b["ratio"] <= 1.10)))
+inotify = next(b for n, b in turnaround.items() if "inotify:1" in n)
+polling = next(b for n, b in turnaround.items() if "inotify:0" in n)
+ratio = inotify["median_us"] / polling["median_us"]
+lines += [
+    "",
+    "## Project library turnaround",
+    "",
+    "From the driver's write of a request into go.dat to go2.dat reporting done, 2,000 requests each.",
+    "Target: with inotify, at most half of polling alone (median).",
+    "",
+    "| wake-up | median µs | 99th percentile µs |",
+    "|---|---:|---:|",
+    "| inotify and polling | %.0f | %.0f |" % (inotify["median_us"], inotify["p99_us"]),
+    "| polling alone | %.0f | %.0f |" % (polling["median_us"], polling["p99_us"]),
+    "",
+    "Ratio of the medians: %.2f (%s)." % (ratio, verdict(ratio <= 0.5)),
+    "",
+    "## Footprint while waiting",
+    "",
+    "The driver waiting on a project that never answers, measured over 3 s.",
+    "",
+    "| figure | value | target |",
+    "|---|---:|---|",
+    "| CPU, % of one core | %.2f | below 5: %s |" % (footprint["cpu_percent_of_one_core"],
+                                                      verdict(footprint["cpu_percent_of_one_core"] < 5)),
+    "| peak resident memory, MB | %.2f | below 5: %s |" % (footprint["peak_rss_mb"],
+                                                             verdict(footprint["peak_rss_mb"] < 5)),
+    "",
+]
+with open(out, "w") as f:
+    f.write("\n".join(lines))
+print("wrote", out)
+PYTHON

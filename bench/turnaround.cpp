@@ -1,0 +1,94 @@
+// The project library's turnaround: from the driver's write of a request to
+// go2.dat reporting done, with the library woken by inotify and polling,
+// and by polling alone. Prints the median and 99th percentile of each and
+// the ratio of the medians.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <thread>
+#include <vector>
+
+#include "handshake/go_files.h"
+#include "process.h"
+#include "project/endpoint.h"
+
+namespace lockstep::bench {
+namespace {
+
+double median_of[2];
+
+// In place, as the driver writes.
+void replace(const std::string& path, const std::string& record) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+  static_cast<void>(write(fd, record.data(), record.size()));
+  close(fd);
+}
+
+bool done(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY);
+  if (fd < 0) return false;
+  char buffer[16];
+  const ssize_t n = read(fd, buffer, sizeof buffer);
+  close(fd);
+  return n >= 2 && buffer[0] == '0' && buffer[1] == '\n';
+}
+
+void turnaround(benchmark::State& state) {
+  const bool inotify = state.range(0) == 1;
+  testing::TempDir dir;
+  const std::string go = (dir.path() / "go.dat").string();
+  const std::string go2 = (dir.path() / "go2.dat").string();
+  replace(go2, "0\n");
+  std::string error;
+  const auto endpoint = project::Endpoint::open(
+      dir.path().string(), error, inotify ? project::Wakeup::kChangesAndPolling : project::Wakeup::kPollingOnly);
+  std::atomic<bool> stop = false;
+  std::thread responder([&] {
+    project::Request request;
+    while (endpoint->wait(request, [&] { return stop.load(); }) == project::WaitResult::kRequest) {
+      endpoint->report_done();
+    }
+  });
+
+  std::vector<double> samples;
+  std::int32_t stage = 0;
+  for (auto _ : state) {
+    replace(go, handshake::reset_record());
+    replace(go2, handshake::reset_record());
+    const auto start = std::chrono::steady_clock::now();
+    replace(go, handshake::stage_record(1, 1, ++stage));
+    while (!done(go2)) {
+    }
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    samples.push_back(seconds);
+    state.SetIterationTime(seconds);
+  }
+  stop = true;
+  responder.join();
+
+  std::sort(samples.begin(), samples.end());
+  const double median = samples[samples.size() / 2];
+  state.counters["median_us"] = 1e6 * median;
+  state.counters["p99_us"] = 1e6 * samples[samples.size() * 99 / 100];
+  median_of[inotify ? 1 : 0] = median;
+}
+
+BENCHMARK(turnaround)->ArgName("inotify")->Arg(1)->Arg(0)->Iterations(2000)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+}  // namespace lockstep::bench
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  using lockstep::bench::median_of;
+  if (median_of[0] > 0 && median_of[1] > 0) {
+    std::printf("ratio (median, inotify / polling alone): %.2f\n", median_of[1] / median_of[0]);
+  }
+  return 0;
+}
