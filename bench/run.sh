@@ -70,7 +70,7 @@ lines += [
     "",
     "| figure | value | target |",
     "|---|---:|---|",
-    "| CPU, % of one core | %.2f | below 5: %s |" % (footprint["cpu_percent_of_one_core"],
+    "| CPU, %% of one core | %.2f | below 5: %s |" % (footprint["cpu_percent_of_one_core"],
                                                       verdict(footprint["cpu_percent_of_one_core"] < 5)),
     "| peak resident memory, MB | %.2f | below 5: %s |" % (footprint["peak_rss_mb"],
                                                              verdict(footprint["peak_rss_mb"] < 5)),

@@ -9,20 +9,7 @@
 namespace lockstep::testing {
 namespace {
 
-using handshake::cycle_end_record;
 using handshake::stage_record;
-
-// Every request of a run of `cycles` cycles of `time_steps` time steps.
-std::string requests(int cycles, int time_steps) {
-  std::string all;
-  for (int k = 1; k <= cycles; ++k) {
-    for (int t = 1; t <= time_steps; ++t) {
-      for (int s = 1; s <= 4; ++s) all += stage_record(k, t, s);
-    }
-    all += cycle_end_record(k);
-  }
-  return all;
-}
 
 bool wait_for(const std::function<bool()>& condition, std::chrono::seconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -60,7 +47,7 @@ TEST(FaultTest, ProjectDirectoryRemovedAndRestoredLosesNothing) {
   EXPECT_NE(failing, std::string::npos) << exit.err;
   EXPECT_EQ(exit.err.find("lockstep:"), failing + 1) << exit.err;
   for (int index = 0; index <= 1; ++index) {
-    EXPECT_EQ(read_file(tree.project(index) / "requests.log"), requests(1, 2)) << "project " << index;
+    EXPECT_EQ(read_file(tree.project(index) / "requests.log"), all_requests(1, 2)) << "project " << index;
   }
 }
 
@@ -77,7 +64,7 @@ TEST(FaultTest, InteractionProgramsThatCrashHangOrAreMissing) {
   ASSERT_EQ(exit.status, 0) << exit.err;
   players.finish();
   for (int index = 0; index <= 2; ++index) {
-    EXPECT_EQ(read_file(tree.project(index) / "requests.log"), requests(2, 2)) << "project " << index;
+    EXPECT_EQ(read_file(tree.project(index) / "requests.log"), all_requests(2, 2)) << "project " << index;
   }
 }
 

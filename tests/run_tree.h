@@ -9,9 +9,23 @@
 #include <string>
 #include <vector>
 
+#include "handshake/go_files.h"
 #include "process.h"
 
 namespace lockstep::testing {
+
+// Every request one project receives in a run of `cycles` cycles of
+// `time_steps` time steps, as go.dat holds them, in order.
+inline std::string all_requests(int cycles, int time_steps) {
+  std::string all;
+  for (int k = 1; k <= cycles; ++k) {
+    for (int t = 1; t <= time_steps; ++t) {
+      for (int s = 1; s <= 4; ++s) all += handshake::stage_record(k, t, s);
+    }
+    all += handshake::cycle_end_record(k);
+  }
+  return all;
+}
 
 class RunTree {
  public:

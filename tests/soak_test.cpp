@@ -3,7 +3,6 @@
 // repeated or reordered.
 #include <gtest/gtest.h>
 
-#include "handshake/go_files.h"
 #include "run_tree.h"
 
 namespace lockstep::testing {
@@ -24,13 +23,7 @@ TEST(SoakTest, FiveThousandStagesLoseNothing) {
   EXPECT_EQ(exit.err, "");
   players.finish();
 
-  std::string expected;
-  for (int k = 1; k <= kCycles; ++k) {
-    for (int t = 1; t <= kTimeSteps; ++t) {
-      for (int s = 1; s <= 4; ++s) expected += handshake::stage_record(k, t, s);
-    }
-    expected += handshake::cycle_end_record(k);
-  }
+  const std::string expected = all_requests(kCycles, kTimeSteps);
   for (int index = 0; index <= 2; ++index) {
     EXPECT_TRUE(read_file(tree.project(index) / "requests.log") == expected) << "project " << index;
   }

@@ -54,12 +54,12 @@ int main(int argc, char** argv) {
   std::vector<Block> blocks;
   for (int i = 4; i < argc; ++i) {
     Block block;
-    std::string spec = argv[i];
-    const auto colon = spec.find(':');
-    const auto second = spec.find(':', colon + 1);
-    block.directory = spec.substr(0, colon);
-    block.first = std::strtoul(spec.substr(colon + 1, second - colon - 1).c_str(), nullptr, 10);
-    block.count = std::strtoul(spec.substr(second + 1).c_str(), nullptr, 10);
+    const std::string layout = argv[i];
+    const auto colon = layout.find(':');
+    const auto second = layout.find(':', colon + 1);
+    block.directory = layout.substr(0, colon);
+    block.first = std::strtoul(layout.substr(colon + 1, second - colon - 1).c_str(), nullptr, 10);
+    block.count = std::strtoul(layout.substr(second + 1).c_str(), nullptr, 10);
     if (!load(tree, block) || block.rows.size() != static_cast<std::size_t>(cycles)) {
       std::cerr << "chain_check: " << block.directory << "/chain.csv does not hold " << cycles << " cycle rows\n";
       return 1;
