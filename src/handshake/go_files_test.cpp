@@ -67,14 +67,6 @@ TEST_F(GoFileWriterTest, ResetThenRequestInProjectOrder) {
   EXPECT_EQ(pacer.pauses, 0);
 }
 
-TEST_F(GoFileWriterTest, MainProjectAloneWritesThreeFiles) {
-  GoFileWriter go = writer(0);
-  ASSERT_TRUE(go.reset_all().ok());
-  ASSERT_TRUE(go.send_request(1, 2, 1, true).ok());
-  EXPECT_EQ(fs.log().size(), 9u);
-  EXPECT_EQ(fs.log()[6], "open ../main/go.dat replace");
-}
-
 TEST_F(GoFileWriterTest, ShortFailuresAreRetriedAtOnceAndSilently) {
   GoFileWriter go = writer(1);
   fs.set_file("../sub1/go.dat", "an old and much longer request line\n");

@@ -44,14 +44,5 @@ TEST(LauncherTest, CommandLines) {
   for (const Case& c : cases) EXPECT_EQ(c.line, c.expected) << c.name;
 }
 
-TEST(LauncherTest, TextsKeepTheirFixedLengths) {
-  const Command main = project_command(0, padded("couple.sh"), 1, 2, 3);
-  EXPECT_EQ(main.program.size(), 39u);
-  EXPECT_EQ(main.arguments.size(), 21u);
-  const Command sub12 = project_command(12, padded("couple.sh"), 1, 2, 3);
-  EXPECT_EQ(sub12.program.size(), 40u);
-  EXPECT_EQ(sub12.arguments.size(), 22u);
-}
-
 }  // namespace
 }  // namespace lockstep::launch

@@ -16,9 +16,8 @@ enum class OpenMode {
   kReplace,          // write-only, created when missing, truncated in place
 };
 
-// Descriptors of the standard streams, valid for every implementation.
+// Standard output's descriptor, valid for every implementation.
 inline constexpr int kStandardOutputFd = 1;
-inline constexpr int kStandardErrorFd = 2;
 
 // Every call returns a non-negative result or the negated system error
 // number (-ENOENT, ...).

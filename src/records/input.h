@@ -34,7 +34,6 @@ class InputFile {
   Status close();
 
   bool is_open() const { return descriptor_.valid(); }
-  int unit() const { return unit_; }
   // Records consumed since the open: the line number of the last one read.
   long records_read() const { return records_read_; }
   // Failure status naming this connection's unit, full path and operation.

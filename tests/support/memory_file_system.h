@@ -33,7 +33,6 @@ class MemoryFileSystem final : public records::FileSystem {
   // "open PATH MODE", "write PATH", "close PATH", in order, while `logging`.
   bool logging = true;
   const std::vector<std::string>& log() const { return log_; }
-  void clear_log() { log_.clear(); }
   const std::string& standard_output() const { return standard_output_; }
 
   int open(const std::string& path, records::OpenMode mode) override;

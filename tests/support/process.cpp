@@ -117,7 +117,6 @@ Exit run_program(const std::vector<std::string>& argv, const std::filesystem::pa
   }
   Exit result;
   if (WIFEXITED(raw_status)) result.status = WEXITSTATUS(raw_status);
-  if (WIFSIGNALED(raw_status)) result.signal = WTERMSIG(raw_status);
   result.out = read_file(out);
   result.err = read_file(err);
   return result;

@@ -30,7 +30,6 @@ void make_executable(const std::filesystem::path& path);
 
 struct Exit {
   int status = -1;  // exit status, or -1 when killed by a signal
-  int signal = 0;
   std::string out;
   std::string err;
   // The first line of standard error, without its line feed.
