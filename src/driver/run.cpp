@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "config/interaction.h"
 #include "config/settings.h"
@@ -67,14 +68,15 @@ int run(records::FileSystem& fs, handshake::Pacer& pacer, std::ostream& messages
       for (std::int32_t s = 1; s <= (closing_step ? 1 : kStagesPerTimeStep); ++s) {
         const auto cycle = static_cast<std::int32_t>(k);
         const auto time_step = static_cast<std::int32_t>(t);
-        const std::string context = stage_context(cycle, time_step, s);
-        records::must(records::write_standard_output(fs, progress_line(cycle, time_step, s))
-                          .within("progress line")
-                          .within(context));
-        records::must(handshake::wait_for_readiness(fs, pacer, paths).within(context));
+        // The stage's context is put into words only when something fails.
+        const auto must = [&](records::Status status) {
+          if (!status.ok()) records::die(std::move(status).within(stage_context(cycle, time_step, s)));
+        };
+        must(records::write_standard_output(fs, progress_line(cycle, time_step, s)).within("progress line"));
+        must(handshake::wait_for_readiness(fs, pacer, paths));
         if (!closing_step) launch::launch_programs(interaction, settings.num_subprojects, cycle, time_step, s);
-        records::must(writer.reset_all().within(context));
-        records::must(writer.send_request(cycle, time_step, s, closing_step).within(context));
+        must(writer.reset_all());
+        must(writer.send_request(cycle, time_step, s, closing_step));
       }
     }
   }
