@@ -26,7 +26,7 @@ int main(int argc, char** argv) {
       lockstep::project::Request request;
       const lockstep::project::WaitResult result = endpoint->poll(request);
       if (result == lockstep::project::WaitResult::kError ||
-          (result == lockstep::project::WaitResult::kRequest && !endpoint->report_done())) {
+          (result == lockstep::project::WaitResult::kRequest && endpoint->report_done() != lockstep::project::DoneResult::kDone)) {
         std::cerr << "responder: " << endpoint->error() << "\n";
         return 1;
       }

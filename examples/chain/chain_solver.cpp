@@ -54,8 +54,8 @@ int main(int argc, char** argv) {
 
   std::string error;
   const auto endpoint = lockstep::project::Endpoint::open(directory, error);
-  if (!endpoint) {
-    std::cerr << "chain_solver: " << error << "\n";
+  if (!endpoint || !endpoint->lock()) {
+    std::cerr << "chain_solver: " << (endpoint ? endpoint->error() : error) << "\n";
     return 1;
   }
   chain::Rk4Block block(first, count);
@@ -84,7 +84,7 @@ int main(int argc, char** argv) {
       if (request.stage == 4) ++steps;
       export_boundary(directory, block);
     }
-    if (!endpoint->report_done()) {
+    if (endpoint->report_done() != lockstep::project::DoneResult::kDone) {
       std::cerr << "chain_solver: " << endpoint->error() << "\n";
       return 1;
     }

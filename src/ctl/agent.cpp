@@ -1,6 +1,8 @@
 #include "ctl/agent.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,9 +22,11 @@ namespace lockstep::ctl {
 namespace {
 
 constexpr int kUsageStatus = 2;
+constexpr int kMovedOnStatus = 3;
 
 constexpr const char* kHelp =
-    "usage: lockstepctl agent [--dir DIR] [--last-cycle N] [--done-on-failure] -- COMMAND [ARGS...]\n"
+    "usage: lockstepctl agent [--dir DIR] [--last-cycle N] [--done-on-failure] [--carry-on] [--stdin]\n"
+    "                         -- COMMAND [ARGS...]\n"
     "\n"
     "Serves one project directory: waits for each request of the lockstep driver,\n"
     "runs COMMAND with the cycle, time-step and stage numbers appended (time step -1\n"
@@ -33,10 +37,29 @@ constexpr const char* kHelp =
     "  --dir DIR          the project directory (default: the current directory)\n"
     "  --last-cycle N     stop after the cycle-end request of cycle N\n"
     "  --done-on-failure  report a request done even when COMMAND fails\n"
+    "  --carry-on         when the driver has moved on, say so and serve the request\n"
+    "                     pending now instead of stopping with status 3\n"
+    "  --stdin            give COMMAND the agent's standard input (default: /dev/null);\n"
+    "                     COMMAND then stays in the agent's process group\n"
     "  --help             show this help\n"
     "\n"
-    "SIGINT and SIGTERM stop the agent; a running COMMAND is passed the signal and\n"
-    "its request is left not done.\n";
+    "One agent serves a directory: the agent locks DIR/.lockstep.lock and a second\n"
+    "one is refused, with the PID and host of the first.\n"
+    "\n"
+    "COMMAND runs in a process group of its own and is killed when the agent dies,\n"
+    "even by SIGKILL. SIGINT and SIGTERM stop the agent and reach COMMAND's whole\n"
+    "group; the request is then left not done, whatever COMMAND's exit status.\n"
+    "\n"
+    "The driver waits for a stage for at most 1,000,000 polls, about 17 to 19\n"
+    "minutes, and then goes on as if every project were done. A request served\n"
+    "after that is not reported done: the agent names it and the request pending\n"
+    "now. The same holds for a request that does not come after the last one\n"
+    "served (a driver restarted from the start). Keep every request well under\n"
+    "17 minutes, or split the work over more stages.\n"
+    "\n"
+    "Exit status: 0 when stopped while waiting or after --last-cycle, 1 on an\n"
+    "error or a failed COMMAND, 2 on a usage error, 3 when the driver has moved on,\n"
+    "128+N when signal N interrupted COMMAND.\n";
 
 volatile sig_atomic_t stop_signal = 0;
 
@@ -46,7 +69,7 @@ void install_stop_handlers() {
   struct sigaction action {};
   action.sa_handler = remember_signal;
   sigemptyset(&action.sa_mask);
-  action.sa_flags = 0;  // no SA_RESTART: a blocked waitpid must see the signal
+  action.sa_flags = 0;  // no SA_RESTART: the wait's pause must see the signal
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
 }
@@ -55,6 +78,8 @@ struct Options {
   std::string directory = ".";
   std::optional<long> last_cycle;
   bool done_on_failure = false;
+  bool carry_on = false;
+  bool keep_stdin = false;
   std::vector<std::string> command;
 };
 
@@ -73,6 +98,10 @@ std::string parse(int argc, char** argv, Options& options, bool& help) {
     }
     if (word == "--done-on-failure") {
       options.done_on_failure = true;
+    } else if (word == "--carry-on") {
+      options.carry_on = true;
+    } else if (word == "--stdin") {
+      options.keep_stdin = true;
     } else if (word == "--dir" || word == "--last-cycle") {
       if (i + 1 >= argc) return word + " needs a value";
       const std::string value = argv[++i];
@@ -95,9 +124,36 @@ std::string parse(int argc, char** argv, Options& options, bool& help) {
   return {};
 }
 
-// Runs the command for `request` and waits for it; returns the wait status,
-// or -1 when no process could be started.
-int run_command(const Options& options, const std::string& directory, const project::Request& request) {
+// SIGINT, SIGTERM and SIGCHLD held back while COMMAND runs, so that none of
+// them can slip in between a check and the wait for it.
+class HeldSignals {
+ public:
+  HeldSignals() {
+    sigemptyset(&held_);
+    for (const int signal_number : {SIGINT, SIGTERM, SIGCHLD}) sigaddset(&held_, signal_number);
+    sigprocmask(SIG_BLOCK, &held_, &previous_);
+  }
+  ~HeldSignals() { sigprocmask(SIG_SETMASK, &previous_, nullptr); }
+  HeldSignals(const HeldSignals&) = delete;
+  HeldSignals& operator=(const HeldSignals&) = delete;
+  const sigset_t& held() const { return held_; }
+  const sigset_t& previous() const { return previous_; }
+
+ private:
+  sigset_t held_;
+  sigset_t previous_;
+};
+
+[[noreturn]] void exec_command(const Options& options, const std::string& directory, const project::Request& request,
+                               const HeldSignals& signals, pid_t agent) {
+  if (!options.keep_stdin) setpgid(0, 0);
+  // Dies with the agent, whatever ends it.
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != agent) _exit(127);
+  if (!options.keep_stdin) {
+    const int null_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (null_fd >= 0) dup2(null_fd, STDIN_FILENO);
+  }
   const std::string cycle = std::to_string(request.cycle);
   const std::string time_step = std::to_string(request.time_step);
   const std::string stage = std::to_string(request.stage);
@@ -106,30 +162,41 @@ int run_command(const Options& options, const std::string& directory, const proj
   std::vector<char*> arguments;
   for (std::string& word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
+  setenv("LOCKSTEP_CYCLE", cycle.c_str(), 1);
+  setenv("LOCKSTEP_TIME_STEP", time_step.c_str(), 1);
+  setenv("LOCKSTEP_STAGE", stage.c_str(), 1);
+  setenv("LOCKSTEP_PROJECT_DIR", directory.c_str(), 1);
+  signal(SIGINT, SIG_DFL);
+  signal(SIGTERM, SIG_DFL);
+  sigprocmask(SIG_SETMASK, &signals.previous(), nullptr);
+  execvp(arguments[0], arguments.data());
+  const std::string message =
+      "lockstepctl agent: cannot run " + words.front() + ": " + records::os_error_text(errno) + "\n";
+  static_cast<void>(write(STDERR_FILENO, message.data(), message.size()));
+  _exit(127);
+}
 
+// Runs the command for `request` and waits for it; returns the wait status,
+// or -1 when no process was started. A stop signal that arrives meanwhile
+// is passed to the command's process group and left in stop_signal.
+int run_command(const Options& options, const std::string& directory, const project::Request& request) {
+  const HeldSignals signals;
+  if (stop_signal != 0) return -1;
+  const pid_t agent = getpid();
   const pid_t child = fork();
   if (child < 0) return -1;
-  if (child == 0) {
-    setenv("LOCKSTEP_CYCLE", cycle.c_str(), 1);
-    setenv("LOCKSTEP_TIME_STEP", time_step.c_str(), 1);
-    setenv("LOCKSTEP_STAGE", stage.c_str(), 1);
-    setenv("LOCKSTEP_PROJECT_DIR", directory.c_str(), 1);
-    signal(SIGINT, SIG_DFL);
-    signal(SIGTERM, SIG_DFL);
-    execvp(arguments[0], arguments.data());
-    const std::string message =
-        "lockstepctl agent: cannot run " + words.front() + ": " + records::os_error_text(errno) + "\n";
-    static_cast<void>(write(STDERR_FILENO, message.data(), message.size()));
-    _exit(127);
-  }
-  bool forwarded = false;
+  if (child == 0) exec_command(options, directory, request, signals, agent);
+  // Set from both sides, so that the group exists before any signal to it.
+  if (!options.keep_stdin) setpgid(child, child);
+  const pid_t target = options.keep_stdin ? child : -child;
   for (;;) {
-    int status = 0;
-    if (waitpid(child, &status, 0) == child) return status;
-    if (errno != EINTR) return -1;
-    if (stop_signal != 0 && !forwarded) {
-      kill(child, stop_signal);
-      forwarded = true;
+    const int signal_number = sigwaitinfo(&signals.held(), nullptr);
+    if (signal_number == SIGINT || signal_number == SIGTERM) {
+      stop_signal = signal_number;
+      kill(target, signal_number);
+    } else if (signal_number == SIGCHLD) {
+      int status = 0;
+      if (waitpid(child, &status, WNOHANG) == child) return status;
     }
   }
 }
@@ -157,14 +224,25 @@ int agent_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
 
   std::string reason;
   const auto endpoint = project::Endpoint::open(options.directory, reason);
-  if (!endpoint) {
-    err << "lockstepctl agent: " << reason << "\n";
+  if (!endpoint || !endpoint->lock()) {
+    err << "lockstepctl agent: " << (endpoint ? endpoint->error() : reason) << "\n";
     return 1;
   }
+  endpoint->on_trouble([&err, &endpoint](const std::string& message) {
+    if (message.empty()) {
+      err << "lockstepctl agent: the go files in " << endpoint->directory() << " can be read again\n";
+    } else {
+      err << "lockstepctl agent: " << message << "\n";
+    }
+  });
   std::error_code ignored;
   const std::string absolute = std::filesystem::absolute(options.directory, ignored).lexically_normal().string();
   install_stop_handlers();
 
+  const auto moved_on = [&](const char* what_now) {
+    err << "lockstepctl agent: " << endpoint->error() << (options.carry_on ? what_now : "") << "\n";
+    return options.carry_on ? 0 : kMovedOnStatus;
+  };
   for (;;) {
     project::Request request;
     const project::WaitResult waited = endpoint->wait(request, [] { return stop_signal != 0; });
@@ -173,21 +251,32 @@ int agent_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
       err << "lockstepctl agent: " << endpoint->error() << "\n";
       return 1;
     }
+    if (waited == project::WaitResult::kOutOfOrder) {
+      if (const int status = moved_on("; serving it"); status != 0) return status;
+    }
 
     const int status = run_command(options, absolute, request);
+    if (stop_signal != 0) {
+      err << "lockstepctl agent: stopped by signal " << stop_signal << " while " << options.command.front()
+          << " served " << project::describe(request) << "; left not done\n";
+      return 128 + stop_signal;
+    }
     const bool succeeded = status >= 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    if (stop_signal != 0 && !succeeded) return 0;
     if (!succeeded) {
       err << "lockstepctl agent: " << options.command.front() << " failed on " << project::describe(request) << ": "
           << how_it_ended(status) << (options.done_on_failure ? "; reported done anyway" : "; left not done")
           << "\n";
       if (!options.done_on_failure) return 1;
     }
-    if (!endpoint->report_done()) {
+    const project::DoneResult done = endpoint->report_done();
+    if (done == project::DoneResult::kOverrun) {
+      if (const int moved = moved_on("; going on with the request pending now"); moved != 0) return moved;
+      continue;
+    }
+    if (done == project::DoneResult::kError) {
       err << "lockstepctl agent: " << endpoint->error() << "\n";
       return 1;
     }
-    if (stop_signal != 0) return 0;
     if (request.cycle_end() && options.last_cycle && request.cycle >= *options.last_cycle) return 0;
   }
 }

@@ -23,21 +23,6 @@ constexpr std::chrono::milliseconds kPollInterval{1};
 constexpr std::int32_t kRequestCode = 1;
 constexpr std::int32_t kResetCode = -1000;
 
-// The whole of a small file; empty when it is missing or unreadable, which
-// the caller treats like a file being rewritten.
-std::string read_small_file(records::FileSystem& fs, const std::string& path) {
-  const int fd = fs.open(path, records::OpenMode::kReadOnly);
-  if (fd < 0) return {};
-  records::Descriptor descriptor(fs, fd);
-  std::string content;
-  std::array<char, 256> chunk{};
-  for (;;) {
-    const ssize_t got = fs.read(fd, chunk.data(), chunk.size());
-    if (got <= 0) return content;
-    content.append(chunk.data(), static_cast<std::size_t>(got));
-  }
-}
-
 bool write_small_file(const std::string& path, std::string_view content, int& os_error) {
   records::PosixFileSystem fs;
   const int fd = fs.open(path, records::OpenMode::kReplace);
@@ -56,7 +41,69 @@ bool write_small_file(const std::string& path, std::string_view content, int& os
   return closed == 0;
 }
 
+// The order of the driver's requests within a run: cycle, then time step
+// (the cycle-end request last), then stage.
+std::int64_t position(const Request& request) {
+  const std::int64_t time_step = request.cycle_end() ? std::int64_t{1} << 32 : request.time_step;
+  return (static_cast<std::int64_t>(request.cycle) << 40) + time_step * 8 + request.stage;
+}
+
 }  // namespace
+
+bool comes_after(const Request& later, const Request& earlier) { return position(later) > position(earlier); }
+
+std::string file_kind(unsigned mode) {
+  switch (mode & S_IFMT) {
+    case S_IFIFO: return "a FIFO";
+    case S_IFDIR: return "a directory";
+    case S_IFCHR: return "a character device";
+    case S_IFBLK: return "a block device";
+    case S_IFSOCK: return "a socket";
+    default: return "not a regular file";
+  }
+}
+
+GoFileRead read_go_file(const std::string& path) {
+  GoFileRead result;
+  // O_NONBLOCK: opening a FIFO must not wait for a writer.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    result.os_error = errno;
+    result.outcome = errno == ENOENT ? GoFileRead::Outcome::kMissing : GoFileRead::Outcome::kUnreadable;
+    return result;
+  }
+  records::PosixFileSystem fs;
+  records::Descriptor descriptor(fs, fd);
+  struct stat info {};
+  if (::fstat(fd, &info) != 0) {
+    result.os_error = errno;
+    result.outcome = GoFileRead::Outcome::kUnreadable;
+    return result;
+  }
+  if (!S_ISREG(info.st_mode)) {
+    result.kind = file_kind(info.st_mode);
+    result.outcome = GoFileRead::Outcome::kNotRegular;
+    return result;
+  }
+  std::array<char, kGoFileLimit + 1> buffer{};
+  std::size_t have = 0;
+  while (have < buffer.size()) {
+    const ssize_t got = fs.read(fd, buffer.data() + have, buffer.size() - have);
+    if (got < 0) {
+      result.os_error = static_cast<int>(-got);
+      result.outcome = GoFileRead::Outcome::kUnreadable;
+      return result;
+    }
+    if (got == 0) break;
+    have += static_cast<std::size_t>(got);
+  }
+  if (have > kGoFileLimit) {
+    result.outcome = GoFileRead::Outcome::kTooLong;
+    return result;
+  }
+  result.content.assign(buffer.data(), have);
+  return result;
+}
 
 std::string describe(const Request& request) {
   if (request.cycle_end()) return "the cycle-end request of cycle " + std::to_string(request.cycle);
@@ -121,17 +168,53 @@ Endpoint::~Endpoint() {
   if (watch_fd_ >= 0) ::close(watch_fd_);
 }
 
+bool Endpoint::lock() {
+  lock_ = DirectoryLock::acquire(directory_, error_);
+  return lock_ != nullptr;
+}
+
+// A go file that cannot be read now holds the wait up; past kTroubleGrace
+// the owner hears of it, once per reason.
+bool Endpoint::readable(const GoFileRead& read, const std::string& name) {
+  if (read.outcome != GoFileRead::Outcome::kUnreadable) return true;
+  const auto now = std::chrono::steady_clock::now();
+  if (!trouble_since_) trouble_since_ = now;
+  const std::string message = "cannot read " + directory_ + "/" + name + ": " + records::os_error_text(read.os_error);
+  if (report_trouble_ && now - *trouble_since_ >= kTroubleGrace && message != trouble_reported_) {
+    report_trouble_(message + "; still trying");
+    trouble_reported_ = message;
+  }
+  return false;
+}
+
 bool Endpoint::pending(Request& request) {
-  records::PosixFileSystem fs;
   // go2.dat first: the driver resets go.dat before go2.dat, so once go2.dat
   // holds the reset, go.dat holds the reset or the new request, never the
   // request already served.
-  if (parse_go_record(read_small_file(fs, directory_ + "/go2.dat")).kind != GoRecord::Kind::kReset) {
+  const GoFileRead done = read_go_file(directory_ + "/go2.dat");
+  const GoFileRead go = done.outcome == GoFileRead::Outcome::kRead ? read_go_file(directory_ + "/go.dat") : GoFileRead{};
+  if (!readable(done, "go2.dat") || !readable(go, "go.dat")) return false;
+  trouble_since_.reset();
+  if (!trouble_reported_.empty()) {
+    trouble_reported_.clear();
+    if (report_trouble_) report_trouble_("");
+  }
+  for (const auto& [read, name] : {std::pair{&done, "go2.dat"}, std::pair{&go, "go.dat"}}) {
+    if (read->outcome == GoFileRead::Outcome::kNotRegular) {
+      error_ = directory_ + "/" + name + " is " + read->kind + ", not a regular file";
+      return false;
+    }
+    if (read->outcome == GoFileRead::Outcome::kTooLong) {
+      error_ = directory_ + "/" + name + " is longer than " + std::to_string(kGoFileLimit) +
+               " bytes; a go file holds one short line";
+      return false;
+    }
+  }
+  if (parse_go_record(done.content).kind != GoRecord::Kind::kReset) {
     malformed_since_.reset();
     return false;
   }
-  const std::string content = read_small_file(fs, directory_ + "/go.dat");
-  const GoRecord record = parse_go_record(content);
+  const GoRecord record = parse_go_record(go.content);
   if (record.kind == GoRecord::Kind::kRequest) {
     malformed_since_.reset();
     request = record.request;
@@ -141,7 +224,7 @@ bool Endpoint::pending(Request& request) {
     const auto now = std::chrono::steady_clock::now();
     if (!malformed_since_) malformed_since_ = now;
     if (now - *malformed_since_ >= kMalformedGrace) {
-      error_ = directory_ + "/go.dat holds no request: \"" + content.substr(0, content.size() - 1) + "\"";
+      error_ = directory_ + "/go.dat holds no request: \"" + go.content.substr(0, go.content.size() - 1) + "\"";
     }
   } else {
     malformed_since_.reset();
@@ -164,8 +247,14 @@ void Endpoint::sleep_until_change() {
 }
 
 WaitResult Endpoint::poll(Request& request) {
-  if (pending(request)) return WaitResult::kRequest;
-  return error_.empty() ? WaitResult::kStopped : WaitResult::kError;
+  if (!pending(request)) return error_.empty() ? WaitResult::kStopped : WaitResult::kError;
+  const std::optional<Request> previous = std::exchange(handed_out_, request);
+  if (previous && !comes_after(request, *previous)) {
+    error_ = "the driver asks for " + describe(request) + ", which does not come after " + describe(*previous) +
+             ", the last request served here: was the driver restarted?";
+    return WaitResult::kOutOfOrder;
+  }
+  return WaitResult::kRequest;
 }
 
 WaitResult Endpoint::wait(Request& request, const std::function<bool()>& stop) {
@@ -178,20 +267,42 @@ WaitResult Endpoint::wait(Request& request, const std::function<bool()>& stop) {
   }
 }
 
-bool Endpoint::report_done() {
+DoneResult Endpoint::report_done() {
+  if (!handed_out_) {
+    error_ = "no request has been handed out in " + directory_ + " to report done";
+    return DoneResult::kError;
+  }
+  // Still pending: go2.dat holds the reset and go.dat the same request. The
+  // driver may move on between this look and the rename below; that window
+  // is as short as the two reads.
+  Request current;
+  const bool same = pending(current) && current == *handed_out_;
+  if (!same) {
+    const GoRecord now = parse_go_record(read_go_file(directory_ + "/go.dat").content);
+    if (now.kind == GoRecord::Kind::kRequest && now.request == *handed_out_) {
+      error_ = describe(*handed_out_) + " in " + directory_ + " was reported done meanwhile by another process";
+    } else {
+      error_ = describe(*handed_out_) + " was served too late in " + directory_ +
+               ": the driver no longer waits for it and " +
+               (now.kind == GoRecord::Kind::kRequest ? "now asks for " + describe(now.request)
+                                                     : std::string("has reset the go files")) +
+               "; not reported done";
+    }
+    return DoneResult::kOverrun;
+  }
   const std::string temporary = directory_ + "/.go2.dat." + std::to_string(::getpid()) + ".tmp";
   int os_error = 0;
   if (!write_small_file(temporary, "0\n", os_error)) {
     error_ = "cannot write " + temporary + ": " + records::os_error_text(os_error);
     ::unlink(temporary.c_str());
-    return false;
+    return DoneResult::kError;
   }
   if (::rename(temporary.c_str(), (directory_ + "/go2.dat").c_str()) != 0) {
     error_ = "cannot rename " + temporary + " to go2.dat: " + records::os_error_text(errno);
     ::unlink(temporary.c_str());
-    return false;
+    return DoneResult::kError;
   }
-  return true;
+  return DoneResult::kDone;
 }
 
 }  // namespace lockstep::project

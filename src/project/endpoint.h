@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+#include "project/directory_lock.h"
+
 namespace lockstep::project {
 
 struct Request {
@@ -17,7 +19,11 @@ struct Request {
   std::int32_t time_step = 0;  // -1 in the cycle-end request
   std::int32_t stage = 0;      // 5 in the cycle-end request
   bool cycle_end() const { return time_step == -1 && stage == 5; }
+  bool operator==(const Request&) const = default;
 };
+
+// True when the driver sends `later` after `earlier` in one run.
+bool comes_after(const Request& later, const Request& earlier);
 
 // "cycle 1, time step 2, stage 3", or "the cycle-end request of cycle 2".
 std::string describe(const Request& request);
@@ -32,7 +38,48 @@ struct GoRecord {
 };
 GoRecord parse_go_record(std::string_view content);
 
-enum class WaitResult { kRequest, kStopped, kError };
+// The most of a go file that is ever read; the driver's records are far
+// shorter.
+inline constexpr std::size_t kGoFileLimit = 4096;
+
+// A go file read without blocking and without reading more than
+// kGoFileLimit bytes.
+struct GoFileRead {
+  enum class Outcome {
+    kRead,        // `content` holds the file
+    kMissing,     // no such file
+    kUnreadable,  // cannot be opened or read now (`os_error`)
+    kNotRegular,  // a FIFO, device, directory or socket (`kind`)
+    kTooLong,     // longer than kGoFileLimit
+  };
+  Outcome outcome = Outcome::kRead;
+  std::string content;
+  int os_error = 0;
+  std::string kind;  // "a FIFO", "a directory", ...
+};
+GoFileRead read_go_file(const std::string& path);
+
+// "a FIFO", "a directory", "a character device", ... for a stat mode that
+// is not a regular file's.
+std::string file_kind(unsigned mode);
+
+enum class WaitResult {
+  kRequest,
+  kStopped,
+  kError,
+  // A request that does not come after the last one handed out here: the
+  // driver was restarted, or the tree reset. `request` holds it and it is
+  // handed out; serving it is the caller's decision.
+  kOutOfOrder,
+};
+
+enum class DoneResult {
+  kDone,
+  kError,
+  // The request handed out is no longer pending (the driver stopped waiting
+  // for it, or the tree was reset): nothing was written.
+  kOverrun,
+};
 
 enum class Wakeup {
   kChangesAndPolling,  // inotify on the directory, and a poll every millisecond
@@ -44,6 +91,8 @@ class Endpoint {
   // How long go.dat may hold a complete line that is no go record before
   // waiting turns into an error.
   static constexpr std::chrono::seconds kMalformedGrace{2};
+  // How long a go file may stay unreadable before `on_trouble` hears of it.
+  static constexpr std::chrono::seconds kTroubleGrace{2};
 
   // Fails, with the reason in `error`, when the directory is missing or not
   // writable.
@@ -53,6 +102,15 @@ class Endpoint {
   Endpoint(const Endpoint&) = delete;
   Endpoint& operator=(const Endpoint&) = delete;
 
+  // Takes the directory's lock, so that no other endpoint serves it; false
+  // with the reason in error() when another holds it.
+  bool lock();
+
+  // Called with a message when a go file has been unreadable for
+  // kTroubleGrace (permission, no descriptors left), and with an empty
+  // message once it can be read again. The wait goes on meanwhile.
+  void on_trouble(std::function<void(const std::string&)> report) { report_trouble_ = std::move(report); }
+
   // Blocks until a request is pending: go2.dat holds the reset record and
   // go.dat a request. Wakes at once when the directory changes and polls
   // every millisecond besides, for file systems that report no changes.
@@ -60,27 +118,34 @@ class Endpoint {
   WaitResult wait(Request& request, const std::function<bool()>& stop = {});
 
   // One look, without waiting: kRequest with the pending request, kStopped
-  // when there is none yet, kError as for wait. For callers with an event
-  // loop of their own.
+  // when there is none yet, kError or kOutOfOrder as for wait. For callers
+  // with an event loop of their own.
   WaitResult poll(Request& request);
 
-  // Reports the pending request done: the done record goes to a temporary
-  // file in the directory, which is renamed over go2.dat.
-  bool report_done();
+  // Reports the request handed out done, if it is still the one pending:
+  // the done record goes to a temporary file in the directory, which is
+  // renamed over go2.dat.
+  DoneResult report_done();
 
   const std::string& directory() const { return directory_; }
-  // The reason for the last kError or failed report_done.
+  // The reason for the last kError, kOutOfOrder, kOverrun or failed lock.
   const std::string& error() const { return error_; }
 
  private:
   Endpoint(std::string directory, int watch_fd);
   bool pending(Request& request);
+  bool readable(const GoFileRead& read, const std::string& name);
   void sleep_until_change();
 
   std::string directory_;
   int watch_fd_;  // inotify descriptor, or -1 where none could be had
   std::string error_;
   std::optional<std::chrono::steady_clock::time_point> malformed_since_;
+  std::optional<Request> handed_out_;
+  std::unique_ptr<DirectoryLock> lock_;
+  std::function<void(const std::string&)> report_trouble_;
+  std::optional<std::chrono::steady_clock::time_point> trouble_since_;
+  std::string trouble_reported_;
 };
 
 }  // namespace lockstep::project

@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <unistd.h>
+
 #include <atomic>
+#include <functional>
 #include <thread>
 
 #include "handshake/go_files.h"
@@ -90,12 +93,129 @@ TEST(EndpointTest, ActsOnlyOnARequestAfterTheResetAndReportsByRename) {
 
   struct stat before {};
   ASSERT_EQ(stat(go2.c_str(), &before), 0);
-  ASSERT_TRUE(endpoint->report_done()) << endpoint->error();
+  ASSERT_EQ(endpoint->report_done(), DoneResult::kDone) << endpoint->error();
   struct stat after {};
   ASSERT_EQ(stat(go2.c_str(), &after), 0);
   EXPECT_NE(after.st_ino, before.st_ino);
   EXPECT_EQ(read_file(go2), "0\n");
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 2) << "temporary file left";
+}
+
+TEST(EndpointTest, RequestsComeInTheDriversOrder) {
+  const Request order[] = {{1, 1, 1}, {1, 1, 4}, {1, 2, 1}, {1, 9, 4}, {1, -1, 5}, {2, 1, 1}, {2, -1, 5}};
+  for (std::size_t i = 0; i < std::size(order); ++i) {
+    for (std::size_t j = 0; j < std::size(order); ++j) {
+      EXPECT_EQ(comes_after(order[j], order[i]), j > i) << describe(order[j]) << " after " << describe(order[i]);
+    }
+  }
+}
+
+// The driver moving on under a project: a request served after the driver
+// stopped waiting, after the tree was reset, after another process reported
+// it, and a request earlier than the last one served.
+TEST(EndpointTest, NothingIsReportedDoneOnceTheDriverHasMovedOn) {
+  testing::TempDir dir;
+  const auto go = dir.path() / "go.dat";
+  const auto go2 = dir.path() / "go2.dat";
+  std::string error;
+  const auto endpoint = Endpoint::open(dir.path().string(), error);
+  ASSERT_TRUE(endpoint) << error;
+  Request request;
+  EXPECT_EQ(endpoint->report_done(), DoneResult::kError);
+
+  const auto hand_out = [&](const std::string& record) {
+    write_file(go2, reset_record());
+    write_file(go, record);
+    return endpoint->wait(request);
+  };
+  struct Case {
+    std::string after_handing_out;  // go2.dat, then go.dat; empty: untouched
+    std::string go2, go;
+    std::string error;
+  };
+  const std::string where = " in " + dir.path().string();
+  const Case cases[] = {
+      {"next request", reset_record(), stage_record(1, 1, 2),
+       "cycle 1, time step 1, stage 1 was served too late" + where +
+           ": the driver no longer waits for it and now asks for cycle 1, time step 1, stage 2; not reported done"},
+      {"reset only", reset_record(), reset_record(),
+       "cycle 1, time step 1, stage 1 was served too late" + where +
+           ": the driver no longer waits for it and has reset the go files; not reported done"},
+      {"done by another", "0\n", stage_record(1, 1, 1),
+       "cycle 1, time step 1, stage 1" + where + " was reported done meanwhile by another process"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.after_handing_out);
+    testing::TempDir fresh;
+    const auto own = Endpoint::open(fresh.path().string(), error);
+    write_file(fresh.path() / "go2.dat", reset_record());
+    write_file(fresh.path() / "go.dat", stage_record(1, 1, 1));
+    ASSERT_EQ(own->wait(request), WaitResult::kRequest);
+    write_file(fresh.path() / "go2.dat", c.go2);
+    write_file(fresh.path() / "go.dat", c.go);
+    EXPECT_EQ(own->report_done(), DoneResult::kOverrun);
+    std::string expected = c.error;
+    expected.replace(expected.find(where), where.size(), " in " + fresh.path().string());
+    EXPECT_EQ(own->error(), expected);
+    EXPECT_EQ(read_file(fresh.path() / "go2.dat"), c.go2);
+  }
+
+  // A driver restarted from the start: the request is handed out, and named.
+  ASSERT_EQ(hand_out(stage_record(1, 2, 1)), WaitResult::kRequest);
+  ASSERT_EQ(endpoint->report_done(), DoneResult::kDone);
+  EXPECT_EQ(hand_out(stage_record(1, 2, 1)), WaitResult::kOutOfOrder);
+  EXPECT_EQ(hand_out(stage_record(1, 1, 1)), WaitResult::kOutOfOrder);
+  EXPECT_EQ(endpoint->error(),
+            "the driver asks for cycle 1, time step 1, stage 1, which does not come after cycle 1, time step 2, "
+            "stage 1, the last request served here: was the driver restarted?");
+  EXPECT_EQ(endpoint->report_done(), DoneResult::kDone);
+  EXPECT_EQ(hand_out(cycle_end_record(1)), WaitResult::kRequest);
+}
+
+TEST(EndpointTest, GoFilesThatAreNoSmallRegularFilesAreErrorsAtOnce) {
+  struct Case {
+    const char* name;
+    std::function<void(const std::filesystem::path&)> plant;
+    std::string error;
+  };
+  const Case cases[] = {
+      {"FIFO", [](const std::filesystem::path& go) { ASSERT_EQ(mkfifo(go.c_str(), 0666), 0); },
+       "/go.dat is a FIFO, not a regular file"},
+      {"device", [](const std::filesystem::path& go) { std::filesystem::create_symlink("/dev/zero", go); },
+       "/go.dat is a character device, not a regular file"},
+      {"directory", [](const std::filesystem::path& go) { std::filesystem::create_directory(go); },
+       "/go.dat is a directory, not a regular file"},
+      {"long", [](const std::filesystem::path& go) { write_file(go, std::string(1 << 20, ' ')); },
+       "/go.dat is longer than 4096 bytes; a go file holds one short line"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    testing::TempDir dir;
+    write_file(dir.path() / "go2.dat", reset_record());
+    c.plant(dir.path() / "go.dat");
+    std::string error;
+    const auto endpoint = Endpoint::open(dir.path().string(), error);
+    Request request;
+    EXPECT_EQ(endpoint->wait(request), WaitResult::kError);
+    EXPECT_EQ(endpoint->error(), dir.path().string() + c.error);
+  }
+}
+
+TEST(EndpointTest, OneLockHolderPerDirectory) {
+  testing::TempDir dir;
+  std::string error;
+  auto first = Endpoint::open(dir.path().string(), error);
+  const auto second = Endpoint::open(dir.path().string(), error);
+  ASSERT_TRUE(first->lock()) << first->error();
+  EXPECT_FALSE(second->lock());
+  char host[256] = {};
+  gethostname(host, sizeof host - 1);
+  EXPECT_EQ(second->error(), dir.path().string() + " is already served by PID " + std::to_string(getpid()) +
+                                 " on host " + host + " (it holds " + dir.path().string() +
+                                 "/.lockstep.lock); stop that one first");
+  // Released when its holder goes, as the kernel does when a holder dies.
+  first.reset();
+  EXPECT_TRUE(second->lock()) << second->error();
 }
 
 TEST(EndpointTest, AGoFileThatStaysMalformedIsAnError) {

@@ -27,16 +27,30 @@ lockstep_project* lockstep_project_open(const char* directory, char* error, int 
   return new lockstep_project{std::move(endpoint)};
 }
 
+int lockstep_project_lock(lockstep_project* project) {
+  return project->endpoint->lock() ? LOCKSTEP_PROJECT_OK : LOCKSTEP_PROJECT_ERROR;
+}
+
 int lockstep_project_wait(lockstep_project* project, int* cycle, int* time_step, int* stage) {
+  using lockstep::project::WaitResult;
   lockstep::project::Request request;
-  if (project->endpoint->wait(request) != lockstep::project::WaitResult::kRequest) return -1;
+  const WaitResult result = project->endpoint->wait(request);
+  if (result != WaitResult::kRequest && result != WaitResult::kOutOfOrder) return LOCKSTEP_PROJECT_ERROR;
   *cycle = request.cycle;
   *time_step = request.time_step;
   *stage = request.stage;
-  return 0;
+  return result == WaitResult::kRequest ? LOCKSTEP_PROJECT_OK : LOCKSTEP_PROJECT_OUT_OF_ORDER;
 }
 
-int lockstep_project_done(lockstep_project* project) { return project->endpoint->report_done() ? 0 : -1; }
+int lockstep_project_done(lockstep_project* project) {
+  using lockstep::project::DoneResult;
+  switch (project->endpoint->report_done()) {
+    case DoneResult::kDone: return LOCKSTEP_PROJECT_OK;
+    case DoneResult::kOverrun: return LOCKSTEP_PROJECT_OVERRUN;
+    case DoneResult::kError: break;
+  }
+  return LOCKSTEP_PROJECT_ERROR;
+}
 
 const char* lockstep_project_error(const lockstep_project* project) { return project->endpoint->error().c_str(); }
 

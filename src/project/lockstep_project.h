@@ -1,5 +1,6 @@
 /* C interface to a lockstep project directory, for C, and for Fortran through
- * iso_c_binding. Functions that return int return 0 on success. */
+ * iso_c_binding. Functions that return int return LOCKSTEP_PROJECT_OK (0) on
+ * success and a negative code otherwise; lockstep_project_error tells why. */
 #ifndef LOCKSTEP_PROJECT_H
 #define LOCKSTEP_PROJECT_H
 
@@ -7,17 +8,33 @@
 extern "C" {
 #endif
 
+#define LOCKSTEP_PROJECT_OK 0
+#define LOCKSTEP_PROJECT_ERROR (-1)
+/* lockstep_project_wait: the request does not come after the last one
+ * served (the driver was restarted); its numbers are returned all the same,
+ * and serving it is the caller's decision. */
+#define LOCKSTEP_PROJECT_OUT_OF_ORDER (-2)
+/* lockstep_project_done: the driver no longer waits for the request (it
+ * stopped waiting, or the tree was reset); nothing was written. */
+#define LOCKSTEP_PROJECT_OVERRUN (-3)
+
 typedef struct lockstep_project lockstep_project;
 
 /* Opens the project directory; NULL when it is missing or not writable, with
  * the reason in `error` (at most `error_size` bytes, zero-terminated). */
 lockstep_project* lockstep_project_open(const char* directory, char* error, int error_size);
 
+/* Takes the directory's lock, so that no other process serves it. Returns
+ * 0, or -1 when another process holds it (the error names it). */
+int lockstep_project_lock(lockstep_project* project);
+
 /* Waits for the next request. Returns 0 with the request's numbers (time step
- * -1 and stage 5 for the cycle-end request), or -1 on an error. */
+ * -1 and stage 5 for the cycle-end request), LOCKSTEP_PROJECT_OUT_OF_ORDER,
+ * or -1 on an error. */
 int lockstep_project_wait(lockstep_project* project, int* cycle, int* time_step, int* stage);
 
-/* Reports the request done. Returns 0, or -1 on an error. */
+/* Reports the request done. Returns 0, LOCKSTEP_PROJECT_OVERRUN, or -1 on an
+ * error. */
 int lockstep_project_done(lockstep_project* project);
 
 /* The reason for the last error, zero-terminated. */

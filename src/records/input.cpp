@@ -10,6 +10,9 @@ namespace lockstep::records {
 namespace {
 
 constexpr std::size_t kInitialBuffer = 4096;
+// Far beyond any real record; what reaches it is a device or a runaway file,
+// and it must end in a diagnostic, not in exhausted memory.
+constexpr std::size_t kRecordLimit = std::size_t{64} << 20;
 
 bool is_list_blank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
@@ -65,7 +68,12 @@ Status InputFile::next_record(std::string_view operation, std::string_view& reco
       end_ -= begin_;
       begin_ = 0;
     }
-    if (end_ == buffer_.size()) buffer_.resize(2 * buffer_.size());
+    if (end_ == buffer_.size()) {
+      if (buffer_.size() >= kRecordLimit) {
+        return failure(error::kReadError, context() + ": no line end within the first 64 MiB");
+      }
+      buffer_.resize(2 * buffer_.size());
+    }
 
     const std::size_t asked = buffer_.size() - end_;
     const ssize_t got = fs_.read(descriptor_.get(), buffer_.data() + end_, asked);
