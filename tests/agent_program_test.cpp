@@ -1,9 +1,11 @@
 // lockstepctl agent, and the C interface from Fortran, serving projects of
 // real lockstep runs.
 #include <signal.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <thread>
 
@@ -121,7 +123,7 @@ TEST_F(AgentAloneTest, UsageAndHelp) {
   const Case cases[] = {
       {{LOCKSTEPCTL_BINARY, "--help"}, 0, "usage: lockstepctl SUBCOMMAND [OPTIONS]"},
       {{LOCKSTEPCTL_BINARY, "agent", "--help"}, 0,
-       "usage: lockstepctl agent [--dir DIR] [--last-cycle N] [--done-on-failure] -- COMMAND [ARGS...]"},
+       "usage: lockstepctl agent [--dir DIR] [--last-cycle N] [--done-on-failure] [--carry-on] [--stdin]"},
       {{LOCKSTEPCTL_BINARY}, 2, "lockstepctl: no subcommand given"},
       {{LOCKSTEPCTL_BINARY, "frobnicate"}, 2, "lockstepctl: unknown subcommand \"frobnicate\""},
       {{LOCKSTEPCTL_BINARY, "agent"}, 2, "lockstepctl agent: no command given after \"--\""},
@@ -136,6 +138,151 @@ TEST_F(AgentAloneTest, UsageAndHelp) {
     const std::string& stream = c.status == 0 ? exit.out : exit.err;
     EXPECT_EQ(stream.substr(0, stream.find('\n')), c.first_line);
   }
+}
+
+// A command that marks its start and runs until the test lets it go.
+const std::string kHeldCommand =
+    "touch \"$LOCKSTEP_PROJECT_DIR/started.$3\"; "
+    "while [ ! -e \"$LOCKSTEP_PROJECT_DIR/release\" ]; do sleep 0.01; done; " + kLogCommand;
+
+// Gone, or a zombie waiting for its parent: it runs no more.
+bool gone(pid_t pid) {
+  const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+  return stat.empty() || stat.find(") Z ") != std::string::npos;
+}
+
+std::string host_name() {
+  char host[256] = {};
+  gethostname(host, sizeof host - 1);
+  return host;
+}
+
+// The driver stops waiting while the command still runs, and resets and
+// hands out the next request: the late request is never reported done.
+TEST_F(AgentAloneTest, ARequestServedAfterTheDriverMovedOnIsNotReportedDone) {
+  for (const bool carry_on : {false, true}) {
+    SCOPED_TRACE(carry_on ? "--carry-on" : "by default");
+    for (const char* name : {"release", "started.1", "started.2", "agent.log"}) std::filesystem::remove(project() / name);
+    write_file(project() / "go2.dat", reset_record());
+    write_file(project() / "go.dat", stage_record(1, 1, 1));
+    std::vector<std::string> options = {"--last-cycle", "1"};
+    if (carry_on) options.push_back("--carry-on");
+    Exit exit;
+    std::thread agent_run([&] { exit = run_program(agent(project(), options, kHeldCommand), dir.path()); });
+    ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(project() / "started.1"); }));
+    write_file(project() / "go.dat", reset_record());
+    write_file(project() / "go2.dat", reset_record());
+    write_file(project() / "go.dat", stage_record(1, 1, 2));
+    write_file(project() / "release", "");
+    if (carry_on) {
+      // Serves the request pending now; the cycle end lets it stop.
+      EXPECT_TRUE(wait_until([&] { return read_file(project() / "go2.dat") == "0\n"; }));
+      write_file(project() / "go2.dat", reset_record());
+      write_file(project() / "go.dat", handshake::cycle_end_record(1));
+    }
+    agent_run.join();
+    const std::string late = "lockstepctl agent: cycle 1, time step 1, stage 1 was served too late in " +
+                             project().string() +
+                             ": the driver no longer waits for it and now asks for cycle 1, time step 1, stage 2; "
+                             "not reported done";
+    EXPECT_EQ(exit.err, late + (carry_on ? "; going on with the request pending now\n" : "\n"));
+    EXPECT_EQ(exit.status, carry_on ? 0 : 3);
+    EXPECT_EQ(read_file(project() / "go2.dat"), carry_on ? "0\n" : reset_record());
+  }
+}
+
+// A driver restarted from the start hands out (1, 1, 1) again after the
+// project served it: not served twice.
+TEST_F(AgentAloneTest, ARequestThatComesBeforeTheLastOneServedIsRefused) {
+  Exit exit;
+  std::thread agent_run([&] { exit = run_program(agent(project(), {}, kLogCommand), dir.path()); });
+  ASSERT_TRUE(wait_until([&] { return read_file(project() / "go2.dat") == "0\n"; }));
+  write_file(project() / "go.dat", reset_record());
+  write_file(project() / "go2.dat", reset_record());
+  write_file(project() / "go.dat", stage_record(1, 1, 1));
+  agent_run.join();
+  EXPECT_EQ(exit.status, 3);
+  EXPECT_EQ(exit.err, "lockstepctl agent: the driver asks for cycle 1, time step 1, stage 1, which does not come "
+                      "after cycle 1, time step 1, stage 1, the last request served here: was the driver "
+                      "restarted?\n");
+  EXPECT_EQ(read_file(project() / "go2.dat"), reset_record());
+  const std::string log = read_file(project() / "agent.log");
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
+}
+
+// A graceful command traps SIGTERM and exits 0; its request is still not
+// done, and its own children go with it.
+TEST_F(AgentAloneTest, AnInterruptedRequestIsNotDoneWhateverTheExitStatus) {
+  Background served(agent(project(), {},
+                          "trap 'exit 0' TERM; "
+                          "sh -c 'echo $$ > \"$LOCKSTEP_PROJECT_DIR/grandchild\"; exec sleep 300' & wait"),
+                    dir.path());
+  ASSERT_TRUE(wait_until([&] { return !read_file(project() / "grandchild").empty(); }));
+  const pid_t grandchild = std::stoi(read_file(project() / "grandchild"));
+  served.signal(SIGTERM);
+  int status = -1;
+  ASSERT_TRUE(served.wait(kStall, &status));
+  EXPECT_EQ(status, 128 + SIGTERM);
+  EXPECT_EQ(read_file(project() / "go2.dat"), reset_record());
+  EXPECT_TRUE(wait_until([&] { return gone(grandchild); }));
+}
+
+// kill -9 of an agent takes its command along and leaves no stale lock: an
+// agent started next serves the request, once. A second agent beside a
+// live one is refused.
+TEST_F(AgentAloneTest, OneAgentPerDirectoryAndNoneOutlivedByItsCommand) {
+  auto first = std::make_unique<Background>(
+      agent(project(), {}, "echo $$ > \"$LOCKSTEP_PROJECT_DIR/command.pid\"; exec sleep 300"), dir.path());
+  ASSERT_TRUE(wait_until([&] { return !read_file(project() / "command.pid").empty(); }));
+  const pid_t command = std::stoi(read_file(project() / "command.pid"));
+
+  const Exit second = run_program(agent(project(), {}, kLogCommand), dir.path());
+  EXPECT_EQ(second.status, 1);
+  EXPECT_EQ(second.err, "lockstepctl agent: " + project().string() + " is already served by PID " +
+                            std::to_string(first->pid()) + " on host " + host_name() + " (it holds " +
+                            project().string() + "/.lockstep.lock); stop that one first\n");
+
+  const auto killed = std::chrono::steady_clock::now();
+  first.reset();  // SIGKILL
+  ASSERT_TRUE(wait_until([&] { return gone(command); }));
+  RecordProperty("command_gone_after_ms", static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                               std::chrono::steady_clock::now() - killed)
+                                                               .count()));
+  Background next(agent(project(), {}, kLogCommand), dir.path());
+  EXPECT_TRUE(wait_until([&] { return read_file(project() / "go2.dat") == "0\n"; }));
+  EXPECT_EQ(read_file(project() / "agent.log"), "1 1 1 | 1 1 1 " + project().string() + "\n");
+}
+
+// The command's standard input is /dev/null unless --stdin asks for the
+// agent's.
+TEST_F(AgentAloneTest, StandardInputOnlyWhenAsked) {
+  for (const bool keep : {false, true}) {
+    write_file(project() / "go2.dat", reset_record());
+    write_file(project() / "go.dat", handshake::cycle_end_record(1));
+    std::string command = "echo typed | " + std::string(LOCKSTEPCTL_BINARY) + " agent --dir " + project().string() +
+                          " --last-cycle 1" + (keep ? " --stdin" : "") +
+                          " -- sh -c 'cat > \"$LOCKSTEP_PROJECT_DIR/stdin\"'";
+    const Exit exit = run_program({"sh", "-c", command}, dir.path());
+    EXPECT_EQ(exit.status, 0) << exit.err;
+    EXPECT_EQ(read_file(project() / "stdin"), keep ? "typed\n" : "") << (keep ? "--stdin" : "by default");
+  }
+}
+
+// Out of descriptors, the agent says so within seconds and keeps trying.
+TEST_F(AgentAloneTest, AGoFileThatCannotBeOpenedIsReportedAndRetried) {
+  const auto err = dir.path() / "err";
+  Background served({"sh", "-c",
+                     "exec 2> " + err.string() + " 3>&- 4>&-; ulimit -n 5; exec " + std::string(LOCKSTEPCTL_BINARY) +
+                         " agent --dir " + project().string() + " -- true"},
+                    dir.path());
+  const std::string message = "lockstepctl agent: cannot read " + project().string() +
+                              "/go2.dat: Too many open files; still trying\n";
+  EXPECT_TRUE(wait_until([&] { return read_file(err) == message; })) << read_file(err);
+  served.signal(SIGTERM);
+  int status = -1;
+  ASSERT_TRUE(served.wait(kStall, &status));
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(read_file(project() / "go2.dat"), reset_record());
 }
 
 TEST(FortranProjectTest, ServesARunThroughTheCInterface) {

@@ -1,6 +1,7 @@
 // lockstepctl check and status on run trees, good, faulty and frozen mid-run.
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -20,7 +21,9 @@ using handshake::stage_record;
 std::map<std::string, std::string> snapshot(const std::filesystem::path& root) {
   std::map<std::string, std::string> files;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
-    files[entry.path().string()] = entry.is_regular_file() ? read_file(entry.path()) : "<directory>";
+    files[entry.path().string()] = entry.is_symlink()        ? "<link>"
+                                   : entry.is_regular_file() ? read_file(entry.path())
+                                                             : "<not regular>";
   }
   return files;
 }
@@ -54,13 +57,26 @@ TEST_F(CheckTest, AGoodTreeIsReady) {
   EXPECT_EQ(snapshot(tree.run().parent_path()), before);
 }
 
-TEST_F(CheckTest, EachPlantedFaultIsNamedAndNothingChanges) {
+// Peak memory of a tool that read a FIFO or /dev/zero, well below what the
+// first megabytes of an endless file would take.
+constexpr long kMemoryBoundKib = 400 * 1024;
+
+TEST_F(CheckTest, EachPlantedFaultIsNamedWithItsFixAndNothingChanges) {
   struct Case {
     const char* name;
     std::function<void(RunTree&)> plant;
-    std::string problem;  // a line of the report
+    std::string line;  // of the report; {root} is the tree, {real} the tree with links resolved
+    int problems = 1;
   };
   const auto sub = [](RunTree& t, int index) { return t.project(index); };
+  const auto fifo = [](const std::filesystem::path& path) {
+    std::filesystem::remove(path);
+    ASSERT_EQ(mkfifo(path.c_str(), 0666), 0);
+  };
+  const auto zero = [](const std::filesystem::path& path) {
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink("/dev/zero", path);
+  };
   const Case cases[] = {
       {"settings missing", [](RunTree& t) { std::filesystem::remove(t.run() / "analysis_settings.dat"); },
        "  analysis_settings.dat is missing"},
@@ -69,6 +85,17 @@ TEST_F(CheckTest, EachPlantedFaultIsNamedAndNothingChanges) {
       {"key missing", [](RunTree& t) { t.settings("time_step=\n1\nnum_subprojects=\n2\n"); },
        "  analysis_settings.dat: key \"cycle_num=\" not found (the file ends at line 4)"},
       {"too many sub projects", [](RunTree& t) { t.settings(3, 2, 101); }, "  num_subprojects is 101; the limit is 100"},
+      {"negative sub projects", [](RunTree& t) { t.settings(3, 2, -1); },
+       "  num_subprojects is -1, below 0: write 0 for the main project alone"},
+      {"no cycles", [](RunTree& t) { t.settings(3, 0, 2); },
+       "  cycle_num is 0: lockstep would run no stage; write the number of cycles, 1 or more"},
+      {"negative time steps", [](RunTree& t) { t.settings(-5, 2, 2); },
+       "  time_step is -5: lockstep would run no stage; write the number of time steps per cycle, 0 or more"},
+      {"settings a FIFO", [&](RunTree& t) { fifo(t.run() / "analysis_settings.dat"); },
+       "  analysis_settings.dat is a FIFO, not a regular file: replace it with one (rm {root}/run/analysis_settings.dat)"},
+      {"settings a device", [&](RunTree& t) { zero(t.run() / "analysis_settings.dat"); },
+       "  analysis_settings.dat is a character device, not a regular file: replace it with one (rm "
+       "{root}/run/analysis_settings.dat)"},
       {"project directory missing", [&](RunTree& t) { std::filesystem::remove_all(sub(t, 2)); },
        "sub2: project directory ../sub2/ is missing"},
       {"interaction file missing",
@@ -76,6 +103,9 @@ TEST_F(CheckTest, EachPlantedFaultIsNamedAndNothingChanges) {
        "sub1: CalculateInteraction.dat is missing"},
       {"interaction file empty", [&](RunTree& t) { write_file(sub(t, 1) / "CalculateInteraction.dat", ""); },
        "sub1: CalculateInteraction.dat is empty"},
+      {"interaction file a FIFO", [&](RunTree& t) { fifo(sub(t, 1) / "CalculateInteraction.dat"); },
+       "sub1: CalculateInteraction.dat is a FIFO, not a regular file: replace it with a file whose first line "
+       "names the program (rm {root}/sub1/CalculateInteraction.dat)"},
       {"first line too long",
        [&](RunTree& t) {
          write_file(sub(t, 1) / "CalculateInteraction.dat", std::string(30, 'a') + "b.sh\n");
@@ -96,44 +126,157 @@ TEST_F(CheckTest, EachPlantedFaultIsNamedAndNothingChanges) {
        },
        "sub2: the program name \"step$1.sh\" holds characters the shell treats specially (\" $ ` \\)"},
       {"go2.dat missing", [&](RunTree& t) { std::filesystem::remove(sub(t, 1) / "go2.dat"); },
-       "sub1: go2.dat is missing"},
+       "sub1: go2.dat is missing: run 'lockstepctl check --fix' to create it reporting done"},
       {"go2.dat garbage", [&](RunTree& t) { write_file(sub(t, 1) / "go2.dat", "busy\n"); },
        "sub1: go2.dat holds no integer"},
+      {"go2.dat empty", [&](RunTree& t) { write_file(sub(t, 2) / "go2.dat", ""); },
+       "sub2: go2.dat is empty, as a killed lockstep leaves it: lockstep would wait for it forever; run "
+       "'lockstepctl check --fix'"},
+      {"go2.dat a FIFO", [&](RunTree& t) { fifo(sub(t, 1) / "go2.dat"); },
+       "sub1: go2.dat is a FIFO, not a regular file: remove it (rm {root}/sub1/go2.dat) and run 'lockstepctl check "
+       "--fix'"},
+      {"go2.dat a device", [&](RunTree& t) { zero(sub(t, 1) / "go2.dat"); },
+       "sub1: go2.dat is a symbolic link to /dev/zero, outside the run tree: lockstep would overwrite that file; "
+       "replace the link with a regular file (rm {root}/sub1/go2.dat)",
+       2},
+      {"go.dat a directory", [&](RunTree& t) { std::filesystem::create_directory(sub(t, 2) / "go.dat"); },
+       "sub2: go.dat is a directory, not a regular file: remove it (rmdir {root}/sub2/go.dat)"},
+      {"go.dat a FIFO", [&](RunTree& t) { fifo(sub(t, 0) / "go.dat"); },
+       "main: go.dat is a FIFO, not a regular file: remove it (rm {root}/main/go.dat)"},
+      {"go.dat linked out of the tree",
+       [&](RunTree& t) {
+         write_file(t.run() / "../elsewhere.dat", "");
+         std::filesystem::create_symlink("../elsewhere.dat", sub(t, 0) / "go.dat");
+       },
+       "main: go.dat is a symbolic link to {real}/elsewhere.dat, outside the run tree: lockstep would overwrite "
+       "that file; replace the link with a regular file (rm {root}/main/go.dat)"},
+      {"go.dat linked within the tree",
+       [&](RunTree& t) { std::filesystem::create_symlink("../run/main-go.dat", sub(t, 0) / "go.dat"); },
+       "main: warning: go.dat is a symbolic link to {real}/run/main-go.dat: lockstep writes through it", 0},
       {"first stage would wait", [&](RunTree& t) { write_file(sub(t, 1) / "go2.dat", reset_record()); },
-       "the done values add up to -1000, not 0: the first stage would wait; not done: ../sub1/ (-1000)"},
+       "the done values add up to -1000, not 0: the first stage would wait; not done: ../sub1/ (-1000); after a "
+       "crash, run 'lockstepctl check --fix' to report them done"},
       {"request left in go.dat", [&](RunTree& t) { write_file(sub(t, 2) / "go.dat", stage_record(1, 2, 3)); },
-       "sub2: go.dat holds a request from an earlier run (cycle 1, time step 2, stage 3)"},
+       "sub2: go.dat holds a request from an earlier run (cycle 1, time step 2, stage 3): a project started before "
+       "lockstep would serve it again; remove it (rm {root}/sub2/go.dat)"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     GoodTree fresh;
     c.plant(fresh.tree);
-    const auto before = snapshot(fresh.tree.run().parent_path());
+    const std::filesystem::path root = fresh.tree.run().parent_path();
+    std::string line = c.line;
+    for (const auto& [name, value] : {std::pair{std::string("{root}"), std::filesystem::absolute(root).string()},
+                                      std::pair{std::string("{real}"), std::filesystem::canonical(root).string()}}) {
+      for (std::size_t at; (at = line.find(name)) != std::string::npos;) line.replace(at, name.size(), value);
+    }
+    const auto before = snapshot(root);
     const Exit exit = fresh.check();
-    EXPECT_EQ(exit.status, 1);
-    EXPECT_NE(exit.out.find("\n" + c.problem + "\n"), std::string::npos) << exit.out;
-    EXPECT_NE(exit.out.find("\nnot ready: 1 problem\n"), std::string::npos) << exit.out;
-    EXPECT_EQ(snapshot(fresh.tree.run().parent_path()), before);
+    EXPECT_EQ(exit.status, c.problems == 0 ? 0 : 1);
+    EXPECT_NE(exit.out.find("\n" + line + "\n"), std::string::npos) << exit.out;
+    EXPECT_NE(exit.out.find(c.problems == 0 ? "\nready: " : "\nnot ready: " + std::to_string(c.problems) +
+                                                                (c.problems == 1 ? " problem\n" : " problems\n")),
+              std::string::npos)
+        << exit.out;
+    EXPECT_LT(exit.max_rss_kib, kMemoryBoundKib);
+    EXPECT_EQ(snapshot(root), before);
   }
 }
 
-TEST_F(CheckTest, EveryProblemIsReportedAtOnceAlsoAsJson) {
-  std::filesystem::remove(tree.project(1) / "go2.dat");
+// Every problem at once; what files hold reaches the terminal as visible
+// escapes and the JSON as valid UTF-8.
+TEST_F(CheckTest, EveryProblemAtOnceEscapedForTheTerminalAndAsJson) {
+  write_file(tree.project(1) / "CalculateInteraction.dat", "st\x1b]0;x\x07" "ep\xff.sh\n");
   std::filesystem::remove(tree.project(2) / "step.sh");
   const Exit text = check();
   EXPECT_EQ(text.status, 1);
-  EXPECT_NE(text.out.find("sub1: go2.dat is missing\nsub2: program ../sub2/step.sh is missing\n\nnot ready: 2 problems"),
+  EXPECT_NE(text.out.find("sub1: program ../sub1/st\\x1b]0;x\\x07ep\\xff.sh is missing\n"
+                          "sub2: program ../sub2/step.sh is missing\n\nnot ready: 2 problems"),
             std::string::npos)
       << text.out;
+  EXPECT_EQ(text.out.find_first_of("\x1b\x07\xff"), std::string::npos);
 
   const Exit json = check({"--json"});
   EXPECT_EQ(json.status, 1);
   EXPECT_EQ(json.out.rfind("{\"run_directory\":", 0), 0u);
   EXPECT_NE(json.out.find("\"ready\":false"), std::string::npos);
-  EXPECT_NE(json.out.find("{\"index\":1,\"directory\":\"../sub1/\",\"program\":\"step.sh\",\"done\":null,"
-                          "\"problems\":[\"go2.dat is missing\"]}"),
+  EXPECT_NE(json.out.find("{\"index\":1,\"directory\":\"../sub1/\",\"program\":\"st\\u001b]0;x\\u0007ep\\ufffd.sh\","
+                          "\"done\":0,\"problems\":[\"program ../sub1/st\\u001b]0;x\\u0007ep\\ufffd.sh is missing\"],"
+                          "\"warnings\":[]}"),
             std::string::npos)
       << json.out;
+  EXPECT_EQ(json.out.find('\xff'), std::string::npos);
+}
+
+// As another user than root, who may write anywhere: the tree is handed to
+// nobody and the check runs as nobody.
+TEST_F(CheckTest, ReadOnlyProjectDirectoryAndGoFile) {
+  std::vector<std::string> argv = {LOCKSTEPCTL_BINARY, "check", "run"};
+  if (geteuid() == 0) {
+    if (access("/usr/bin/setpriv", X_OK) != 0) GTEST_SKIP() << "setpriv is needed to run as another user";
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(tree.run().parent_path())) {
+      ASSERT_EQ(lchown(entry.path().c_str(), 65534, 65534), 0);
+    }
+    argv.insert(argv.begin(), {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+  }
+  const auto read_only = std::filesystem::perms::owner_read | std::filesystem::perms::owner_exec |
+                         std::filesystem::perms::group_read | std::filesystem::perms::others_read |
+                         std::filesystem::perms::others_exec;
+  std::filesystem::permissions(tree.project(1), read_only);
+  std::filesystem::permissions(tree.project(2) / "go2.dat", std::filesystem::perms::owner_read);
+  const Exit exit = run_program(argv, tree.run().parent_path());
+  const std::string root = std::filesystem::absolute(tree.run().parent_path()).string();
+  EXPECT_EQ(exit.status, 1);
+  EXPECT_NE(exit.out.find("\nsub1: project directory ../sub1/ is not writable: the project cannot report done by "
+                          "rename and lockstep cannot create its go files; make it writable (chmod u+w " +
+                          root + "/sub1)\nsub2: go2.dat is not writable: lockstep would retry writing it forever; "
+                          "make it writable (chmod u+w " + root + "/sub2/go2.dat)\n\nnot ready: 2 problems\n"),
+            std::string::npos)
+      << exit.out;
+}
+
+// A driver at work in the run directory: check names it, --fix refuses to
+// touch the tree, status follows it; once it is gone status says so.
+TEST_F(CheckTest, ASecondDriverIsFoundAndFixWaitsForIt) {
+  auto driver = tree.stand_in_driver();
+  const std::string pid = std::to_string(driver->pid());
+  write_file(tree.project(1) / "go2.dat", reset_record());
+  const auto before = snapshot(tree.run().parent_path());
+  const Exit exit = check();
+  EXPECT_EQ(exit.status, 1);
+  EXPECT_NE(exit.out.find("\nlockstep is already running in this run directory (PID " + pid +
+                          "): a second driver would lose stages; wait for it to end or stop it (kill " + pid + ")\n"),
+            std::string::npos)
+      << exit.out;
+  const Exit fix = check({"--fix"});
+  EXPECT_EQ(fix.status, 1);
+  EXPECT_EQ(fix.err, "lockstepctl check: lockstep is running in " +
+                         std::filesystem::absolute(tree.run()).string() + " (PID " + pid +
+                         "); --fix changes nothing while it runs\n");
+  EXPECT_EQ(snapshot(tree.run().parent_path()), before);
+}
+
+// What a killed driver and killed projects leave behind, made ready for a
+// fresh start, with nothing else touched.
+TEST_F(CheckTest, FixPreparesACrashedTreeAndListsWhatItChanged) {
+  write_file(tree.project(0) / "go.dat", stage_record(1, 2, 3));
+  write_file(tree.project(0) / "go2.dat", reset_record());
+  write_file(tree.project(1) / "go2.dat", "");
+  write_file(tree.project(2) / ".go2.dat.4242.tmp", "0\n");
+  write_file(tree.project(2) / "go2.dat", "0\n");
+  const Exit exit = check({"--fix"});
+  EXPECT_EQ(exit.out.substr(0, exit.out.find("\n\n")),
+            "wrote 0 into ../main/go2.dat (it held -1000)\n"
+            "wrote 0 into ../sub1/go2.dat\n"
+            "removed ../sub2/.go2.dat.4242.tmp\n"
+            "changed 3 files");
+  for (int index = 0; index <= 2; ++index) EXPECT_EQ(read_file(tree.project(index) / "go2.dat"), "0\n");
+  EXPECT_FALSE(std::filesystem::exists(tree.project(2) / ".go2.dat.4242.tmp"));
+  EXPECT_EQ(read_file(tree.project(0) / "go.dat"), stage_record(1, 2, 3));
+  // What is left is what --fix does not touch.
+  EXPECT_EQ(exit.status, 1);
+  EXPECT_NE(exit.out.find("\nnot ready: 1 problem\n"), std::string::npos) << exit.out;
+  EXPECT_EQ(check({"--fix"}).out.substr(0, 18), "nothing to change\n");
 }
 
 TEST(StatusTest, NamesTheProjectHoldingAFrozenRun) {
@@ -147,9 +290,12 @@ TEST(StatusTest, NamesTheProjectHoldingAFrozenRun) {
   const timespec times[2] = {{time(nullptr) - 90, 0}, {time(nullptr) - 90, 0}};
   ASSERT_EQ(utimensat(AT_FDCWD, held.c_str(), times, 0), 0);
   const auto before = snapshot(tree.run().parent_path());
+  const auto driver = tree.stand_in_driver();
 
   const Exit exit = run_program({LOCKSTEPCTL_BINARY, "status", tree.run().string()}, tree.run());
   EXPECT_EQ(exit.status, 0);
+  EXPECT_NE(exit.out.find("\nlockstep: running (PID " + std::to_string(driver->pid()) + ")\n"), std::string::npos)
+      << exit.out;
   EXPECT_NE(exit.out.find("request: cycle 1, time step 2, stage 3\n"
                           "position: cycle 1 of 2, time step 2 of 3, stage 3 of 4; 6 of 26 stages done\n"),
             std::string::npos)
@@ -162,6 +308,102 @@ TEST(StatusTest, NamesTheProjectHoldingAFrozenRun) {
   EXPECT_LT(held_for, 150.0);
   EXPECT_NE(exit.out.find("\nwaiting for: sub1\n"), std::string::npos) << exit.out;
   EXPECT_EQ(snapshot(tree.run().parent_path()), before);
+}
+
+// Without a driver, status tells a finished run from a stopped one, counts
+// exactly at the largest settings, and --watch ends by itself.
+TEST(StatusTest, StoppedCompleteAndHugeRuns) {
+  struct Case {
+    const char* name;
+    int time_step, cycle_num;
+    std::string go, go2;  // of both projects
+    std::string lines;    // that the report holds
+  };
+  const std::string stopped =
+      "\nlockstep has stopped before the end of the run; after a crash, 'lockstepctl check --fix' prepares the "
+      "tree for a fresh start\n";
+  const Case cases[] = {
+      {"stopped between reset and request", 3, 2, reset_record(), reset_record(),
+       "request: none yet (../main/go.dat holds no request)\n"},
+      {"stopped between reset and request", 3, 2, reset_record(), reset_record(), stopped},
+      {"stopped mid-run", 3, 2, stage_record(1, 2, 3), reset_record(), "; 6 of 26 stages done\n"},
+      {"stopped mid-run", 3, 2, stage_record(1, 2, 3), reset_record(), stopped},
+      {"complete", 3, 2, handshake::cycle_end_record(2), "0\n", "; 26 of 26 stages done\n"},
+      {"complete", 3, 2, handshake::cycle_end_record(2), "0\n", "\nthe run is complete\n"},
+      {"largest schedule", 2147483647, 2147483647, handshake::cycle_end_record(2147483647), "0\n",
+       "; 18446744058677166083 of 18446744058677166083 stages done\n"},
+      {"outside the schedule", 3, 2, stage_record(5, 1, 1), reset_record(),
+       "position: outside the schedule of analysis_settings.dat\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    RunTree tree;
+    tree.projects(1);
+    tree.settings(c.time_step, c.cycle_num, 1);
+    for (int index = 0; index <= 1; ++index) {
+      write_file(tree.project(index) / "go.dat", c.go);
+      write_file(tree.project(index) / "go2.dat", c.go2);
+    }
+    const Exit exit = run_program({LOCKSTEPCTL_BINARY, "status", "--watch"}, tree.run());
+    EXPECT_EQ(exit.status, 0);
+    EXPECT_NE(exit.out.find("\nlockstep: not running in this directory on this machine (other machines were not "
+                            "looked at)\n"),
+              std::string::npos)
+        << exit.out;
+    EXPECT_NE(exit.out.find(c.lines), std::string::npos) << exit.out;
+    EXPECT_EQ(exit.out.find("waiting for"), std::string::npos) << exit.out;
+  }
+}
+
+// FIFOs and endless devices where go files and settings belong: every tool
+// says what is wrong, in bounded time and memory.
+TEST(HostileFilesTest, NoToolBlocksOrRunsOutOfMemory) {
+  struct Case {
+    const char* name;
+    std::string file;                // relative to the tree
+    bool fifo;                       // else a link to /dev/zero
+    std::vector<std::string> argv;   // run in run/
+    int status;
+    std::string text;                // in standard output or error
+  };
+  const std::string check = LOCKSTEPCTL_BINARY;
+  const auto agent = [](const std::string& more) {
+    return std::vector<std::string>{LOCKSTEPCTL_BINARY, "agent", "--dir", "../main", "--", "sh", "-c", more};
+  };
+  const Case cases[] = {
+      {"status, go.dat a FIFO", "main/go.dat", true, {check, "status"}, 0,
+       "request: none yet (../main/go.dat holds no request)"},
+      {"status, go2.dat a device", "main/go2.dat", false, {check, "status"}, 0, "main    ?       go2.dat is a character device"},
+      {"status, settings a FIFO", "run/analysis_settings.dat", true, {check, "status"}, 1,
+       "settings: analysis_settings.dat is a FIFO"},
+      {"agent, go.dat a FIFO", "main/go.dat", true, agent("true"), 1,
+       "lockstepctl agent: ../main/go.dat is a FIFO, not a regular file\n"},
+      {"agent, go.dat a device", "main/go.dat", false, agent("true"), 1,
+       "lockstepctl agent: ../main/go.dat is a character device, not a regular file\n"},
+      {"agent, go2.dat a FIFO", "main/go2.dat", true, agent("true"), 1,
+       "lockstepctl agent: ../main/go2.dat is a FIFO, not a regular file\n"},
+      {"driver, settings a device", "run/analysis_settings.dat", false, {LOCKSTEP_BINARY}, 39,
+       "recio: severe (39): error during read, unit 23, file "},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    RunTree tree;
+    tree.projects(0);
+    tree.settings(1, 1, 0);
+    write_file(tree.project(0) / "go.dat", stage_record(1, 1, 1));
+    write_file(tree.project(0) / "go2.dat", reset_record());
+    const auto path = tree.run().parent_path() / c.file;
+    std::filesystem::remove(path);
+    if (c.fifo) {
+      ASSERT_EQ(mkfifo(path.c_str(), 0666), 0);
+    } else {
+      std::filesystem::create_symlink("/dev/zero", path);
+    }
+    const Exit exit = run_program(c.argv, tree.run());
+    EXPECT_EQ(exit.status, c.status) << exit.out << exit.err;
+    EXPECT_NE((exit.out + exit.err).find(c.text), std::string::npos) << exit.out << exit.err;
+    EXPECT_LT(exit.max_rss_kib, kMemoryBoundKib);
+  }
 }
 
 }  // namespace

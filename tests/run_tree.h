@@ -60,8 +60,15 @@ class RunTree {
     }
   }
 
-  Exit lockstep(std::chrono::seconds timeout = std::chrono::seconds(120)) const {
-    return run_program({LOCKSTEP_BINARY}, run(), timeout);
+  Exit lockstep() const { return run_program({LOCKSTEP_BINARY}, run()); }
+
+  // A process that `lockstepctl` takes for a driver working in run/; it
+  // ends with the object.
+  std::unique_ptr<Background> stand_in_driver() const {
+    auto driver = std::make_unique<Background>(std::vector<std::string>{"bash", "-c", "exec -a lockstep sleep 600"}, run());
+    const std::string comm = "/proc/" + std::to_string(driver->pid()) + "/comm";
+    EXPECT_TRUE(wait_until([&] { return read_file(comm) == "sleep\n"; }));
+    return driver;
   }
 
  private:

@@ -2,11 +2,23 @@
 
 #include <cstdio>
 
+#include "ctl/text.h"
+
 namespace lockstep::ctl::json {
 
 std::string quoted(std::string_view text) {
   std::string out = "\"";
-  for (const char c : text) {
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    const char c = text[at];
+    // JSON is UTF-8: a byte that is not part of it becomes U+FFFD.
+    if (const std::size_t length = text::utf8_length(text, at); length == 0) {
+      out += "\\ufffd";
+      continue;
+    } else if (length > 1) {
+      out.append(text.substr(at, length));
+      at += length - 1;
+      continue;
+    }
     switch (c) {
       case '"': out += "\\\""; break;
       case '\\': out += "\\\\"; break;

@@ -4,7 +4,8 @@
 #include <string>
 
 #include "ctl/agent.h"
-#include "ctl/report.h"
+#include "ctl/check.h"
+#include "ctl/status.h"
 
 namespace {
 

@@ -1,15 +1,16 @@
 #include "ctl/tree.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <fstream>
-#include <sstream>
 
 #include "config/interaction.h"
 #include "config/project_tree.h"
 #include "config/settings.h"
+#include "ctl/drivers.h"
 #include "records/input.h"
 #include "records/status.h"
 
@@ -29,11 +30,31 @@ std::string settings_problem(const records::Status& status, std::string_view key
     case records::error::kSyntaxError: return where + ": line " + std::to_string(line) + " holds no integer";
     case records::error::kConversionError:
       return where + ": the value on line " + std::to_string(line) + " is outside -2147483648 to 2147483647";
-    default: return status.headline();
+    default:
+      if (status.os_error() == EFBIG) return "analysis_settings.dat is too large to be a settings file (more than 1 MiB)";
+      return status.headline();
   }
 }
 
+// Why the file at `path` (followed through links) cannot be one lockstep
+// reads or writes as a text file; empty when it is a regular file or absent.
+std::string not_regular(const std::filesystem::path& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0 || S_ISREG(info.st_mode)) return {};
+  return project::file_kind(info.st_mode);
+}
+
+std::string removal(const std::filesystem::path& path, bool directory) {
+  return (directory ? "rmdir " : "rm ") + path.string();
+}
+
 void read_settings(records::FileSystem& fs, TreeState& tree) {
+  const std::filesystem::path file = tree.run_directory / "analysis_settings.dat";
+  if (const std::string kind = not_regular(file); !kind.empty()) {
+    tree.settings_problems.push_back("analysis_settings.dat is " + kind + ", not a regular file: replace it with one (" +
+                                     removal(file, kind == "a directory") + ")");
+    return;
+  }
   std::optional<std::int32_t>* fields[] = {&tree.time_step, &tree.cycle_num, &tree.num_subprojects};
   for (std::size_t i = 0; i < config::kSettingKeys.size(); ++i) {
     config::KeySearch search;
@@ -58,9 +79,34 @@ void read_settings(records::FileSystem& fs, TreeState& tree) {
   }
 }
 
+// Settings that lockstep accepts but under which it does not do what anyone
+// would want.
+void judge_settings(TreeState& tree) {
+  if (tree.num_subprojects && *tree.num_subprojects < 0) {
+    tree.settings_problems.push_back("num_subprojects is " + std::to_string(*tree.num_subprojects) +
+                                     ", below 0: write 0 for the main project alone");
+  }
+  if (tree.cycle_num && *tree.cycle_num <= 0) {
+    tree.settings_problems.push_back("cycle_num is " + std::to_string(*tree.cycle_num) +
+                                     ": lockstep would run no stage; write the number of cycles, 1 or more");
+  }
+  if (tree.time_step && *tree.time_step < 0) {
+    tree.settings_problems.push_back("time_step is " + std::to_string(*tree.time_step) +
+                                     ": lockstep would run no stage; write the number of time steps per cycle, "
+                                     "0 or more");
+  }
+}
+
 bool holds_shell_specials(const std::string& text) { return text.find_first_of("\"$`\\") != std::string::npos; }
 
 void check_interaction(records::FileSystem& fs, const std::filesystem::path& run, ProjectState& project) {
+  const std::filesystem::path path = run / project.directory / "CalculateInteraction.dat";
+  if (const std::string kind = not_regular(path); !kind.empty()) {
+    project.problems.push_back("CalculateInteraction.dat is " + kind +
+                               ", not a regular file: replace it with a file whose first line names the program (" +
+                               removal(path.lexically_normal(), kind == "a directory") + ")");
+    return;
+  }
   records::InputFile file(fs);
   std::string line;
   records::Status status =
@@ -105,29 +151,79 @@ void check_interaction(records::FileSystem& fs, const std::filesystem::path& run
 
 void read_go_files(records::FileSystem& fs, const std::filesystem::path& run, ProjectState& project) {
   const std::string go2 = project.directory + "go2.dat";
-  records::InputFile file(fs);
-  std::optional<std::int32_t> done = -1;
-  records::Status status = file.open(records::unit::kProjectFile, go2, records::Access::kRead);
-  if (status.ok()) status = file.read_integer(done);
-  if (status.number() == records::error::kFileNotFound) {
-    project.problems.push_back("go2.dat is missing");
-  } else if (status.number() == records::error::kPermissionDenied) {
-    project.problems.push_back("go2.dat cannot be read: permission denied");
-  } else if (!status.ok()) {
-    project.problems.push_back("go2.dat holds no integer");
+  const std::filesystem::path go2_path = (run / go2).lexically_normal();
+  if (const std::string kind = not_regular(go2_path); !kind.empty()) {
+    project.problems.push_back("go2.dat is " + kind + ", not a regular file: remove it (" +
+                               removal(go2_path, kind == "a directory") + ") and run 'lockstepctl check --fix'");
   } else {
-    project.done = done;
+    records::InputFile file(fs);
+    std::optional<std::int32_t> done = -1;
+    records::Status status = file.open(records::unit::kProjectFile, go2, records::Access::kRead);
+    if (status.ok()) status = file.read_integer(done);
     struct stat info {};
-    if (::stat((run / go2).c_str(), &info) == 0) {
-      project.done_changed = std::chrono::system_clock::time_point(
-          std::chrono::seconds(info.st_mtim.tv_sec) + std::chrono::nanoseconds(info.st_mtim.tv_nsec));
+    if (status.number() == records::error::kFileNotFound) {
+      project.problems.push_back("go2.dat is missing: run 'lockstepctl check --fix' to create it reporting done");
+    } else if (status.number() == records::error::kPermissionDenied) {
+      project.problems.push_back("go2.dat cannot be read: permission denied");
+    } else if (status.end_of_file()) {
+      project.problems.push_back("go2.dat is empty, as a killed lockstep leaves it: lockstep would wait for it "
+                                 "forever; run 'lockstepctl check --fix'");
+    } else if (!status.ok()) {
+      project.problems.push_back("go2.dat holds no integer");
+    } else {
+      project.done = done;
+      if (::stat(go2_path.c_str(), &info) == 0) {
+        project.done_changed = std::chrono::system_clock::time_point(
+            std::chrono::seconds(info.st_mtim.tv_sec) + std::chrono::nanoseconds(info.st_mtim.tv_nsec));
+      }
     }
   }
 
-  std::ifstream in(run / (project.directory + "go.dat"), std::ios::binary);
-  std::ostringstream content;
-  content << in.rdbuf();
-  project.request = project::parse_go_record(content.str());
+  const std::filesystem::path go_path = (run / project.directory / "go.dat").lexically_normal();
+  const project::GoFileRead go = project::read_go_file(go_path.string());
+  if (go.outcome == project::GoFileRead::Outcome::kNotRegular) {
+    project.problems.push_back("go.dat is " + go.kind + ", not a regular file: remove it (" +
+                               removal(go_path, go.kind == "a directory") + ")");
+  }
+  project.request = project::parse_go_record(go.content);
+}
+
+// What lockstep's writes into the project directory would meet: a directory
+// it cannot write, go files it cannot write, links that lead its writes
+// elsewhere.
+void check_writes(const std::filesystem::path& run, const std::vector<std::filesystem::path>& tree_directories,
+                  ProjectState& project) {
+  std::filesystem::path directory = (run / project.directory).lexically_normal();
+  if (!directory.has_filename()) directory = directory.parent_path();
+  if (::access(directory.c_str(), W_OK) != 0) {
+    project.problems.push_back("project directory " + project.directory +
+                               " is not writable: the project cannot report done by rename and lockstep cannot "
+                               "create its go files; make it writable (chmod u+w " + directory.string() + ")");
+  }
+  for (const char* name : {"go.dat", "go2.dat"}) {
+    const std::filesystem::path path = directory / name;
+    std::error_code error;
+    if (std::filesystem::is_symlink(path, error)) {
+      const std::filesystem::path link = std::filesystem::read_symlink(path, error);
+      const std::filesystem::path target = std::filesystem::weakly_canonical(directory / link, error);
+      const bool inside = std::any_of(tree_directories.begin(), tree_directories.end(), [&](const auto& root) {
+        const auto [end, ignored] = std::mismatch(root.begin(), root.end(), target.begin(), target.end());
+        return end == root.end();
+      });
+      if (inside) {
+        project.warnings.push_back(std::string(name) + " is a symbolic link to " + target.string() +
+                                   ": lockstep writes through it");
+      } else {
+        project.problems.push_back(std::string(name) + " is a symbolic link to " + target.string() +
+                                   ", outside the run tree: lockstep would overwrite that file; replace the link "
+                                   "with a regular file (rm " + path.string() + ")");
+      }
+    }
+    if (::access(path.c_str(), F_OK) == 0 && not_regular(path).empty() && ::access(path.c_str(), W_OK) != 0) {
+      project.problems.push_back(std::string(name) + " is not writable: lockstep would retry writing it "
+                                 "forever; make it writable (chmod u+w " + path.string() + ")");
+    }
+  }
 }
 
 }  // namespace
@@ -141,10 +237,40 @@ InspectionFileSystem::InspectionFileSystem(std::filesystem::path run_directory)
 int InspectionFileSystem::open(const std::string& path, records::OpenMode mode) {
   if (mode == records::OpenMode::kReplace) return -EROFS;
   const std::filesystem::path full = path.empty() || path.front() != '/' ? run_directory_ / path : std::filesystem::path(path);
-  return posix_.open(full.string(), records::OpenMode::kReadOnly);
+  const int fd = ::open(full.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return -errno;
+  struct stat info {};
+  if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    ::close(fd);
+    return -EINVAL;
+  }
+  read_so_far_[fd] = 0;
+  return fd;
+}
+
+ssize_t InspectionFileSystem::read(int fd, char* buffer, std::size_t size) {
+  std::size_t& so_far = read_so_far_[fd];
+  if (so_far >= kInspectionReadLimit) return -EFBIG;
+  const ssize_t got = posix_.read(fd, buffer, std::min(size, kInspectionReadLimit - so_far));
+  if (got > 0) so_far += static_cast<std::size_t>(got);
+  return got;
+}
+
+int InspectionFileSystem::close(int fd) {
+  read_so_far_.erase(fd);
+  return posix_.close(fd);
 }
 
 ssize_t InspectionFileSystem::write(int, const char*, std::size_t) { return -EROFS; }
+
+std::string ProjectState::name() const { return index == 0 ? "main" : "sub" + std::to_string(index); }
+
+int last_project(const TreeState& tree) {
+  // Past the limit the driver touches no project; the main project alone is
+  // still worth a look.
+  const int last = std::max(tree.num_subprojects.value_or(0), 0);
+  return last > config::kMaxSubprojects ? 0 : last;
+}
 
 std::size_t TreeState::problem_count() const {
   std::size_t count = settings_problems.size() + run_problems.size();
@@ -152,16 +278,20 @@ std::size_t TreeState::problem_count() const {
   return count;
 }
 
-TreeState inspect_tree(const std::filesystem::path& run_directory, bool interaction) {
+TreeState inspect_tree(const std::filesystem::path& run_directory, bool before_run) {
   InspectionFileSystem fs(run_directory);
   TreeState tree;
   tree.run_directory = fs.current_directory();
   read_settings(fs, tree);
+  if (before_run) judge_settings(tree);
+  tree.drivers = running_drivers(tree.run_directory);
 
-  // Past the limit the driver touches no project; the main project alone is
-  // still worth a look.
-  int last = std::max(tree.num_subprojects.value_or(0), 0);
-  if (last > config::kMaxSubprojects) last = 0;
+  const int last = last_project(tree);
+  std::vector<std::filesystem::path> tree_directories = {tree.run_directory};
+  for (int index = 0; index <= last; ++index) {
+    std::error_code ignored;
+    tree_directories.push_back(std::filesystem::weakly_canonical(tree.run_directory / config::project_directory(index), ignored));
+  }
   bool all_read = true;
   std::int64_t sum = 0;
   for (int index = 0; index <= last; ++index) {
@@ -173,21 +303,24 @@ TreeState inspect_tree(const std::filesystem::path& run_directory, bool interact
       project.problems.push_back("project directory " + project.directory + " is missing");
       all_read = false;
     } else {
-      if (interaction) check_interaction(fs, tree.run_directory, project);
+      if (before_run) check_interaction(fs, tree.run_directory, project);
       read_go_files(fs, tree.run_directory, project);
+      if (before_run) check_writes(tree.run_directory, tree_directories, project);
       if (project.done) {
         sum += *project.done;
       } else {
         all_read = false;
       }
-      if (interaction && project.request.kind == project::GoRecord::Kind::kRequest) {
-        project.problems.push_back("go.dat holds a request from an earlier run (" +
-                                   project::describe(project.request.request) + ")");
+      if (before_run && project.request.kind == project::GoRecord::Kind::kRequest) {
+        project.problems.push_back(
+            "go.dat holds a request from an earlier run (" + project::describe(project.request.request) +
+            "): a project started before lockstep would serve it again; remove it (rm " +
+            (tree.run_directory / project.directory / "go.dat").lexically_normal().string() + ")");
       }
     }
     tree.projects.push_back(std::move(project));
   }
-  if (all_read && sum != 0) {
+  if (before_run && all_read && sum != 0) {
     std::string holders;
     for (const ProjectState& project : tree.projects) {
       if (*project.done != 0) {
@@ -195,7 +328,14 @@ TreeState inspect_tree(const std::filesystem::path& run_directory, bool interact
       }
     }
     tree.run_problems.push_back("the done values add up to " + std::to_string(sum) +
-                                ", not 0: the first stage would wait; not done: " + holders);
+                                ", not 0: the first stage would wait; not done: " + holders +
+                                "; after a crash, run 'lockstepctl check --fix' to report them done");
+  }
+  if (before_run && !tree.drivers.empty()) {
+    tree.run_problems.push_back("lockstep is already running in this run directory (PID " +
+                                std::to_string(tree.drivers.front()) +
+                                "): a second driver would lose stages; wait for it to end or stop it (kill " +
+                                std::to_string(tree.drivers.front()) + ")");
   }
   return tree;
 }

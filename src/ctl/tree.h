@@ -1,11 +1,14 @@
 // A read-only look at a run tree, for lockstepctl check and status: the same
 // readers as the driver's, through a file system that never creates or
-// changes a file.
+// changes a file, never blocks and never reads much.
 #pragma once
+
+#include <sys/types.h>
 
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,21 +18,26 @@
 
 namespace lockstep::ctl {
 
+// The most read of any one file: settings files are a few lines long.
+inline constexpr std::size_t kInspectionReadLimit = std::size_t{1} << 20;
+
 // Relative paths are taken from the run directory; opens that would create
-// or write a file are refused, and an open for reading and writing is made
-// read-only.
+// or write a file are refused, an open for reading and writing is made
+// read-only, files that are not regular are refused without waiting for a
+// writer (-EINVAL), and a read past kInspectionReadLimit fails with -EFBIG.
 class InspectionFileSystem final : public records::FileSystem {
  public:
   explicit InspectionFileSystem(std::filesystem::path run_directory);
   int open(const std::string& path, records::OpenMode mode) override;
-  ssize_t read(int fd, char* buffer, std::size_t size) override { return posix_.read(fd, buffer, size); }
+  ssize_t read(int fd, char* buffer, std::size_t size) override;
   ssize_t write(int, const char*, std::size_t) override;
-  int close(int fd) override { return posix_.close(fd); }
+  int close(int fd) override;
   std::string current_directory() override { return run_directory_.string(); }
 
  private:
   std::filesystem::path run_directory_;
   records::PosixFileSystem posix_;
+  std::map<int, std::size_t> read_so_far_;
 };
 
 struct ProjectState {
@@ -40,6 +48,10 @@ struct ProjectState {
   std::optional<std::chrono::system_clock::time_point> done_changed;  // go2.dat's modification time
   project::GoRecord request{project::GoRecord::Kind::kIncomplete, {}};  // what go.dat holds
   std::vector<std::string> problems;
+  std::vector<std::string> warnings;
+
+  // "main", "sub1", ...
+  std::string name() const;
 };
 
 struct TreeState {
@@ -48,12 +60,17 @@ struct TreeState {
   std::vector<std::string> settings_problems;
   std::vector<ProjectState> projects;  // the main project, then the sub projects read
   std::vector<std::string> run_problems;
+  std::vector<pid_t> drivers;  // lockstep processes working in the run directory
 
   std::size_t problem_count() const;
 };
 
-// Reads the settings and every project's go files. With `interaction`, also
-// each project's interaction record and program, as the check wants them.
-TreeState inspect_tree(const std::filesystem::path& run_directory, bool interaction);
+// Reads the settings and every project's go files. With `before_run`, also
+// each project's interaction record, program and write access, and whatever
+// would go wrong in a run started now.
+TreeState inspect_tree(const std::filesystem::path& run_directory, bool before_run);
+
+// The projects a run with these settings serves: 0 to this index.
+int last_project(const TreeState& tree);
 
 }  // namespace lockstep::ctl

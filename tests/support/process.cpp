@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -40,12 +41,14 @@ pid_t spawn(const std::vector<std::string>& command, const std::filesystem::path
     const int null_fd = open("/dev/null", O_RDONLY);
     if (null_fd < 0) _exit(126);
     dup2(null_fd, 0);
+    close(null_fd);
     // An empty name keeps the test's own stream.
     for (const auto& [name, target] : {std::pair{&out, 1}, std::pair{&err, 2}}) {
       if (name->empty()) continue;
       const int fd = open(name->c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
       if (fd < 0) _exit(126);
       dup2(fd, target);
+      close(fd);
     }
     std::vector<char*> args;
     for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
@@ -56,15 +59,24 @@ pid_t spawn(const std::vector<std::string>& command, const std::filesystem::path
   return pid;
 }
 
-// Polls for the child's end; true when it ended within `timeout`.
-bool wait_for(pid_t pid, std::chrono::steady_clock::duration timeout, int& raw_status) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    const pid_t done = waitpid(pid, &raw_status, WNOHANG);
-    if (done == pid) return true;
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
+// Polls for the child's end; true when it ended before `progress` stood
+// still for `stall`.
+bool wait_for(pid_t pid, const std::function<std::string()>& progress, std::chrono::steady_clock::duration stall,
+              int& raw_status, rusage* usage = nullptr) {
+  rusage ignored{};
+  bool ended = false;
+  const bool in_time = wait_until(
+      [&] {
+        ended = wait4(pid, &raw_status, WNOHANG, usage != nullptr ? usage : &ignored) == pid;
+        return ended;
+      },
+      progress, std::chrono::duration_cast<std::chrono::seconds>(stall));
+  return in_time && ended;
+}
+
+std::string size_of(const std::string& path) {
+  struct stat info {};
+  return ::stat(path.c_str(), &info) == 0 ? std::to_string(info.st_size) : "";
 }
 
 }  // namespace
@@ -104,18 +116,38 @@ void make_executable(const std::filesystem::path& path) {
 
 std::string Exit::first_error_line() const { return err.substr(0, err.find('\n')); }
 
+bool wait_until(const std::function<bool()>& condition, const std::function<std::string()>& progress,
+                std::chrono::seconds stall) {
+  std::string last = progress ? progress() : "";
+  auto last_change = std::chrono::steady_clock::now();
+  while (!condition()) {
+    const auto now = std::chrono::steady_clock::now();
+    if (progress) {
+      if (std::string seen = progress(); seen != last) {
+        last = std::move(seen);
+        last_change = now;
+      }
+    }
+    if (now - last_change > stall) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
 Exit run_program(const std::vector<std::string>& argv, const std::filesystem::path& directory,
-                 std::chrono::seconds timeout) {
+                 std::chrono::seconds stall) {
   TempDir capture;
   const std::string out = (capture.path() / "out").string();
   const std::string err = (capture.path() / "err").string();
   const pid_t pid = spawn(argv, directory, out, err);
   int raw_status = 0;
-  if (!wait_for(pid, timeout, raw_status)) {
+  rusage usage{};
+  if (!wait_for(pid, [&] { return size_of(out) + " " + size_of(err); }, stall, raw_status, &usage)) {
     kill(pid, SIGKILL);
-    waitpid(pid, &raw_status, 0);
+    wait4(pid, &raw_status, 0, &usage);
   }
   Exit result;
+  result.max_rss_kib = usage.ru_maxrss;
   if (WIFEXITED(raw_status)) result.status = WEXITSTATUS(raw_status);
   result.out = read_file(out);
   result.err = read_file(err);
@@ -138,7 +170,7 @@ void Background::signal(int signal_number) {
 
 bool Background::wait(std::chrono::seconds timeout, int* status) {
   int raw_status = 0;
-  if (!wait_for(pid_, timeout, raw_status)) return false;
+  if (!wait_for(pid_, {}, timeout, raw_status)) return false;
   pid_ = -1;
   if (status != nullptr) *status = WIFEXITED(raw_status) ? WEXITSTATUS(raw_status) : -1;
   return true;

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -32,14 +33,25 @@ struct Exit {
   int status = -1;  // exit status, or -1 when killed by a signal
   std::string out;
   std::string err;
+  long max_rss_kib = 0;  // the program's peak resident memory
   // The first line of standard error, without its line feed.
   std::string first_error_line() const;
 };
 
+// How long a test waits for something that shows no progress. Waits end on
+// lack of progress, never on total time, so that a busy machine slows a
+// test down without failing it.
+inline constexpr std::chrono::seconds kStall{60};
+
 // Runs `argv` in `directory` to its end, with its standard output and error
-// captured; killed after `timeout`.
+// captured; killed once neither has grown for `stall`.
 Exit run_program(const std::vector<std::string>& argv, const std::filesystem::path& directory,
-                 std::chrono::seconds timeout = std::chrono::seconds(120));
+                 std::chrono::seconds stall = kStall);
+
+// Waits until `condition` holds; false when `progress` (by default
+// nothing) has not changed for `stall` meanwhile.
+bool wait_until(const std::function<bool()>& condition, const std::function<std::string()>& progress = {},
+                std::chrono::seconds stall = kStall);
 
 // A program running in the background, its standard output discarded and
 // its standard error the test's; killed when the object goes.
@@ -53,6 +65,7 @@ class Background {
   // after `timeout`.
   bool wait(std::chrono::seconds timeout, int* status = nullptr);
   void signal(int signal_number);
+  pid_t pid() const { return pid_; }
 
  private:
   pid_t pid_ = -1;

@@ -1,0 +1,210 @@
+#include "ctl/check.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <iomanip>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "config/project_tree.h"
+#include "ctl/json.h"
+#include "ctl/text.h"
+#include "ctl/tree.h"
+#include "records/status.h"
+
+namespace lockstep::ctl {
+namespace {
+
+constexpr int kUsageStatus = 2;
+
+constexpr const char* kCheckHelp =
+    "usage: lockstepctl check [RUN_DIR] [--json] [--fix]\n"
+    "\n"
+    "Checks a run tree before a run, reading it as lockstep will without creating or\n"
+    "changing any file, and reports every problem found, each with its fix: the\n"
+    "settings file and settings under which nothing would run, each project\n"
+    "directory and whether it can be written, its CalculateInteraction.dat and\n"
+    "program, its go files (FIFOs, devices, links out of the run tree, an empty\n"
+    "go2.dat left by a killed lockstep), done values that would hold up the first\n"
+    "stage, go.dat files left holding a request, and a lockstep already running in\n"
+    "RUN_DIR on this machine (other machines cannot be looked at). RUN_DIR is\n"
+    "lockstep's working directory (default: the current one).\n"
+    "\n"
+    "  --json   print the report as JSON\n"
+    "  --fix    prepare the tree for a fresh start after a crash: make every go2.dat\n"
+    "           report done and remove the temporary files a killed project left;\n"
+    "           nothing else is touched, and every change is listed. Refused while\n"
+    "           lockstep runs in RUN_DIR.\n"
+    "  --help   show this help\n"
+    "\n"
+    "Exit status: 0 when the tree is ready, 1 when it is not, 2 on a usage error.\n";
+
+struct Arguments {
+  std::string run_directory = ".";
+  bool json = false;
+  bool fix = false;
+  bool help = false;
+};
+
+bool parse(int argc, char** argv, Arguments& arguments, std::ostream& err) {
+  bool have_directory = false;
+  for (int i = 0; i < argc; ++i) {
+    const std::string word = argv[i];
+    if (word == "--help" || word == "-h") {
+      arguments.help = true;
+    } else if (word == "--json") {
+      arguments.json = true;
+    } else if (word == "--fix") {
+      arguments.fix = true;
+    } else if (!word.empty() && word.front() != '-' && !have_directory) {
+      arguments.run_directory = word;
+      have_directory = true;
+    } else {
+      err << "lockstepctl check: unexpected argument \"" << word << "\"\n"
+          << "Try 'lockstepctl check --help'.\n";
+      return false;
+    }
+  }
+  return true;
+}
+
+std::string settings_line(const TreeState& tree) {
+  const auto value = [](const std::optional<std::int32_t>& v) { return v ? std::to_string(*v) : std::string("?"); };
+  return "time_step=" + value(tree.time_step) + " cycle_num=" + value(tree.cycle_num) +
+         " num_subprojects=" + value(tree.num_subprojects);
+}
+
+std::string check_json(const TreeState& tree) {
+  const auto number = [](const std::optional<std::int32_t>& v) { return v ? std::to_string(*v) : "null"; };
+  std::vector<std::string> projects;
+  for (const ProjectState& project : tree.projects) {
+    projects.push_back("{\"index\":" + std::to_string(project.index) +
+                       ",\"directory\":" + json::quoted(project.directory) +
+                       ",\"program\":" + json::quoted(project.program) + ",\"done\":" + number(project.done) +
+                       ",\"problems\":" + json::strings(project.problems) +
+                       ",\"warnings\":" + json::strings(project.warnings) + "}");
+  }
+  std::vector<std::string> drivers;
+  for (const pid_t pid : tree.drivers) drivers.push_back(std::to_string(pid));
+  return "{\"run_directory\":" + json::quoted(tree.run_directory.string()) +
+         ",\"ready\":" + (tree.problem_count() == 0 ? "true" : "false") +
+         ",\"settings\":{\"time_step\":" + number(tree.time_step) + ",\"cycle_num\":" + number(tree.cycle_num) +
+         ",\"num_subprojects\":" + number(tree.num_subprojects) +
+         "},\"settings_problems\":" + json::strings(tree.settings_problems) +
+         ",\"projects\":" + json::array(projects) + ",\"run_problems\":" + json::strings(tree.run_problems) +
+         ",\"drivers\":" + json::array(drivers) + "}\n";
+}
+
+std::string check_text(const TreeState& tree) {
+  std::ostringstream out;
+  out << "run tree: " << text::printable(tree.run_directory.string()) << "\n"
+      << "settings: " << settings_line(tree) << "\n";
+  for (const std::string& problem : tree.settings_problems) out << "  " << text::printable(problem) << "\n";
+  out << "drivers: " << (tree.drivers.empty() ? "none running here" : std::to_string(tree.drivers.size()) + " running")
+      << " (processes of this machine only; other machines were not looked at)\n";
+  out << "\n" << std::left << std::setw(8) << "PROJECT" << std::setw(12) << "DIRECTORY" << std::setw(32) << "PROGRAM"
+      << std::setw(8) << "DONE" << "PROBLEMS\n";
+  for (const ProjectState& project : tree.projects) {
+    out << std::setw(8) << project.name() << std::setw(12) << project.directory << std::setw(32)
+        << (project.program.empty() ? "-" : text::printable(project.program)) << std::setw(8)
+        << (project.done ? std::to_string(*project.done) : "-") << project.problems.size() << "\n";
+  }
+  bool listed = false;
+  const auto list = [&](const std::string& line) {
+    out << (listed ? "" : "\n") << text::printable(line) << "\n";
+    listed = true;
+  };
+  for (const ProjectState& project : tree.projects) {
+    for (const std::string& problem : project.problems) list(project.name() + ": " + problem);
+    for (const std::string& warning : project.warnings) list(project.name() + ": warning: " + warning);
+  }
+  for (const std::string& problem : tree.run_problems) list(problem);
+  const std::size_t problems = tree.problem_count();
+  if (problems == 0) {
+    out << "\nready: " << tree.projects.size() << (tree.projects.size() == 1 ? " project" : " projects")
+        << ", no problems\n";
+  } else {
+    out << "\nnot ready: " << problems << (problems == 1 ? " problem" : " problems") << "\n";
+  }
+  return out.str();
+}
+
+// Writes "0\n" into go2.dat in place, never through a link and never into
+// anything but a regular file; an empty string on success.
+std::string report_done(const std::filesystem::path& path) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+  if (fd < 0) return records::os_error_text(errno);
+  const bool written = ::write(fd, "0\n", 2) == 2;
+  const int error = errno;
+  if (::close(fd) != 0 || !written) return records::os_error_text(written ? errno : error);
+  return {};
+}
+
+// After a crash: every go2.dat reports done, the library's temporary files
+// go. Returns false when something could not be changed.
+bool fix(const TreeState& tree, std::ostream& out, std::ostream& err) {
+  bool all_fixed = true;
+  std::size_t changes = 0;
+  for (const ProjectState& project : tree.projects) {
+    const std::filesystem::path directory = (tree.run_directory / project.directory).lexically_normal();
+    std::error_code error;
+    if (!std::filesystem::is_directory(directory, error)) continue;
+    for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+      const std::string name = entry.path().filename().string();
+      if (name.rfind(".go2.dat.", 0) == 0 && name.size() > 13 && name.ends_with(".tmp") &&
+          std::filesystem::remove(entry.path(), error)) {
+        out << "removed " << text::printable(project.directory + name) << "\n";
+        ++changes;
+      }
+    }
+    if (project.done == 0) continue;
+    const std::filesystem::path go2 = directory / "go2.dat";
+    if (std::filesystem::is_symlink(go2, error) ||
+        (std::filesystem::exists(go2, error) && !std::filesystem::is_regular_file(go2, error))) {
+      err << "lockstepctl check: left " << project.directory << "go2.dat alone: it is not a regular file; remove it "
+          << "and run --fix again\n";
+      all_fixed = false;
+      continue;
+    }
+    if (const std::string failure = report_done(go2); !failure.empty()) {
+      err << "lockstepctl check: cannot write " << project.directory << "go2.dat: " << failure << "\n";
+      all_fixed = false;
+      continue;
+    }
+    out << "wrote 0 into " << project.directory << "go2.dat"
+        << (project.done ? " (it held " + std::to_string(*project.done) + ")" : "") << "\n";
+    ++changes;
+  }
+  out << (changes == 0 ? "nothing to change" : "changed " + std::to_string(changes) +
+                                                   (changes == 1 ? " file" : " files"))
+      << "\n\n";
+  return all_fixed;
+}
+
+}  // namespace
+
+int check_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
+  Arguments arguments;
+  if (!parse(argc, argv, arguments, err)) return kUsageStatus;
+  if (arguments.help) {
+    out << kCheckHelp;
+    return 0;
+  }
+  if (arguments.fix) {
+    const TreeState before = inspect_tree(arguments.run_directory, false);
+    if (!before.drivers.empty()) {
+      err << "lockstepctl check: lockstep is running in " << text::printable(before.run_directory.string())
+          << " (PID " << before.drivers.front() << "); --fix changes nothing while it runs\n";
+      return 1;
+    }
+    if (!fix(before, arguments.json ? err : out, err)) return 1;
+  }
+  const TreeState tree = inspect_tree(arguments.run_directory, true);
+  out << (arguments.json ? check_json(tree) : check_text(tree));
+  return tree.problem_count() == 0 ? 0 : 1;
+}
+
+}  // namespace lockstep::ctl

@@ -1,0 +1,178 @@
+#include "ctl/status.h"
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <iomanip>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "ctl/text.h"
+#include "ctl/tree.h"
+
+namespace lockstep::ctl {
+namespace {
+
+constexpr int kUsageStatus = 2;
+
+constexpr const char* kStatusHelp =
+    "usage: lockstepctl status [RUN_DIR] [--watch]\n"
+    "\n"
+    "Shows what a running lockstep is waiting for, read from the run tree without\n"
+    "touching it: whether lockstep runs in RUN_DIR on this machine, the current\n"
+    "request, the position in the schedule, which projects have reported done, and\n"
+    "for how long each other project has held the run. RUN_DIR is lockstep's\n"
+    "working directory (default: the current one).\n"
+    "\n"
+    "  --watch  refresh every half second until the run is complete or lockstep\n"
+    "           has stopped\n"
+    "  --help   show this help\n";
+
+struct Arguments {
+  std::string run_directory = ".";
+  bool watch = false;
+  bool help = false;
+};
+
+bool parse(int argc, char** argv, Arguments& arguments, std::ostream& err) {
+  bool have_directory = false;
+  for (int i = 0; i < argc; ++i) {
+    const std::string word = argv[i];
+    if (word == "--help" || word == "-h") {
+      arguments.help = true;
+    } else if (word == "--watch") {
+      arguments.watch = true;
+    } else if (!word.empty() && word.front() != '-' && !have_directory) {
+      arguments.run_directory = word;
+      have_directory = true;
+    } else {
+      err << "lockstepctl status: unexpected argument \"" << word << "\"\n"
+          << "Try 'lockstepctl status --help'.\n";
+      return false;
+    }
+  }
+  return true;
+}
+
+std::string seconds_since(std::chrono::system_clock::time_point since) {
+  const double seconds = std::chrono::duration<double>(std::chrono::system_clock::now() - since).count();
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f s", seconds < 0 ? 0.0 : seconds);
+  return text;
+}
+
+// Where a request stands in the schedule: its number among the stages, from
+// 1, and the number of stages. The largest schedule, (4 x (2^31 - 1) + 1) x
+// (2^31 - 1) stages, fits 64 unsigned bits.
+struct Position {
+  std::uint64_t index = 0;
+  std::uint64_t total = 0;
+};
+
+std::optional<Position> position(const project::Request& request, const TreeState& tree) {
+  if (!tree.time_step || !tree.cycle_num || *tree.time_step < 0 || *tree.cycle_num <= 0) return std::nullopt;
+  if (request.cycle < 1 || request.cycle > *tree.cycle_num) return std::nullopt;
+  const bool stage_in_schedule = request.time_step >= 1 && request.time_step <= *tree.time_step &&
+                                 request.stage >= 1 && request.stage <= 4;
+  if (!request.cycle_end() && !stage_in_schedule) return std::nullopt;
+  const std::uint64_t per_cycle = 4 * static_cast<std::uint64_t>(*tree.time_step) + 1;
+  const std::uint64_t within =
+      request.cycle_end() ? per_cycle
+                          : 4 * static_cast<std::uint64_t>(request.time_step - 1) + static_cast<std::uint64_t>(request.stage);
+  return Position{(static_cast<std::uint64_t>(request.cycle) - 1) * per_cycle + within,
+                  per_cycle * static_cast<std::uint64_t>(*tree.cycle_num)};
+}
+
+struct View {
+  std::string text;
+  bool finished = false;  // the run is complete, or no driver is running it
+};
+
+View status_view(const TreeState& tree, bool colour) {
+  const auto paint = [colour](const std::string& text, const char* code) {
+    return colour ? std::string("\033[") + code + "m" + text + "\033[0m" : text;
+  };
+  std::ostringstream out;
+  out << "run tree: " << text::printable(tree.run_directory.string()) << "\n";
+  for (const std::string& problem : tree.settings_problems) out << "settings: " << text::printable(problem) << "\n";
+  const bool running = !tree.drivers.empty();
+  out << "lockstep: "
+      << (running ? "running (PID " + std::to_string(tree.drivers.front()) + ")"
+                  : std::string("not running in this directory on this machine (other machines were not looked at)"))
+      << "\n";
+
+  const ProjectState* main = tree.projects.empty() ? nullptr : &tree.projects.front();
+  bool all_done = true;
+  for (const ProjectState& project : tree.projects) all_done = all_done && project.done && *project.done == 0;
+
+  bool complete = false;
+  if (main == nullptr || main->request.kind != project::GoRecord::Kind::kRequest) {
+    out << "request: none yet (../main/go.dat holds no request)\n";
+  } else {
+    const project::Request& request = main->request.request;
+    out << "request: " << project::describe(request) << "\n";
+    if (const std::optional<Position> at = position(request, tree)) {
+      out << "position: cycle " << request.cycle << " of " << *tree.cycle_num << ", "
+          << (request.cycle_end() ? "closing time step"
+                                  : "time step " + std::to_string(request.time_step) + " of " +
+                                        std::to_string(*tree.time_step) + ", stage " +
+                                        std::to_string(request.stage) + " of 4")
+          << "; " << (all_done ? at->index : at->index - 1) << " of " << at->total << " stages done\n";
+      complete = all_done && at->index == at->total;
+    } else if (tree.time_step && tree.cycle_num) {
+      out << "position: outside the schedule of analysis_settings.dat\n";
+    }
+  }
+
+  out << "\n" << std::left << std::setw(8) << "PROJECT" << std::setw(8) << "DONE" << "HOLDING THE RUN FOR\n";
+  std::string holders;
+  for (const ProjectState& project : tree.projects) {
+    out << std::setw(8) << project.name();
+    if (!project.done) {
+      out << paint("?", "33") << "       "
+          << (project.problems.empty() ? "" : text::printable(project.problems.front())) << "\n";
+    } else if (*project.done == 0) {
+      out << paint("yes", "32") << "\n";
+    } else {
+      out << paint("no", "31") << "      " << (project.done_changed ? seconds_since(*project.done_changed) : "?")
+          << "\n";
+      holders += (holders.empty() ? "" : ", ") + project.name();
+    }
+  }
+  if (complete) {
+    out << "\nthe run is complete\n";
+  } else if (!running) {
+    out << "\nlockstep has stopped before the end of the run; after a crash, 'lockstepctl check --fix' "
+           "prepares the tree for a fresh start\n";
+  } else if (!holders.empty()) {
+    out << "\nwaiting for: " << holders << "\n";
+  } else if (all_done) {
+    out << "\nevery project has reported done\n";
+  }
+  return {out.str(), complete || !running};
+}
+
+}  // namespace
+
+int status_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
+  Arguments arguments;
+  if (!parse(argc, argv, arguments, err)) return kUsageStatus;
+  if (arguments.help) {
+    out << kStatusHelp;
+    return 0;
+  }
+  const bool terminal = ::isatty(STDOUT_FILENO) == 1;
+  for (;;) {
+    const TreeState tree = inspect_tree(arguments.run_directory, false);
+    const View view = status_view(tree, terminal);
+    if (arguments.watch && terminal) out << "\033[H\033[2J";
+    out << view.text << std::flush;
+    if (!arguments.watch || view.finished) return tree.settings_problems.empty() ? 0 : 1;
+    if (!terminal) out << "\n";
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  }
+}
+
+}  // namespace lockstep::ctl
