@@ -45,7 +45,7 @@ void turnaround(benchmark::State& state) {
   replace(go2, "0\n");
   std::string error;
   const auto endpoint = project::Endpoint::open(
-      dir.path().string(), error, inotify ? project::Wakeup::kChangesAndPolling : project::Wakeup::kPollingOnly);
+      dir.path().string(), error, {inotify ? project::WaitMode::kChanges : project::WaitMode::kPolling});
   std::atomic<bool> stop = false;
   std::thread responder([&] {
     project::Request request;

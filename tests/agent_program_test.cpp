@@ -177,6 +177,7 @@ TEST_F(AgentAloneTest, ARequestServedAfterTheDriverMovedOnIsNotReportedDone) {
     if (carry_on) {
       // Serves the request pending now; the cycle end lets it stop.
       EXPECT_TRUE(wait_until([&] { return read_file(project() / "go2.dat") == "0\n"; }));
+      write_file(project() / "go.dat", reset_record());
       write_file(project() / "go2.dat", reset_record());
       write_file(project() / "go.dat", handshake::cycle_end_record(1));
     }

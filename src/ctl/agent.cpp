@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -26,7 +28,7 @@ constexpr int kMovedOnStatus = 3;
 
 constexpr const char* kHelp =
     "usage: lockstepctl agent [--dir DIR] [--last-cycle N] [--done-on-failure] [--carry-on] [--stdin]\n"
-    "                         -- COMMAND [ARGS...]\n"
+    "                         [--poll] [--poll-ceiling MS] [--verbose] -- COMMAND [ARGS...]\n"
     "\n"
     "Serves one project directory: waits for each request of the lockstep driver,\n"
     "runs COMMAND with the cycle, time-step and stage numbers appended (time step -1\n"
@@ -41,6 +43,11 @@ constexpr const char* kHelp =
     "                     pending now instead of stopping with status 3\n"
     "  --stdin            give COMMAND the agent's standard input (default: /dev/null);\n"
     "                     COMMAND then stays in the agent's process group\n"
+    "  --poll             look for requests by polling even on a local file system\n"
+    "  --poll-ceiling MS  when polling, look at least every MS milliseconds (default\n"
+    "                     20); network file systems (NFS, Lustre, GPFS, BeeGFS, CIFS)\n"
+    "                     are always polled, since inotify misses other machines' writes\n"
+    "  --verbose          say how requests are waited for, and print a line per request\n"
     "  --help             show this help\n"
     "\n"
     "One agent serves a directory: the agent locks DIR/.lockstep.lock and a second\n"
@@ -80,6 +87,8 @@ struct Options {
   bool done_on_failure = false;
   bool carry_on = false;
   bool keep_stdin = false;
+  bool verbose = false;
+  project::WaitSettings wait;
   std::vector<std::string> command;
 };
 
@@ -102,11 +111,22 @@ std::string parse(int argc, char** argv, Options& options, bool& help) {
       options.carry_on = true;
     } else if (word == "--stdin") {
       options.keep_stdin = true;
-    } else if (word == "--dir" || word == "--last-cycle") {
+    } else if (word == "--verbose") {
+      options.verbose = true;
+    } else if (word == "--poll") {
+      options.wait.mode = project::WaitMode::kPolling;
+    } else if (word == "--dir" || word == "--last-cycle" || word == "--poll-ceiling") {
       if (i + 1 >= argc) return word + " needs a value";
       const std::string value = argv[++i];
       if (word == "--dir") {
         options.directory = value;
+      } else if (word == "--poll-ceiling") {
+        char* end = nullptr;
+        const long milliseconds = std::strtol(value.c_str(), &end, 10);
+        if (value.empty() || *end != '\0' || milliseconds < 1 || milliseconds > 60000) {
+          return "--poll-ceiling needs milliseconds from 1 to 60000, not \"" + value + "\"";
+        }
+        options.wait.ceiling = std::chrono::milliseconds(milliseconds);
       } else {
         char* end = nullptr;
         const long cycle = std::strtol(value.c_str(), &end, 10);
@@ -223,7 +243,7 @@ int agent_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   }
 
   std::string reason;
-  const auto endpoint = project::Endpoint::open(options.directory, reason);
+  const auto endpoint = project::Endpoint::open(options.directory, reason, options.wait);
   if (!endpoint || !endpoint->lock()) {
     err << "lockstepctl agent: " << (endpoint ? endpoint->error() : reason) << "\n";
     return 1;
@@ -238,6 +258,7 @@ int agent_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   std::error_code ignored;
   const std::string absolute = std::filesystem::absolute(options.directory, ignored).lexically_normal().string();
   install_stop_handlers();
+  if (options.verbose) err << "lockstepctl agent: serving " << absolute << ", waiting by " << endpoint->describe_mode() << "\n";
 
   const auto moved_on = [&](const char* what_now) {
     err << "lockstepctl agent: " << endpoint->error() << (options.carry_on ? what_now : "") << "\n";
@@ -255,7 +276,15 @@ int agent_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
       if (const int status = moved_on("; serving it"); status != 0) return status;
     }
 
+    const auto started = std::chrono::steady_clock::now();
     const int status = run_command(options, absolute, request);
+    if (options.verbose) {
+      char took[32];
+      std::snprintf(took, sizeof took, "%.3f s",
+                    std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+      err << "lockstepctl agent: " << project::describe(request) << ": " << how_it_ended(status) << " after " << took
+          << "\n";
+    }
     if (stop_signal != 0) {
       err << "lockstepctl agent: stopped by signal " << stop_signal << " while " << options.command.front()
           << " served " << project::describe(request) << "; left not done\n";

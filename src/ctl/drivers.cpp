@@ -8,14 +8,22 @@
 namespace lockstep::ctl {
 namespace {
 
+bool is_lockstep(const std::string& word) { return std::filesystem::path(word).filename() == "lockstep"; }
+
+// By its program's name, by argv[0], or as the program that valgrind runs.
 bool named_lockstep(const std::filesystem::path& process) {
   std::ifstream comm(process / "comm");
   std::string name;
   if (std::getline(comm, name) && name == "lockstep") return true;
   std::ifstream cmdline(process / "cmdline", std::ios::binary);
-  std::string first;
-  std::getline(cmdline, first, '\0');
-  return std::filesystem::path(first).filename() == "lockstep";
+  std::string word;
+  if (!std::getline(cmdline, word, '\0')) return false;
+  if (is_lockstep(word)) return true;
+  if (name.rfind("memcheck", 0) != 0 && name != "valgrind") return false;
+  while (std::getline(cmdline, word, '\0')) {
+    if (!word.empty() && word.front() != '-') return is_lockstep(word);
+  }
+  return false;
 }
 
 }  // namespace

@@ -103,6 +103,14 @@ View status_view(const TreeState& tree, bool colour) {
                   : std::string("not running in this directory on this machine (other machines were not looked at)"))
       << "\n";
 
+  std::string polled;
+  for (const ProjectState& project : tree.projects) {
+    if (!project.network_file_system.empty()) {
+      polled += (polled.empty() ? "" : ", ") + project.name() + " (" + project.network_file_system + ")";
+    }
+  }
+  out << "wake-up: " << (polled.empty() ? "inotify in every project directory" : "polling in " + polled) << "\n";
+
   const ProjectState* main = tree.projects.empty() ? nullptr : &tree.projects.front();
   bool all_done = true;
   for (const ProjectState& project : tree.projects) all_done = all_done && project.done && *project.done == 0;

@@ -303,6 +303,7 @@ TreeState inspect_tree(const std::filesystem::path& run_directory, bool before_r
       project.problems.push_back("project directory " + project.directory + " is missing");
       all_read = false;
     } else {
+      project.network_file_system = project::network_file_system((tree.run_directory / project.directory).string());
       if (before_run) check_interaction(fs, tree.run_directory, project);
       read_go_files(fs, tree.run_directory, project);
       if (before_run) check_writes(tree.run_directory, tree_directories, project);

@@ -49,6 +49,7 @@ struct ProjectState {
   project::GoRecord request{project::GoRecord::Kind::kIncomplete, {}};  // what go.dat holds
   std::vector<std::string> problems;
   std::vector<std::string> warnings;
+  std::string network_file_system;  // "nfs", ... where inotify cannot see other machines' writes
 
   // "main", "sub1", ...
   std::string name() const;

@@ -4,12 +4,15 @@
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -19,7 +22,6 @@
 namespace lockstep::project {
 namespace {
 
-constexpr std::chrono::milliseconds kPollInterval{1};
 constexpr std::int32_t kRequestCode = 1;
 constexpr std::int32_t kResetCode = -1000;
 
@@ -43,9 +45,9 @@ bool write_small_file(const std::string& path, std::string_view content, int& os
 
 // The order of the driver's requests within a run: cycle, then time step
 // (the cycle-end request last), then stage.
-std::int64_t position(const Request& request) {
+std::tuple<std::int64_t, std::int64_t, std::int64_t> position(const Request& request) {
   const std::int64_t time_step = request.cycle_end() ? std::int64_t{1} << 32 : request.time_step;
-  return (static_cast<std::int64_t>(request.cycle) << 40) + time_step * 8 + request.stage;
+  return {request.cycle, time_step, request.stage};
 }
 
 }  // namespace
@@ -138,7 +140,23 @@ GoRecord parse_go_record(std::string_view content) {
   return {GoRecord::Kind::kOther, {}};
 }
 
-std::unique_ptr<Endpoint> Endpoint::open(const std::string& directory, std::string& error, Wakeup wakeup) {
+std::string network_file_system(const std::string& directory) {
+  struct statfs info {};
+  if (::statfs(directory.c_str(), &info) != 0) return {};
+  switch (static_cast<unsigned long>(info.f_type)) {
+    case 0x6969: return "nfs";
+    case 0x0bd00bd0: return "lustre";
+    case 0x47504653: return "gpfs";
+    case 0x19830326: return "beegfs";
+    case 0xff534d42: return "cifs";
+    case 0xfe534d42: return "smb2";
+    case 0x00c36400: return "ceph";
+    case 0x65735546: return "fuse";
+    default: return {};
+  }
+}
+
+std::unique_ptr<Endpoint> Endpoint::open(const std::string& directory, std::string& error, WaitSettings settings) {
   struct stat info {};
   if (::stat(directory.c_str(), &info) != 0) {
     error = "project directory " + directory + ": " + records::os_error_text(errno);
@@ -152,20 +170,30 @@ std::unique_ptr<Endpoint> Endpoint::open(const std::string& directory, std::stri
     error = "project directory " + directory + " is not writable: " + records::os_error_text(errno);
     return nullptr;
   }
-  // Without inotify the wait still polls; only the prompt wake-up is lost.
-  int watch_fd = wakeup == Wakeup::kChangesAndPolling ? inotify_init1(IN_NONBLOCK | IN_CLOEXEC) : -1;
+  const std::string file_system = network_file_system(directory);
+  const WaitMode mode = settings.mode.value_or(file_system.empty() ? WaitMode::kChanges : WaitMode::kPolling);
+  // Without inotify (none to be had) the wait polls.
+  int watch_fd = mode == WaitMode::kChanges ? inotify_init1(IN_NONBLOCK | IN_CLOEXEC) : -1;
   if (watch_fd >= 0 &&
       inotify_add_watch(watch_fd, directory.c_str(), IN_CLOSE_WRITE | IN_MODIFY | IN_MOVED_TO | IN_CREATE) < 0) {
     ::close(watch_fd);
     watch_fd = -1;
   }
-  return std::unique_ptr<Endpoint>(new Endpoint(directory, watch_fd));
+  return std::unique_ptr<Endpoint>(
+      new Endpoint(directory, watch_fd, file_system, std::max(settings.ceiling, std::chrono::milliseconds{1})));
 }
 
-Endpoint::Endpoint(std::string directory, int watch_fd) : directory_(std::move(directory)), watch_fd_(watch_fd) {}
+Endpoint::Endpoint(std::string directory, int watch_fd, std::string file_system, std::chrono::milliseconds ceiling)
+    : directory_(std::move(directory)), watch_fd_(watch_fd), file_system_(std::move(file_system)), ceiling_(ceiling) {}
 
 Endpoint::~Endpoint() {
   if (watch_fd_ >= 0) ::close(watch_fd_);
+}
+
+std::string Endpoint::describe_mode() const {
+  if (mode() == WaitMode::kChanges) return "inotify";
+  return "polling (" + (file_system_.empty() ? std::string("local") : file_system_) + "), at most every " +
+         std::to_string(ceiling_.count()) + " ms";
 }
 
 bool Endpoint::lock() {
@@ -194,6 +222,11 @@ bool Endpoint::pending(Request& request) {
   const GoFileRead done = read_go_file(directory_ + "/go2.dat");
   const GoFileRead go = done.outcome == GoFileRead::Outcome::kRead ? read_go_file(directory_ + "/go.dat") : GoFileRead{};
   if (!readable(done, "go2.dat") || !readable(go, "go.dat")) return false;
+  // A change means the driver is at work: look again soon.
+  if (std::string seen = done.content + '\0' + go.content; seen != last_seen_) {
+    last_seen_ = std::move(seen);
+    interval_ = std::chrono::milliseconds{1};
+  }
   trouble_since_.reset();
   if (!trouble_reported_.empty()) {
     trouble_reported_.clear();
@@ -234,11 +267,12 @@ bool Endpoint::pending(Request& request) {
 
 void Endpoint::sleep_until_change() {
   if (watch_fd_ < 0) {
-    std::this_thread::sleep_for(kPollInterval);
+    std::this_thread::sleep_for(interval_);
+    interval_ = std::min(interval_ * 2, ceiling_);
     return;
   }
   pollfd watch{watch_fd_, POLLIN, 0};
-  if (::poll(&watch, 1, static_cast<int>(kPollInterval.count())) > 0) {
+  if (::poll(&watch, 1, static_cast<int>(kSafetyPoll.count())) > 0) {
     // The events only wake the wait; the files themselves are read again.
     std::array<char, 4096> events{};
     while (::read(watch_fd_, events.data(), events.size()) > 0) {
@@ -302,6 +336,8 @@ DoneResult Endpoint::report_done() {
     ::unlink(temporary.c_str());
     return DoneResult::kError;
   }
+  // The next request follows within a stage's launches.
+  interval_ = std::chrono::milliseconds{1};
   return DoneResult::kDone;
 }
 

@@ -81,10 +81,25 @@ enum class DoneResult {
   kOverrun,
 };
 
-enum class Wakeup {
-  kChangesAndPolling,  // inotify on the directory, and a poll every millisecond
-  kPollingOnly,        // a poll every millisecond
+// How a wait learns that the driver wrote.
+enum class WaitMode {
+  // inotify sees every write on a local file system: sleep until a change,
+  // with a safety poll every kSafetyPoll.
+  kChanges,
+  // Network file systems, where inotify misses other machines' writes: poll,
+  // every millisecond right after a change or a done report, backing off
+  // to a ceiling.
+  kPolling,
 };
+
+struct WaitSettings {
+  std::optional<WaitMode> mode;  // by default chosen from the file system
+  std::chrono::milliseconds ceiling{20};
+};
+
+// The file system type of `directory` when it is one whose writes on other
+// machines inotify cannot see ("nfs", "lustre", ...); empty otherwise.
+std::string network_file_system(const std::string& directory);
 
 class Endpoint {
  public:
@@ -93,11 +108,13 @@ class Endpoint {
   static constexpr std::chrono::seconds kMalformedGrace{2};
   // How long a go file may stay unreadable before `on_trouble` hears of it.
   static constexpr std::chrono::seconds kTroubleGrace{2};
+  // The longest sleep of a wait woken by changes.
+  static constexpr std::chrono::milliseconds kSafetyPoll{200};
 
   // Fails, with the reason in `error`, when the directory is missing or not
   // writable.
   static std::unique_ptr<Endpoint> open(const std::string& directory, std::string& error,
-                                        Wakeup wakeup = Wakeup::kChangesAndPolling);
+                                        WaitSettings settings = {});
   ~Endpoint();
   Endpoint(const Endpoint&) = delete;
   Endpoint& operator=(const Endpoint&) = delete;
@@ -112,9 +129,7 @@ class Endpoint {
   void on_trouble(std::function<void(const std::string&)> report) { report_trouble_ = std::move(report); }
 
   // Blocks until a request is pending: go2.dat holds the reset record and
-  // go.dat a request. Wakes at once when the directory changes and polls
-  // every millisecond besides, for file systems that report no changes.
-  // `stop` is asked between polls.
+  // go.dat a request, looking as mode() says. `stop` is asked between looks.
   WaitResult wait(Request& request, const std::function<bool()>& stop = {});
 
   // One look, without waiting: kRequest with the pending request, kStopped
@@ -128,17 +143,24 @@ class Endpoint {
   DoneResult report_done();
 
   const std::string& directory() const { return directory_; }
+  WaitMode mode() const { return watch_fd_ >= 0 ? WaitMode::kChanges : WaitMode::kPolling; }
+  // "inotify", or "polling (nfs), at most every 20 ms".
+  std::string describe_mode() const;
   // The reason for the last kError, kOutOfOrder, kOverrun or failed lock.
   const std::string& error() const { return error_; }
 
  private:
-  Endpoint(std::string directory, int watch_fd);
+  Endpoint(std::string directory, int watch_fd, std::string file_system, std::chrono::milliseconds ceiling);
   bool pending(Request& request);
   bool readable(const GoFileRead& read, const std::string& name);
   void sleep_until_change();
 
   std::string directory_;
-  int watch_fd_;  // inotify descriptor, or -1 where none could be had
+  int watch_fd_;  // inotify descriptor in kChanges mode, else -1
+  std::string file_system_;  // the network file system's type, if any
+  std::chrono::milliseconds ceiling_;
+  std::chrono::milliseconds interval_{1};  // the next pause when polling
+  std::string last_seen_;                  // the go files at the last look
   std::string error_;
   std::optional<std::chrono::steady_clock::time_point> malformed_since_;
   std::optional<Request> handed_out_;

@@ -67,8 +67,13 @@ TEST(EndpointTest, ActsOnlyOnARequestAfterTheResetAndReportsByRename) {
   write_file(go2, "0\n");
   write_file(go, stage_record(1, 1, 1));
   std::string error;
-  const auto endpoint = Endpoint::open(dir.path().string(), error);
+  // Polled every millisecond, so that each look below is a new one.
+  const auto endpoint =
+      Endpoint::open(dir.path().string(), error, {WaitMode::kPolling, std::chrono::milliseconds{1}});
   ASSERT_TRUE(endpoint) << error;
+  EXPECT_EQ(endpoint->describe_mode(), "polling (local), at most every 1 ms");
+  EXPECT_EQ(Endpoint::open(dir.path().string(), error)->describe_mode(),
+            network_file_system(dir.path().string()).empty() ? "inotify" : "polling (" + network_file_system(dir.path().string()) + "), at most every 20 ms");
 
   // A request with go2.dat still done is the one already served; the reset
   // without a request is the driver between its two writes.
@@ -102,7 +107,9 @@ TEST(EndpointTest, ActsOnlyOnARequestAfterTheResetAndReportsByRename) {
 }
 
 TEST(EndpointTest, RequestsComeInTheDriversOrder) {
-  const Request order[] = {{1, 1, 1}, {1, 1, 4}, {1, 2, 1}, {1, 9, 4}, {1, -1, 5}, {2, 1, 1}, {2, -1, 5}};
+  const Request order[] = {{1, 1, 1},         {1, 1, 4},          {1, 2, 1},
+                           {1, 2147483647, 4}, {1, -1, 5},         {2, 1, 1},
+                           {2, -1, 5},         {2147483647, 1, 1}, {2147483647, -1, 5}};
   for (std::size_t i = 0; i < std::size(order); ++i) {
     for (std::size_t j = 0; j < std::size(order); ++j) {
       EXPECT_EQ(comes_after(order[j], order[i]), j > i) << describe(order[j]) << " after " << describe(order[i]);
