@@ -1,5 +1,6 @@
 // Answers every request in the given project directories at once, through
-// the project library, until killed. One process serves them all, so that a
+// the project library, until killed, run after run (a request out of order
+// is the next run's first). One process serves them all, so that a
 // hundred projects do not take a hundred polling processes on a small
 // machine. Usage: responder DIR...
 #include <chrono>
@@ -20,17 +21,19 @@ int main(int argc, char** argv) {
       return 1;
     }
   }
+  using lockstep::project::WaitResult;
   for (;;) {
     bool answered = false;
     for (const auto& endpoint : endpoints) {
       lockstep::project::Request request;
-      const lockstep::project::WaitResult result = endpoint->poll(request);
-      if (result == lockstep::project::WaitResult::kError ||
-          (result == lockstep::project::WaitResult::kRequest && endpoint->report_done() != lockstep::project::DoneResult::kDone)) {
+      const WaitResult result = endpoint->poll(request);
+      const bool pending = result == WaitResult::kRequest || result == WaitResult::kOutOfOrder;
+      if (result == WaitResult::kError ||
+          (pending && endpoint->report_done() != lockstep::project::DoneResult::kDone)) {
         std::cerr << "responder: " << endpoint->error() << "\n";
         return 1;
       }
-      answered = answered || result == lockstep::project::WaitResult::kRequest;
+      answered = answered || pending;
     }
     if (!answered) std::this_thread::sleep_for(std::chrono::microseconds(100));
   }
