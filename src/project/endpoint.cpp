@@ -220,7 +220,11 @@ bool Endpoint::pending(Request& request) {
   // holds the reset, go.dat holds the reset or the new request, never the
   // request already served.
   const GoFileRead done = read_go_file(directory_ + "/go2.dat");
-  const GoFileRead go = done.outcome == GoFileRead::Outcome::kRead ? read_go_file(directory_ + "/go.dat") : GoFileRead{};
+  // go.dat matters only once go2.dat holds the reset: one open per look
+  // while a project waits for its next request.
+  const bool reset = done.outcome == GoFileRead::Outcome::kRead &&
+                     parse_go_record(done.content).kind == GoRecord::Kind::kReset;
+  const GoFileRead go = reset ? read_go_file(directory_ + "/go.dat") : GoFileRead{};
   if (!readable(done, "go2.dat") || !readable(go, "go.dat")) return false;
   // A change means the driver is at work: look again soon.
   if (std::string seen = done.content + '\0' + go.content; seen != last_seen_) {
@@ -243,7 +247,7 @@ bool Endpoint::pending(Request& request) {
       return false;
     }
   }
-  if (parse_go_record(done.content).kind != GoRecord::Kind::kReset) {
+  if (!reset) {
     malformed_since_.reset();
     return false;
   }
@@ -281,6 +285,7 @@ void Endpoint::sleep_until_change() {
 }
 
 WaitResult Endpoint::poll(Request& request) {
+  error_.clear();
   if (!pending(request)) return error_.empty() ? WaitResult::kStopped : WaitResult::kError;
   const std::optional<Request> previous = std::exchange(handed_out_, request);
   if (previous && !comes_after(request, *previous)) {
@@ -292,7 +297,6 @@ WaitResult Endpoint::poll(Request& request) {
 }
 
 WaitResult Endpoint::wait(Request& request, const std::function<bool()>& stop) {
-  error_.clear();
   malformed_since_.reset();
   for (;;) {
     if (const WaitResult result = poll(request); result != WaitResult::kStopped) return result;

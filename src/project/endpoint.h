@@ -109,7 +109,7 @@ class Endpoint {
   // How long a go file may stay unreadable before `on_trouble` hears of it.
   static constexpr std::chrono::seconds kTroubleGrace{2};
   // The longest sleep of a wait woken by changes.
-  static constexpr std::chrono::milliseconds kSafetyPoll{200};
+  static constexpr std::chrono::milliseconds kSafetyPoll{500};
 
   // Fails, with the reason in `error`, when the directory is missing or not
   // writable.

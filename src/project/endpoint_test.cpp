@@ -176,6 +176,8 @@ TEST(EndpointTest, NothingIsReportedDoneOnceTheDriverHasMovedOn) {
             "the driver asks for cycle 1, time step 1, stage 1, which does not come after cycle 1, time step 2, "
             "stage 1, the last request served here: was the driver restarted?");
   EXPECT_EQ(endpoint->report_done(), DoneResult::kDone);
+  // Nothing pending: a look finds nothing, whatever came before.
+  EXPECT_EQ(endpoint->poll(request), WaitResult::kStopped);
   EXPECT_EQ(hand_out(cycle_end_record(1)), WaitResult::kRequest);
 }
 
