@@ -179,12 +179,15 @@ std::unique_ptr<Endpoint> Endpoint::open(const std::string& directory, std::stri
     ::close(watch_fd);
     watch_fd = -1;
   }
-  return std::unique_ptr<Endpoint>(
-      new Endpoint(directory, watch_fd, file_system, std::max(settings.ceiling, std::chrono::milliseconds{1})));
+  return std::unique_ptr<Endpoint>(new Endpoint(directory, watch_fd, file_system, settings));
 }
 
-Endpoint::Endpoint(std::string directory, int watch_fd, std::string file_system, std::chrono::milliseconds ceiling)
-    : directory_(std::move(directory)), watch_fd_(watch_fd), file_system_(std::move(file_system)), ceiling_(ceiling) {}
+Endpoint::Endpoint(std::string directory, int watch_fd, std::string file_system, const WaitSettings& settings)
+    : directory_(std::move(directory)),
+      watch_fd_(watch_fd),
+      file_system_(std::move(file_system)),
+      ceiling_(std::max(settings.ceiling, std::chrono::milliseconds{1})),
+      safety_poll_(std::max(settings.safety_poll, std::chrono::milliseconds{1})) {}
 
 Endpoint::~Endpoint() {
   if (watch_fd_ >= 0) ::close(watch_fd_);
@@ -276,7 +279,7 @@ void Endpoint::sleep_until_change() {
     return;
   }
   pollfd watch{watch_fd_, POLLIN, 0};
-  if (::poll(&watch, 1, static_cast<int>(kSafetyPoll.count())) > 0) {
+  if (::poll(&watch, 1, static_cast<int>(safety_poll_.count())) > 0) {
     // The events only wake the wait; the files themselves are read again.
     std::array<char, 4096> events{};
     while (::read(watch_fd_, events.data(), events.size()) > 0) {

@@ -84,7 +84,7 @@ enum class DoneResult {
 // How a wait learns that the driver wrote.
 enum class WaitMode {
   // inotify sees every write on a local file system: sleep until a change,
-  // with a safety poll every kSafetyPoll.
+  // with a safety look every WaitSettings::safety_poll.
   kChanges,
   // Network file systems, where inotify misses other machines' writes: poll,
   // every millisecond right after a change or a done report, backing off
@@ -94,7 +94,8 @@ enum class WaitMode {
 
 struct WaitSettings {
   std::optional<WaitMode> mode;  // by default chosen from the file system
-  std::chrono::milliseconds ceiling{20};
+  std::chrono::milliseconds ceiling{20};        // kPolling: the longest pause
+  std::chrono::milliseconds safety_poll{500};  // kChanges: the longest sleep
 };
 
 // The file system type of `directory` when it is one whose writes on other
@@ -108,8 +109,6 @@ class Endpoint {
   static constexpr std::chrono::seconds kMalformedGrace{2};
   // How long a go file may stay unreadable before `on_trouble` hears of it.
   static constexpr std::chrono::seconds kTroubleGrace{2};
-  // The longest sleep of a wait woken by changes.
-  static constexpr std::chrono::milliseconds kSafetyPoll{500};
 
   // Fails, with the reason in `error`, when the directory is missing or not
   // writable.
@@ -150,7 +149,7 @@ class Endpoint {
   const std::string& error() const { return error_; }
 
  private:
-  Endpoint(std::string directory, int watch_fd, std::string file_system, std::chrono::milliseconds ceiling);
+  Endpoint(std::string directory, int watch_fd, std::string file_system, const WaitSettings& settings);
   bool pending(Request& request);
   bool readable(const GoFileRead& read, const std::string& name);
   void sleep_until_change();
@@ -159,6 +158,7 @@ class Endpoint {
   int watch_fd_;  // inotify descriptor in kChanges mode, else -1
   std::string file_system_;  // the network file system's type, if any
   std::chrono::milliseconds ceiling_;
+  std::chrono::milliseconds safety_poll_;
   std::chrono::milliseconds interval_{1};  // the next pause when polling
   std::string last_seen_;                  // the go files at the last look
   std::string error_;
