@@ -67,7 +67,9 @@ void idle_agents(benchmark::State& state) {
   testing::TempDir dir;
   std::vector<pid_t> agents;
   for (int i = 0; i < count; ++i) {
-    const auto project = dir.path() / ("p" + std::to_string(i));
+    std::string name = "p";
+    name += std::to_string(i);
+    const auto project = dir.path() / name;
     testing::write_file(project / "go2.dat", "0\n");
     std::vector<std::string> argv = {LOCKSTEPCTL_BINARY, "agent", "--dir", project.string()};
     if (polling) argv.push_back("--poll");

@@ -210,10 +210,13 @@ int run_command(const Options& options, const std::string& directory, const proj
   if (!options.keep_stdin) setpgid(child, child);
   const pid_t target = options.keep_stdin ? child : -child;
   for (;;) {
-    const int signal_number = sigwaitinfo(&signals.held(), nullptr);
+    siginfo_t info{};
+    const int signal_number = sigwaitinfo(&signals.held(), &info);
     if (signal_number == SIGINT || signal_number == SIGTERM) {
       stop_signal = signal_number;
-      kill(target, signal_number);
+      // A key at the terminal has reached a command in the agent's own
+      // group already.
+      if (!options.keep_stdin || info.si_code != SI_KERNEL) kill(target, signal_number);
     } else if (signal_number == SIGCHLD) {
       int status = 0;
       if (waitpid(child, &status, WNOHANG) == child) return status;
