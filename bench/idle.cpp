@@ -4,10 +4,10 @@
 // (counted by strace on one of them, where strace is installed).
 #include <benchmark/benchmark.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -29,27 +29,16 @@ double cpu_seconds(pid_t pid) {
   return nanoseconds / 1e9;
 }
 
-pid_t spawn(const std::vector<std::string>& argv) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    std::vector<char*> args;
-    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
-    execvp(args[0], args.data());
-    _exit(127);
-  }
-  return pid;
-}
-
 // Files `pid` opens per second, or -1 without strace.
 double opens_per_second(pid_t pid, const std::filesystem::path& scratch) {
   if (access("/usr/bin/strace", X_OK) != 0) return -1;
   const std::string summary = (scratch / "strace.txt").string();
-  const pid_t tracer = spawn({"/usr/bin/strace", "-qq", "-c", "-e", "trace=open,openat", "-o", summary, "-p",
-                              std::to_string(pid)});
+  testing::Background tracer({"/usr/bin/strace", "-qq", "-c", "-e", "trace=open,openat", "-o", summary, "-p",
+                              std::to_string(pid)},
+                             scratch);
   std::this_thread::sleep_for(kMeasured);
-  kill(tracer, SIGINT);
-  waitpid(tracer, nullptr, 0);
+  tracer.signal(SIGINT);  // strace writes its summary as it ends
+  tracer.wait(kMeasured);
   std::ifstream in(summary);
   long calls = 0;
   for (std::string line; std::getline(in, line);) {
@@ -65,7 +54,7 @@ void idle_agents(benchmark::State& state) {
   const auto count = static_cast<int>(state.range(0));
   const bool polling = state.range(1) == 1;
   testing::TempDir dir;
-  std::vector<pid_t> agents;
+  std::vector<std::unique_ptr<testing::Background>> agents;
   for (int i = 0; i < count; ++i) {
     std::string name = "p";
     name += std::to_string(i);
@@ -74,22 +63,20 @@ void idle_agents(benchmark::State& state) {
     std::vector<std::string> argv = {LOCKSTEPCTL_BINARY, "agent", "--dir", project.string()};
     if (polling) argv.push_back("--poll");
     argv.insert(argv.end(), {"--", "true"});
-    agents.push_back(spawn(argv));
+    agents.push_back(std::make_unique<testing::Background>(argv, dir.path()));
   }
   for (auto _ : state) {
     std::this_thread::sleep_for(kSettle);
     double before = 0;
-    for (const pid_t agent : agents) before -= cpu_seconds(agent);
+    for (const auto& agent : agents) before -= cpu_seconds(agent->pid());
     const auto start = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(kMeasured);
     double cpu = before;
-    for (const pid_t agent : agents) cpu += cpu_seconds(agent);
+    for (const auto& agent : agents) cpu += cpu_seconds(agent->pid());
     const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     state.counters["cpu_percent_per_agent"] = 100 * cpu / elapsed / count;
-    state.counters["opens_per_second_per_agent"] = opens_per_second(agents.front(), dir.path());
+    state.counters["opens_per_second_per_agent"] = opens_per_second(agents.front()->pid(), dir.path());
   }
-  for (const pid_t agent : agents) kill(agent, SIGTERM);
-  for (const pid_t agent : agents) waitpid(agent, nullptr, 0);
 }
 
 BENCHMARK(idle_agents)

@@ -11,6 +11,7 @@
 
 #include "config/project_tree.h"
 #include "ctl/json.h"
+#include "ctl/run_arguments.h"
 #include "ctl/text.h"
 #include "ctl/tree.h"
 #include "records/status.h"
@@ -41,35 +42,6 @@ constexpr const char* kCheckHelp =
     "  --help   show this help\n"
     "\n"
     "Exit status: 0 when the tree is ready, 1 when it is not, 2 on a usage error.\n";
-
-struct Arguments {
-  std::string run_directory = ".";
-  bool json = false;
-  bool fix = false;
-  bool help = false;
-};
-
-bool parse(int argc, char** argv, Arguments& arguments, std::ostream& err) {
-  bool have_directory = false;
-  for (int i = 0; i < argc; ++i) {
-    const std::string word = argv[i];
-    if (word == "--help" || word == "-h") {
-      arguments.help = true;
-    } else if (word == "--json") {
-      arguments.json = true;
-    } else if (word == "--fix") {
-      arguments.fix = true;
-    } else if (!word.empty() && word.front() != '-' && !have_directory) {
-      arguments.run_directory = word;
-      have_directory = true;
-    } else {
-      err << "lockstepctl check: unexpected argument \"" << word << "\"\n"
-          << "Try 'lockstepctl check --help'.\n";
-      return false;
-    }
-  }
-  return true;
-}
 
 std::string settings_line(const TreeState& tree) {
   const auto value = [](const std::optional<std::int32_t>& v) { return v ? std::to_string(*v) : std::string("?"); };
@@ -187,23 +159,23 @@ bool fix(const TreeState& tree, std::ostream& out, std::ostream& err) {
 }  // namespace
 
 int check_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
-  Arguments arguments;
-  if (!parse(argc, argv, arguments, err)) return kUsageStatus;
+  RunArguments arguments;
+  if (!parse_run_arguments(argc, argv, "check", {"--json", "--fix"}, arguments, err)) return kUsageStatus;
   if (arguments.help) {
     out << kCheckHelp;
     return 0;
   }
-  if (arguments.fix) {
+  if (arguments.has("--fix")) {
     const TreeState before = inspect_tree(arguments.run_directory, false);
     if (!before.drivers.empty()) {
       err << "lockstepctl check: lockstep is running in " << text::printable(before.run_directory.string())
           << " (PID " << before.drivers.front() << "); --fix changes nothing while it runs\n";
       return 1;
     }
-    if (!fix(before, arguments.json ? err : out, err)) return 1;
+    if (!fix(before, arguments.has("--json") ? err : out, err)) return 1;
   }
   const TreeState tree = inspect_tree(arguments.run_directory, true);
-  out << (arguments.json ? check_json(tree) : check_text(tree));
+  out << (arguments.has("--json") ? check_json(tree) : check_text(tree));
   return tree.problem_count() == 0 ? 0 : 1;
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "ctl/run_arguments.h"
 #include "ctl/text.h"
 #include "ctl/tree.h"
 
@@ -29,32 +30,6 @@ constexpr const char* kStatusHelp =
     "  --watch  refresh every half second until the run is complete or lockstep\n"
     "           has stopped\n"
     "  --help   show this help\n";
-
-struct Arguments {
-  std::string run_directory = ".";
-  bool watch = false;
-  bool help = false;
-};
-
-bool parse(int argc, char** argv, Arguments& arguments, std::ostream& err) {
-  bool have_directory = false;
-  for (int i = 0; i < argc; ++i) {
-    const std::string word = argv[i];
-    if (word == "--help" || word == "-h") {
-      arguments.help = true;
-    } else if (word == "--watch") {
-      arguments.watch = true;
-    } else if (!word.empty() && word.front() != '-' && !have_directory) {
-      arguments.run_directory = word;
-      have_directory = true;
-    } else {
-      err << "lockstepctl status: unexpected argument \"" << word << "\"\n"
-          << "Try 'lockstepctl status --help'.\n";
-      return false;
-    }
-  }
-  return true;
-}
 
 std::string seconds_since(std::chrono::system_clock::time_point since) {
   const double seconds = std::chrono::duration<double>(std::chrono::system_clock::now() - since).count();
@@ -165,8 +140,8 @@ View status_view(const TreeState& tree, bool colour) {
 }  // namespace
 
 int status_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
-  Arguments arguments;
-  if (!parse(argc, argv, arguments, err)) return kUsageStatus;
+  RunArguments arguments;
+  if (!parse_run_arguments(argc, argv, "status", {"--watch"}, arguments, err)) return kUsageStatus;
   if (arguments.help) {
     out << kStatusHelp;
     return 0;
@@ -175,9 +150,9 @@ int status_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   for (;;) {
     const TreeState tree = inspect_tree(arguments.run_directory, false);
     const View view = status_view(tree, terminal);
-    if (arguments.watch && terminal) out << "\033[H\033[2J";
+    if (arguments.has("--watch") && terminal) out << "\033[H\033[2J";
     out << view.text << std::flush;
-    if (!arguments.watch || view.finished) return tree.settings_problems.empty() ? 0 : 1;
+    if (!arguments.has("--watch") || view.finished) return tree.settings_problems.empty() ? 0 : 1;
     if (!terminal) out << "\n";
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
   }
