@@ -217,13 +217,15 @@ TEST_F(AgentAloneTest, AnInterruptedRequestIsNotDoneWhateverTheExitStatus) {
   Background served(agent(project(), {},
                           "trap 'exit 0' TERM; "
                           "sh -c 'echo $$ > \"$LOCKSTEP_PROJECT_DIR/grandchild\"; exec sleep 300' & wait"),
-                    dir.path());
+                    dir.path(), dir.path() / "err");
   ASSERT_TRUE(wait_until([&] { return !read_file(project() / "grandchild").empty(); }));
   const pid_t grandchild = std::stoi(read_file(project() / "grandchild"));
   served.signal(SIGTERM);
   int status = -1;
   ASSERT_TRUE(served.wait(kStall, &status));
   EXPECT_EQ(status, 128 + SIGTERM);
+  EXPECT_EQ(read_file(dir.path() / "err"),
+            "lockstepctl agent: stopped by signal 15 while /bin/sh served cycle 1, time step 1, stage 1; left not done\n");
   EXPECT_EQ(read_file(project() / "go2.dat"), reset_record());
   EXPECT_TRUE(wait_until([&] { return gone(grandchild); }));
 }

@@ -154,8 +154,9 @@ Exit run_program(const std::vector<std::string>& argv, const std::filesystem::pa
   return result;
 }
 
-Background::Background(const std::vector<std::string>& argv, const std::filesystem::path& directory)
-    : pid_(spawn(argv, directory, "/dev/null", "")) {}
+Background::Background(const std::vector<std::string>& argv, const std::filesystem::path& directory,
+                       const std::filesystem::path& err)
+    : pid_(spawn(argv, directory, "/dev/null", err.string())) {}
 
 Background::~Background() {
   if (pid_ > 0) {

@@ -54,10 +54,12 @@ bool wait_until(const std::function<bool()>& condition, const std::function<std:
                 std::chrono::seconds stall = kStall);
 
 // A program running in the background, its standard output discarded and
-// its standard error the test's; killed when the object goes.
+// its standard error the test's or the file `err`; killed when the object
+// goes.
 class Background {
  public:
-  Background(const std::vector<std::string>& argv, const std::filesystem::path& directory);
+  Background(const std::vector<std::string>& argv, const std::filesystem::path& directory,
+             const std::filesystem::path& err = {});
   ~Background();
   Background(const Background&) = delete;
   Background& operator=(const Background&) = delete;
