@@ -47,7 +47,7 @@ struct Position {
 };
 
 std::optional<Position> position(const project::Request& request, const TreeState& tree) {
-  if (!tree.time_step || !tree.cycle_num || *tree.time_step < 0 || *tree.cycle_num <= 0) return std::nullopt;
+  if (!tree.time_step || !tree.cycle_num || *tree.time_step < 0) return std::nullopt;
   if (request.cycle < 1 || request.cycle > *tree.cycle_num) return std::nullopt;
   const bool stage_in_schedule = request.time_step >= 1 && request.time_step <= *tree.time_step &&
                                  request.stage >= 1 && request.stage <= 4;
