@@ -287,10 +287,14 @@ TreeState inspect_tree(const std::filesystem::path& run_directory, bool before_r
   tree.drivers = running_drivers(tree.run_directory);
 
   const int last = last_project(tree);
-  std::vector<std::filesystem::path> tree_directories = {tree.run_directory};
-  for (int index = 0; index <= last; ++index) {
+  // Where go files may lead without leaving the run tree; only the check
+  // before a run asks.
+  std::vector<std::filesystem::path> tree_directories;
+  for (int index = -1; before_run && index <= last; ++index) {
+    const std::filesystem::path directory =
+        index < 0 ? tree.run_directory : tree.run_directory / config::project_directory(index);
     std::error_code ignored;
-    tree_directories.push_back(std::filesystem::weakly_canonical(tree.run_directory / config::project_directory(index), ignored));
+    tree_directories.push_back(std::filesystem::weakly_canonical(directory, ignored));
   }
   bool all_read = true;
   std::int64_t sum = 0;
