@@ -17,7 +17,7 @@ constexpr const char* kHelp =
     "  check   check a run tree before a run\n"
     "  status  show what a running lockstep is waiting for\n"
     "\n"
-    "'lockstepctl SUBCOMMAND --help' describes each.\n";
+    "'lockstepctl SUBCOMMAND --help' describes each; 'lockstepctl --version' prints the version.\n";
 
 }  // namespace
 
@@ -26,6 +26,10 @@ int main(int argc, char** argv) {
   if (subcommand == "agent") return lockstep::ctl::agent_main(argc - 2, argv + 2, std::cout, std::cerr);
   if (subcommand == "check") return lockstep::ctl::check_main(argc - 2, argv + 2, std::cout, std::cerr);
   if (subcommand == "status") return lockstep::ctl::status_main(argc - 2, argv + 2, std::cout, std::cerr);
+  if (subcommand == "--version") {
+    std::cout << "lockstepctl " LOCKSTEP_VERSION "\n";
+    return 0;
+  }
   if (subcommand == "--help" || subcommand == "-h" || subcommand == "help") {
     std::cout << kHelp;
     return 0;

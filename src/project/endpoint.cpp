@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "project/directory_lock.h"
 #include "records/file_system.h"
 #include "records/status.h"
 
@@ -272,14 +273,19 @@ bool Endpoint::pending(Request& request) {
   return false;
 }
 
-void Endpoint::sleep_until_change() {
+void Endpoint::sleep_until_change(std::optional<std::chrono::steady_clock::time_point> deadline) {
+  const auto left = [&](std::chrono::milliseconds longest) {
+    if (!deadline) return longest;
+    const auto remaining = std::chrono::ceil<std::chrono::milliseconds>(*deadline - std::chrono::steady_clock::now());
+    return std::clamp(remaining, std::chrono::milliseconds{0}, longest);
+  };
   if (watch_fd_ < 0) {
-    std::this_thread::sleep_for(interval_);
+    std::this_thread::sleep_for(left(interval_));
     interval_ = std::min(interval_ * 2, ceiling_);
     return;
   }
   pollfd watch{watch_fd_, POLLIN, 0};
-  if (::poll(&watch, 1, static_cast<int>(safety_poll_.count())) > 0) {
+  if (::poll(&watch, 1, static_cast<int>(left(safety_poll_).count())) > 0) {
     // The events only wake the wait; the files themselves are read again.
     std::array<char, 4096> events{};
     while (::read(watch_fd_, events.data(), events.size()) > 0) {
@@ -299,12 +305,14 @@ WaitResult Endpoint::poll(Request& request) {
   return WaitResult::kRequest;
 }
 
-WaitResult Endpoint::wait(Request& request, const std::function<bool()>& stop) {
+WaitResult Endpoint::wait(Request& request, const std::function<bool()>& stop,
+                          std::optional<std::chrono::steady_clock::time_point> deadline) {
   malformed_since_.reset();
   for (;;) {
     if (const WaitResult result = poll(request); result != WaitResult::kStopped) return result;
     if (stop && stop()) return WaitResult::kStopped;
-    sleep_until_change();
+    if (deadline && std::chrono::steady_clock::now() >= *deadline) return WaitResult::kStopped;
+    sleep_until_change(deadline);
   }
 }
 

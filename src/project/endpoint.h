@@ -10,9 +10,11 @@
 #include <string>
 #include <string_view>
 
-#include "project/directory_lock.h"
+#include "api.h"
 
 namespace lockstep::project {
+
+class DirectoryLock;
 
 struct Request {
   std::int32_t cycle = 0;
@@ -23,10 +25,10 @@ struct Request {
 };
 
 // True when the driver sends `later` after `earlier` in one run.
-bool comes_after(const Request& later, const Request& earlier);
+LOCKSTEP_API bool comes_after(const Request& later, const Request& earlier);
 
 // "cycle 1, time step 2, stage 3", or "the cycle-end request of cycle 2".
-std::string describe(const Request& request);
+LOCKSTEP_API std::string describe(const Request& request);
 
 // What a go file holds, read as the driver writes it: a complete line of
 // four integers. Anything else, an empty file or a line still being written
@@ -36,7 +38,7 @@ struct GoRecord {
   Kind kind;
   Request request;
 };
-GoRecord parse_go_record(std::string_view content);
+LOCKSTEP_API GoRecord parse_go_record(std::string_view content);
 
 // The most of a go file that is ever read; the driver's records are far
 // shorter.
@@ -57,11 +59,11 @@ struct GoFileRead {
   int os_error = 0;
   std::string kind;  // "a FIFO", "a directory", ...
 };
-GoFileRead read_go_file(const std::string& path);
+LOCKSTEP_API GoFileRead read_go_file(const std::string& path);
 
 // "a FIFO", "a directory", "a character device", ... for a stat mode that
 // is not a regular file's.
-std::string file_kind(unsigned mode);
+LOCKSTEP_API std::string file_kind(unsigned mode);
 
 enum class WaitResult {
   kRequest,
@@ -100,9 +102,9 @@ struct WaitSettings {
 
 // The file system type of `directory` when it is one whose writes on other
 // machines inotify cannot see ("nfs", "lustre", ...); empty otherwise.
-std::string network_file_system(const std::string& directory);
+LOCKSTEP_API std::string network_file_system(const std::string& directory);
 
-class Endpoint {
+class LOCKSTEP_API Endpoint {
  public:
   // How long go.dat may hold a complete line that is no go record before
   // waiting turns into an error.
@@ -128,8 +130,11 @@ class Endpoint {
   void on_trouble(std::function<void(const std::string&)> report) { report_trouble_ = std::move(report); }
 
   // Blocks until a request is pending: go2.dat holds the reset record and
-  // go.dat a request, looking as mode() says. `stop` is asked between looks.
-  WaitResult wait(Request& request, const std::function<bool()>& stop = {});
+  // go.dat a request, looking as mode() says. `stop` is asked between looks
+  // (and after a signal interrupts a sleep); kStopped once it says so or the
+  // deadline has passed.
+  WaitResult wait(Request& request, const std::function<bool()>& stop = {},
+                  std::optional<std::chrono::steady_clock::time_point> deadline = {});
 
   // One look, without waiting: kRequest with the pending request, kStopped
   // when there is none yet, kError or kOutOfOrder as for wait. For callers
@@ -152,7 +157,7 @@ class Endpoint {
   Endpoint(std::string directory, int watch_fd, std::string file_system, const WaitSettings& settings);
   bool pending(Request& request);
   bool readable(const GoFileRead& read, const std::string& name);
-  void sleep_until_change();
+  void sleep_until_change(std::optional<std::chrono::steady_clock::time_point> deadline);
 
   std::string directory_;
   int watch_fd_;  // inotify descriptor in kChanges mode, else -1

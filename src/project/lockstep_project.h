@@ -4,6 +4,8 @@
 #ifndef LOCKSTEP_PROJECT_H
 #define LOCKSTEP_PROJECT_H
 
+#include "api.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -22,25 +24,25 @@ typedef struct lockstep_project lockstep_project;
 
 /* Opens the project directory; NULL when it is missing or not writable, with
  * the reason in `error` (at most `error_size` bytes, zero-terminated). */
-lockstep_project* lockstep_project_open(const char* directory, char* error, int error_size);
+LOCKSTEP_API lockstep_project* lockstep_project_open(const char* directory, char* error, int error_size);
 
 /* Takes the directory's lock, so that no other process serves it. Returns
  * 0, or -1 when another process holds it (the error names it). */
-int lockstep_project_lock(lockstep_project* project);
+LOCKSTEP_API int lockstep_project_lock(lockstep_project* project);
 
 /* Waits for the next request. Returns 0 with the request's numbers (time step
  * -1 and stage 5 for the cycle-end request), LOCKSTEP_PROJECT_OUT_OF_ORDER,
  * or -1 on an error. */
-int lockstep_project_wait(lockstep_project* project, int* cycle, int* time_step, int* stage);
+LOCKSTEP_API int lockstep_project_wait(lockstep_project* project, int* cycle, int* time_step, int* stage);
 
 /* Reports the request done. Returns 0, LOCKSTEP_PROJECT_OVERRUN, or -1 on an
  * error. */
-int lockstep_project_done(lockstep_project* project);
+LOCKSTEP_API int lockstep_project_done(lockstep_project* project);
 
 /* The reason for the last error, zero-terminated. */
-const char* lockstep_project_error(const lockstep_project* project);
+LOCKSTEP_API const char* lockstep_project_error(const lockstep_project* project);
 
-void lockstep_project_close(lockstep_project* project);
+LOCKSTEP_API void lockstep_project_close(lockstep_project* project);
 
 #ifdef __cplusplus
 }

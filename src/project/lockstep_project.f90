@@ -1,0 +1,162 @@
+! Fortran interface to a lockstep project directory, over the C interface:
+! Fortran strings in and out, the handle kept inside a derived type.
+!
+!   use lockstep_project
+!   type(lockstep_project_t) :: project
+!   if (lockstep_open(project, '../main') /= LOCKSTEP_PROJECT_OK) error stop project%error()
+!   status = project%wait(cycle, time_step, stage)
+!   ... carry out the request ...
+!   status = project%done()
+!   call project%close()
+module lockstep_project
+  use, intrinsic :: iso_c_binding, only: c_ptr, c_null_ptr, c_associated, c_char, c_int, c_size_t, &
+                                         c_null_char, c_f_pointer
+  implicit none
+  private
+
+  integer, parameter, public :: LOCKSTEP_PROJECT_OK = 0
+  integer, parameter, public :: LOCKSTEP_PROJECT_ERROR = -1
+  ! wait: the request does not come after the last one served (the driver
+  ! was restarted); its numbers are returned all the same.
+  integer, parameter, public :: LOCKSTEP_PROJECT_OUT_OF_ORDER = -2
+  ! done: the driver no longer waits for the request; nothing was written.
+  integer, parameter, public :: LOCKSTEP_PROJECT_OVERRUN = -3
+
+  type, public :: lockstep_project_t
+    private
+    type(c_ptr) :: handle = c_null_ptr
+    character(len=:), allocatable :: open_error
+  contains
+    procedure :: lock => project_lock
+    procedure :: wait => project_wait
+    procedure :: done => project_done
+    procedure :: error => project_error
+    procedure :: close => project_close
+  end type
+
+  public :: lockstep_open
+
+  integer(c_int), parameter :: error_capacity = 4096
+
+  interface
+    type(c_ptr) function c_open(directory, error, error_size) bind(c, name='lockstep_project_open')
+      import :: c_ptr, c_char, c_int
+      character(kind=c_char), intent(in) :: directory(*)
+      character(kind=c_char), intent(out) :: error(*)
+      integer(c_int), value :: error_size
+    end function
+    integer(c_int) function c_lock(project) bind(c, name='lockstep_project_lock')
+      import :: c_ptr, c_int
+      type(c_ptr), value :: project
+    end function
+    integer(c_int) function c_wait(project, cycle, time_step, stage) bind(c, name='lockstep_project_wait')
+      import :: c_ptr, c_int
+      type(c_ptr), value :: project
+      integer(c_int), intent(out) :: cycle, time_step, stage
+    end function
+    integer(c_int) function c_done(project) bind(c, name='lockstep_project_done')
+      import :: c_ptr, c_int
+      type(c_ptr), value :: project
+    end function
+    type(c_ptr) function c_error(project) bind(c, name='lockstep_project_error')
+      import :: c_ptr
+      type(c_ptr), value :: project
+    end function
+    subroutine c_close(project) bind(c, name='lockstep_project_close')
+      import :: c_ptr
+      type(c_ptr), value :: project
+    end subroutine
+    integer(c_size_t) function c_strlen(text) bind(c, name='strlen')
+      import :: c_ptr, c_size_t
+      type(c_ptr), value :: text
+    end function
+  end interface
+
+contains
+
+  ! Opens the project directory; LOCKSTEP_PROJECT_ERROR when it is missing or
+  ! not writable, with the reason in project%error().
+  integer function lockstep_open(project, directory) result(status)
+    type(lockstep_project_t), intent(inout) :: project
+    character(len=*), intent(in) :: directory
+    character(kind=c_char) :: error(error_capacity)
+    integer :: length
+
+    call project%close()
+    error = c_null_char
+    project%handle = c_open(trim(directory) // c_null_char, error, error_capacity)
+    if (c_associated(project%handle)) then
+      project%open_error = ''
+      status = LOCKSTEP_PROJECT_OK
+      return
+    end if
+    length = 0
+    do while (length < error_capacity)
+      if (error(length + 1) == c_null_char) exit
+      length = length + 1
+    end do
+    allocate (character(len=length) :: project%open_error)
+    project%open_error = transfer(error(1:length), project%open_error)
+    status = LOCKSTEP_PROJECT_ERROR
+  end function
+
+  ! Takes the directory's lock, so that no other process serves it.
+  integer function project_lock(project) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    status = LOCKSTEP_PROJECT_ERROR
+    if (c_associated(project%handle)) status = c_lock(project%handle)
+  end function
+
+  ! Waits for the next request: time_step -1 and stage 5 for the cycle-end
+  ! request.
+  integer function project_wait(project, cycle, time_step, stage) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    integer, intent(out) :: cycle, time_step, stage
+    integer(c_int) :: c_cycle, c_time_step, c_stage
+    cycle = 0
+    time_step = 0
+    stage = 0
+    status = LOCKSTEP_PROJECT_ERROR
+    if (.not. c_associated(project%handle)) return
+    status = c_wait(project%handle, c_cycle, c_time_step, c_stage)
+    cycle = c_cycle
+    time_step = c_time_step
+    stage = c_stage
+  end function
+
+  ! Reports the request handed out done.
+  integer function project_done(project) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    status = LOCKSTEP_PROJECT_ERROR
+    if (c_associated(project%handle)) status = c_done(project%handle)
+  end function
+
+  ! The reason for the last error.
+  function project_error(project) result(message)
+    class(lockstep_project_t), intent(in) :: project
+    character(len=:), allocatable :: message
+    character(kind=c_char), pointer :: text(:)
+    type(c_ptr) :: reason
+    integer :: length
+
+    if (.not. c_associated(project%handle)) then
+      message = 'the project directory is not open'
+      if (allocated(project%open_error)) then
+        if (len(project%open_error) > 0) message = project%open_error
+      end if
+      return
+    end if
+    reason = c_error(project%handle)
+    length = int(c_strlen(reason))
+    call c_f_pointer(reason, text, [length])
+    allocate (character(len=length) :: message)
+    message = transfer(text, message)
+  end function
+
+  subroutine project_close(project)
+    class(lockstep_project_t), intent(inout) :: project
+    if (c_associated(project%handle)) call c_close(project%handle)
+    project%handle = c_null_ptr
+  end subroutine
+
+end module lockstep_project

@@ -1,0 +1,145 @@
+"""Serve a lockstep project directory from Python.
+
+A solver waits for the driver's requests in its project directory, carries
+each one out, and reports it done::
+
+    import lockstep
+
+    with lockstep.Project("../sub1") as project:
+        for request in project.requests(last_cycle=20):
+            if request.cycle_end:
+                write_results(request.cycle)
+            else:
+                advance(request.stage)
+
+Each request that ``requests`` yields is reported done when the loop body
+finishes it without an exception; a body that raises leaves it not done.
+"""
+
+from __future__ import annotations
+
+from dataclasses import dataclass
+from typing import Iterator, Optional
+
+__all__ = ["Error", "OutOfOrderError", "OverrunError", "Project", "Request"]
+
+
+class Error(RuntimeError):
+    """A failure of the project library; the message says what and where."""
+
+
+class OutOfOrderError(Error):
+    """The driver asks for a request that does not come after the last one
+    served here: it was restarted. ``request`` holds the new request, which
+    is handed out all the same: serving it (and calling ``done``) is the
+    caller's decision."""
+
+    def __init__(self, message: str, request: "Request") -> None:
+        super().__init__(message)
+        self.request = request
+
+
+class OverrunError(Error):
+    """The driver no longer waits for the request (it stopped waiting, or the
+    tree was reset); nothing was reported done."""
+
+
+@dataclass(frozen=True)
+class Request:
+    """One request of the driver: a stage of a time step, or the cycle-end
+    request (``time_step`` -1, ``stage`` 5)."""
+
+    cycle: int
+    time_step: int
+    stage: int
+
+    @property
+    def cycle_end(self) -> bool:
+        """True for the request that closes a cycle."""
+        return self.time_step == -1 and self.stage == 5
+
+    def __str__(self) -> str:
+        if self.cycle_end:
+            return f"the cycle-end request of cycle {self.cycle}"
+        return f"cycle {self.cycle}, time step {self.time_step}, stage {self.stage}"
+
+
+from ._lockstep import Endpoint as _Endpoint  # noqa: E402  (needs Error defined)
+
+
+class Project:
+    """A project directory served by this process.
+
+    Opening takes the directory's lock (unless ``lock`` is False), so that no
+    other process serves it; raises ``Error`` when the directory is missing,
+    not writable or already served.
+    """
+
+    def __init__(self, directory: str, *, lock: bool = True) -> None:
+        self._endpoint: Optional[_Endpoint] = _Endpoint(str(directory))
+        self._pending: Optional[Request] = None
+        if lock:
+            self._endpoint.lock()
+
+    def __enter__(self) -> "Project":
+        return self
+
+    def __exit__(self, *exception: object) -> None:
+        self.close()
+
+    @property
+    def directory(self) -> str:
+        return self._open().directory
+
+    @property
+    def mode(self) -> str:
+        """How the wait learns of the driver's writes: "inotify", or polling
+        on a network file system."""
+        return self._open().mode
+
+    def wait(self, timeout: Optional[float] = None) -> Optional[Request]:
+        """Waits for the next request; None if ``timeout`` seconds pass first.
+
+        Other threads run meanwhile, and Ctrl-C interrupts the wait with
+        KeyboardInterrupt. Raises OutOfOrderError when the driver was
+        restarted and Error on any other failure.
+        """
+        pending = self._open().wait(timeout)
+        if pending is None:
+            return None
+        cycle, time_step, stage, out_of_order = pending
+        request = Request(cycle, time_step, stage)
+        self._pending = request
+        if out_of_order:
+            raise OutOfOrderError(self._open().error(), request)
+        return request
+
+    def done(self) -> None:
+        """Reports the request from the last wait done. Raises OverrunError
+        when the driver no longer waits for it, Error on any other failure."""
+        outcome = self._open().done()
+        self._pending = None
+        if outcome == "overrun":
+            raise OverrunError(self._open().error())
+
+    def requests(self, last_cycle: int) -> Iterator[Request]:
+        """The requests up to the cycle-end request of ``last_cycle``, each
+        reported done when the loop body has finished it (unless the body
+        called ``done`` itself)."""
+        while True:
+            request = self.wait()
+            assert request is not None
+            yield request
+            if self._pending is not None:
+                self.done()
+            if request.cycle_end and request.cycle >= last_cycle:
+                return
+
+    def close(self) -> None:
+        """Releases the directory and its lock. Further calls raise Error."""
+        self._endpoint = None
+
+    def _open(self) -> _Endpoint:
+        if self._endpoint is None:
+            raise Error("the project directory is closed")
+        return self._endpoint
