@@ -38,17 +38,7 @@ finish() {
 }
 trap finish EXIT
 
-# Waits until COMMAND succeeds; fails once the output of PROGRESS (by
-# default nothing) has not changed for a minute.
-wait_until() {
-  local progress=${2:-true} last="" seen stalled=0
-  until eval "$1" >/dev/null 2>&1; do
-    seen=$(eval "$progress" 2>/dev/null || true)
-    if [ "$seen" != "$last" ]; then last=$seen; stalled=0; else stalled=$((stalled + 1)); fi
-    if [ "$stalled" -ge 600 ]; then echo "no progress for a minute waiting for: $1" >&2; return 1; fi
-    sleep 0.1
-  done
-}
+. "$(dirname "$0")/support/wait_until.sh"
 
 free_port() {
   python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
