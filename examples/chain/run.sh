@@ -1,18 +1,29 @@
 #!/usr/bin/env bash
 # The chain example: twelve masses on springs split over the main project and
-# two sub projects. Builds what it needs, lays out a fresh run tree in
-# build/release/chain-run, starts one solver per project, runs lockstep, and
-# checks the coupled result against the chain integrated in one process.
+# two sub projects, whose solvers are written in C++, Fortran and Python.
+# Builds what it needs, lays out a fresh run tree in build/release/chain-run,
+# starts one solver per project, runs lockstep, and checks the coupled result
+# against the chain integrated in one process. Without gfortran, or without
+# python3-dev and pybind11-dev, the C++ solver stands in for that project.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 repo=$(cd "$here/../.." && pwd)
 build="$repo/build/release"
 cycles=20
 time_steps=5
-layout=(main:0:4 sub1:4:4 sub2:8:4)
+layout=(main:0:4:C++ sub1:4:4:Fortran sub2:8:4:Python)
 
-cmake --preset release -S "$repo" >/dev/null
-cmake --build --preset release --target lockstep chain_solver chain_check >/dev/null
+echo "building lockstep and the example (the first time takes a few minutes)"
+configure_log=$(mktemp)
+cmake --preset release -S "$repo" >"$configure_log" 2>&1 || { cat "$configure_log"; exit 1; }
+rm -f "$configure_log"
+cmake --build --preset release --target chain_example
+
+# A project's solver in its language where that one was built, else C++.
+solver_command() {
+  local program="$build/examples/chain_solver_${1,,}"
+  if [ "$1" != C++ ] && [ -x "$program" ]; then echo "$program"; else echo "$build/examples/chain_solver"; fi
+}
 
 tree="$build/chain-run"
 rm -rf "$tree"
@@ -21,15 +32,24 @@ printf 'time_step=\n%d\ncycle_num=\n%d\nnum_subprojects=\n%d\n' "$time_steps" "$
   >"$tree/run/analysis_settings.dat"
 
 solvers=()
+languages=()
 stop_solvers() { for pid in "${solvers[@]}"; do kill "$pid" 2>/dev/null || true; done; }
 trap stop_solvers EXIT
+blocks=()
 for block in "${layout[@]}"; do
-  IFS=: read -r directory first count <<<"$block"
+  IFS=: read -r directory first count language <<<"$block"
+  blocks+=("$directory:$first:$count")
   mkdir -p "$tree/$directory"
   cp "$here/exchange.sh" "$tree/$directory/"
   echo exchange.sh >"$tree/$directory/CalculateInteraction.dat"
   echo 0 >"$tree/$directory/go2.dat"
-  "$build/examples/chain_solver" "$tree/$directory" "$first" "$count" "$cycles" &
+  solver=$(solver_command "$language")
+  if [ "$language" != C++ ] && [ "$solver" = "$build/examples/chain_solver" ]; then
+    echo "$directory: no $language solver was built; the C++ one stands in"
+    language=C++
+  fi
+  languages+=("$directory in $language")
+  "$solver" "$tree/$directory" "$first" "$count" "$cycles" &
   solvers+=("$!")
 done
 # The first stage's exchange needs every solver's starting boundary.
@@ -38,13 +58,13 @@ for block in "${layout[@]}"; do
   until [ -f "$tree/$directory/right.out" ]; do sleep 0.01; done
 done
 
-echo "lockstep: $cycles cycles of $time_steps time steps, ${#layout[@]} projects"
+echo "lockstep: $cycles cycles of $time_steps time steps, $(IFS=,; echo "${languages[*]}" | sed 's/,/, /g')"
 # Shows the progress line of each cycle's closing time step.
 (cd "$tree/run" && "$build/src/lockstep") | awk -v closing=$((time_steps + 1)) 'substr($0, 27, 5) + 0 == closing'
 for pid in "${solvers[@]}"; do wait "$pid"; done
 solvers=()
 
-"$build/examples/chain_check" "$tree" "$cycles" "$time_steps" "${layout[@]}"
+"$build/examples/chain_check" "$tree" "$cycles" "$time_steps" "${blocks[@]}"
 
 if command -v gnuplot >/dev/null; then
   gnuplot <<GNUPLOT
