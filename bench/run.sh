@@ -10,7 +10,7 @@ cmake --build --preset release >/dev/null
 
 results=$(mktemp -d)
 trap 'rm -rf "$results"' EXIT
-for bench in stage_throughput turnaround footprint idle; do
+for bench in stage_throughput turnaround bindings footprint idle; do
   echo "== $bench"
   "$build/bench_$bench" --benchmark_out="$results/$bench.json" --benchmark_out_format=json | tee "$results/$bench.txt"
 done
@@ -74,6 +74,27 @@ lines += [
         verdict(inotify["median_us"] <= 1.1 * before["median_us"])),
     "",
 ]
+bindings = {int(b["name"].split("binding:")[1].split("/")[0]): b for b in load("bindings")["benchmarks"]
+            if "median_us" in b}
+lines += [
+    "## Turnaround per binding",
+    "",
+    "The same measure with the project served by a process of its own that does nothing but wait and",
+    "report done, through each binding, 2,000 requests each. Target: Python's median within 1.5 times",
+    "C++'s.",
+    "",
+    "| binding | median µs | 99th percentile µs |",
+    "|---|---:|---:|",
+]
+for number, name in ((0, "C++ (`Endpoint`)"), (1, "C (`lockstep_project_wait`)"), (2, "Python (`lockstep.Project`)")):
+    if number in bindings:
+        lines.append("| %s | %.0f | %.0f |" % (name, bindings[number]["median_us"], bindings[number]["p99_us"]))
+    else:
+        lines.append("| %s | not measured (not built) | |" % name)
+if 0 in bindings and 2 in bindings:
+    python_ratio = bindings[2]["median_us"] / bindings[0]["median_us"]
+    lines += ["", "Ratio of the medians, Python to C++: %.2f (%s)." % (python_ratio, verdict(python_ratio <= 1.5))]
+lines.append("")
 idle = load("idle")["benchmarks"]
 def idle_row(agents, polled):
     b = next(b for b in idle if "agents:%d/polling:%d" % (agents, polled) in b["name"])
