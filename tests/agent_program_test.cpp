@@ -94,11 +94,18 @@ class AgentAloneTest : public ::testing::Test {
   TempDir dir;
 };
 
-TEST_F(AgentAloneTest, FailingCommandLeavesTheRequestNotDone) {
-  const Exit exit = run_program(agent(project(), {}, "exit 3"), dir.path());
+// Started from the directory above, the command runs in the project's.
+TEST_F(AgentAloneTest, TheCommandRunsInTheProjectDirectoryAndAFailureLeavesItsRequestNotDone) {
+  const Exit exit = run_program(agent(project(), {}, "pwd > where; exit 3"), dir.path());
   EXPECT_EQ(exit.status, 1);
-  EXPECT_EQ(exit.err, "lockstepctl agent: /bin/sh failed on cycle 1, time step 1, stage 1: exit status 3; left not done\n");
+  EXPECT_EQ(exit.err,
+            "lockstepctl agent: /bin/sh failed on cycle 1, time step 1, stage 1: exit status 3; left not done\n"
+            "lockstepctl agent: served 0 requests, 1 failed\n");
   EXPECT_EQ(read_file(project() / "go2.dat"), reset_record());
+  EXPECT_EQ(read_file(project() / "where"), project().string() + "\n");
+
+  EXPECT_EQ(run_program(agent(project(), {"--command-dir", "."}, "pwd > where; exit 3"), dir.path()).status, 1);
+  EXPECT_EQ(read_file(dir.path() / "where"), dir.path().string() + "\n");
 }
 
 TEST_F(AgentAloneTest, DoneOnFailureReportsAndSignalsStopIt) {
@@ -186,7 +193,9 @@ TEST_F(AgentAloneTest, ARequestServedAfterTheDriverMovedOnIsNotReportedDone) {
                              project().string() +
                              ": the driver no longer waits for it and now asks for cycle 1, time step 1, stage 2; "
                              "not reported done";
-    EXPECT_EQ(exit.err, late + (carry_on ? "; going on with the request pending now\n" : "\n"));
+    EXPECT_EQ(exit.err, late + (carry_on ? "; going on with the request pending now\n"
+                                          "lockstepctl agent: served 2 requests, 0 failed\n"
+                                        : "\nlockstepctl agent: served 0 requests, 0 failed\n"));
     EXPECT_EQ(exit.status, carry_on ? 0 : 3);
     EXPECT_EQ(read_file(project() / "go2.dat"), carry_on ? "0\n" : reset_record());
   }
@@ -205,7 +214,8 @@ TEST_F(AgentAloneTest, ARequestThatComesBeforeTheLastOneServedIsRefused) {
   EXPECT_EQ(exit.status, 3);
   EXPECT_EQ(exit.err, "lockstepctl agent: the driver asks for cycle 1, time step 1, stage 1, which does not come "
                       "after cycle 1, time step 1, stage 1, the last request served here: was the driver "
-                      "restarted?\n");
+                      "restarted?\n"
+                      "lockstepctl agent: served 1 request, 0 failed\n");
   EXPECT_EQ(read_file(project() / "go2.dat"), reset_record());
   const std::string log = read_file(project() / "agent.log");
   EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
@@ -225,7 +235,8 @@ TEST_F(AgentAloneTest, AnInterruptedRequestIsNotDoneWhateverTheExitStatus) {
   ASSERT_TRUE(served.wait(kStall, &status));
   EXPECT_EQ(status, 128 + SIGTERM);
   EXPECT_EQ(read_file(dir.path() / "err"),
-            "lockstepctl agent: stopped by signal 15 while /bin/sh served cycle 1, time step 1, stage 1; left not done\n");
+            "lockstepctl agent: stopped by signal 15 while /bin/sh served cycle 1, time step 1, stage 1; left not done\n"
+            "lockstepctl agent: served 0 requests, 0 failed\n");
   EXPECT_EQ(read_file(project() / "go2.dat"), reset_record());
   EXPECT_TRUE(wait_until([&] { return gone(grandchild); }));
 }

@@ -28,15 +28,17 @@ constexpr int kMovedOnStatus = 3;
 
 constexpr const char* kHelp =
     "usage: lockstepctl agent [--dir DIR] [--last-cycle N] [--done-on-failure] [--carry-on] [--stdin]\n"
-    "                         [--poll] [--poll-ceiling MS] [--verbose] -- COMMAND [ARGS...]\n"
+    "                         [--command-dir DIR] [--poll] [--poll-ceiling MS] [--verbose]\n"
+    "                         -- COMMAND [ARGS...]\n"
     "\n"
     "Serves one project directory: waits for each request of the lockstep driver,\n"
     "runs COMMAND with the cycle, time-step and stage numbers appended (time step -1\n"
     "and stage 5 for the cycle-end request) and in LOCKSTEP_CYCLE, LOCKSTEP_TIME_STEP,\n"
     "LOCKSTEP_STAGE and LOCKSTEP_PROJECT_DIR, and reports the request done when\n"
-    "COMMAND succeeds.\n"
+    "COMMAND succeeds. COMMAND runs in the project directory.\n"
     "\n"
     "  --dir DIR          the project directory (default: the current directory)\n"
+    "  --command-dir DIR  run COMMAND in DIR instead of the project directory\n"
     "  --last-cycle N     stop after the cycle-end request of cycle N\n"
     "  --done-on-failure  report a request done even when COMMAND fails\n"
     "  --carry-on         when the driver has moved on, say so and serve the request\n"
@@ -48,6 +50,7 @@ constexpr const char* kHelp =
     "                     20); network file systems (NFS, Lustre, GPFS, BeeGFS, CIFS)\n"
     "                     are always polled, since inotify misses other machines' writes\n"
     "  --verbose          say how requests are waited for, and print a line per request\n"
+    "                     (what, how it ended, how long it took)\n"
     "  --help             show this help\n"
     "\n"
     "One agent serves a directory: the agent locks DIR/.lockstep.lock and a second\n"
@@ -63,6 +66,8 @@ constexpr const char* kHelp =
     "now. The same holds for a request that does not come after the last one\n"
     "served (a driver restarted from the start). Keep every request well under\n"
     "17 minutes, or split the work over more stages.\n"
+    "\n"
+    "At its end the agent prints how many requests it served and how many failed.\n"
     "\n"
     "Exit status: 0 when stopped while waiting or after --last-cycle, 1 on an\n"
     "error or a failed COMMAND, 2 on a usage error, 3 when the driver has moved on,\n"
@@ -83,6 +88,7 @@ void install_stop_handlers() {
 
 struct Options {
   std::string directory = ".";
+  std::optional<std::string> command_directory;
   std::optional<long> last_cycle;
   bool done_on_failure = false;
   bool carry_on = false;
@@ -115,11 +121,13 @@ std::string parse(int argc, char** argv, Options& options, bool& help) {
       options.verbose = true;
     } else if (word == "--poll") {
       options.wait.mode = project::WaitMode::kPolling;
-    } else if (word == "--dir" || word == "--last-cycle" || word == "--poll-ceiling") {
+    } else if (word == "--dir" || word == "--command-dir" || word == "--last-cycle" || word == "--poll-ceiling") {
       if (i + 1 >= argc) return word + " needs a value";
       const std::string value = argv[++i];
       if (word == "--dir") {
         options.directory = value;
+      } else if (word == "--command-dir") {
+        options.command_directory = value;
       } else if (word == "--poll-ceiling") {
         char* end = nullptr;
         const long milliseconds = std::strtol(value.c_str(), &end, 10);
@@ -164,8 +172,9 @@ class HeldSignals {
   sigset_t previous_;
 };
 
-[[noreturn]] void exec_command(const Options& options, const std::string& directory, const project::Request& request,
-                               const HeldSignals& signals, pid_t agent) {
+// `directory`: the project directory, absolute; `run_in`: where COMMAND runs.
+[[noreturn]] void exec_command(const Options& options, const std::string& directory, const std::string& run_in,
+                               const project::Request& request, const HeldSignals& signals, pid_t agent) {
   if (!options.keep_stdin) setpgid(0, 0);
   // Dies with the agent, whatever ends it.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -189,9 +198,15 @@ class HeldSignals {
   signal(SIGINT, SIG_DFL);
   signal(SIGTERM, SIG_DFL);
   sigprocmask(SIG_SETMASK, &signals.previous(), nullptr);
-  execvp(arguments[0], arguments.data());
-  const std::string message =
-      "lockstepctl agent: cannot run " + words.front() + ": " + records::os_error_text(errno) + "\n";
+  std::string message;
+  if (chdir(run_in.c_str()) != 0) {
+    message = "lockstepctl agent: cannot run " + words.front() + " in " + run_in + ": " +
+              records::os_error_text(errno) + "\n";
+  } else {
+    execvp(arguments[0], arguments.data());
+    message = "lockstepctl agent: cannot run " + words.front() + " in " + run_in + ": " +
+              records::os_error_text(errno) + "\n";
+  }
   static_cast<void>(write(STDERR_FILENO, message.data(), message.size()));
   _exit(127);
 }
@@ -199,13 +214,14 @@ class HeldSignals {
 // Runs the command for `request` and waits for it; returns the wait status,
 // or -1 when no process was started. A stop signal that arrives meanwhile
 // is passed to the command's process group and left in stop_signal.
-int run_command(const Options& options, const std::string& directory, const project::Request& request) {
+int run_command(const Options& options, const std::string& directory, const std::string& run_in,
+                const project::Request& request) {
   const HeldSignals signals;
   if (stop_signal != 0) return -1;
   const pid_t agent = getpid();
   const pid_t child = fork();
   if (child < 0) return -1;
-  if (child == 0) exec_command(options, directory, request, signals, agent);
+  if (child == 0) exec_command(options, directory, run_in, request, signals, agent);
   // Set from both sides, so that the group exists before any signal to it.
   if (!options.keep_stdin) setpgid(child, child);
   const pid_t target = options.keep_stdin ? child : -child;
@@ -228,6 +244,67 @@ std::string how_it_ended(int status) {
   if (status < 0) return "it could not be started";
   if (WIFSIGNALED(status)) return "killed by signal " + std::to_string(WTERMSIG(status));
   return "exit status " + std::to_string(WEXITSTATUS(status));
+}
+
+struct Tally {
+  long served = 0;  // reported done
+  long failed = 0;  // COMMAND failed
+};
+
+// Serves requests until the last cycle, a stop signal or a failure; returns
+// the agent's exit status.
+int serve(const Options& options, project::Endpoint& endpoint, const std::string& absolute, const std::string& run_in,
+          Tally& tally, std::ostream& err) {
+  const auto moved_on = [&](const char* what_now) {
+    err << "lockstepctl agent: " << endpoint.error() << (options.carry_on ? what_now : "") << "\n";
+    return options.carry_on ? 0 : kMovedOnStatus;
+  };
+  for (;;) {
+    project::Request request;
+    const project::WaitResult waited = endpoint.wait(request, [] { return stop_signal != 0; });
+    if (waited == project::WaitResult::kStopped) return 0;
+    if (waited == project::WaitResult::kError) {
+      err << "lockstepctl agent: " << endpoint.error() << "\n";
+      return 1;
+    }
+    if (waited == project::WaitResult::kOutOfOrder) {
+      if (const int status = moved_on("; serving it"); status != 0) return status;
+    }
+
+    const auto started = std::chrono::steady_clock::now();
+    const int status = run_command(options, absolute, run_in, request);
+    if (options.verbose) {
+      char took[32];
+      std::snprintf(took, sizeof took, "%.3f s",
+                    std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+      err << "lockstepctl agent: " << project::describe(request) << ": " << how_it_ended(status) << " after " << took
+          << "\n";
+    }
+    if (stop_signal != 0) {
+      err << "lockstepctl agent: stopped by signal " << stop_signal << " while " << options.command.front()
+          << " served " << project::describe(request) << "; left not done\n";
+      return 128 + stop_signal;
+    }
+    const bool succeeded = status >= 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    if (!succeeded) {
+      ++tally.failed;
+      err << "lockstepctl agent: " << options.command.front() << " failed on " << project::describe(request) << ": "
+          << how_it_ended(status) << (options.done_on_failure ? "; reported done anyway" : "; left not done")
+          << "\n";
+      if (!options.done_on_failure) return 1;
+    }
+    const project::DoneResult done = endpoint.report_done();
+    if (done == project::DoneResult::kOverrun) {
+      if (const int moved = moved_on("; going on with the request pending now"); moved != 0) return moved;
+      continue;
+    }
+    if (done == project::DoneResult::kError) {
+      err << "lockstepctl agent: " << endpoint.error() << "\n";
+      return 1;
+    }
+    ++tally.served;
+    if (request.cycle_end() && options.last_cycle && request.cycle >= *options.last_cycle) return 0;
+  }
 }
 
 }  // namespace
@@ -263,54 +340,14 @@ int agent_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   install_stop_handlers();
   if (options.verbose) err << "lockstepctl agent: serving " << absolute << ", waiting by " << endpoint->describe_mode() << "\n";
 
-  const auto moved_on = [&](const char* what_now) {
-    err << "lockstepctl agent: " << endpoint->error() << (options.carry_on ? what_now : "") << "\n";
-    return options.carry_on ? 0 : kMovedOnStatus;
-  };
-  for (;;) {
-    project::Request request;
-    const project::WaitResult waited = endpoint->wait(request, [] { return stop_signal != 0; });
-    if (waited == project::WaitResult::kStopped) return 0;
-    if (waited == project::WaitResult::kError) {
-      err << "lockstepctl agent: " << endpoint->error() << "\n";
-      return 1;
-    }
-    if (waited == project::WaitResult::kOutOfOrder) {
-      if (const int status = moved_on("; serving it"); status != 0) return status;
-    }
-
-    const auto started = std::chrono::steady_clock::now();
-    const int status = run_command(options, absolute, request);
-    if (options.verbose) {
-      char took[32];
-      std::snprintf(took, sizeof took, "%.3f s",
-                    std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
-      err << "lockstepctl agent: " << project::describe(request) << ": " << how_it_ended(status) << " after " << took
-          << "\n";
-    }
-    if (stop_signal != 0) {
-      err << "lockstepctl agent: stopped by signal " << stop_signal << " while " << options.command.front()
-          << " served " << project::describe(request) << "; left not done\n";
-      return 128 + stop_signal;
-    }
-    const bool succeeded = status >= 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    if (!succeeded) {
-      err << "lockstepctl agent: " << options.command.front() << " failed on " << project::describe(request) << ": "
-          << how_it_ended(status) << (options.done_on_failure ? "; reported done anyway" : "; left not done")
-          << "\n";
-      if (!options.done_on_failure) return 1;
-    }
-    const project::DoneResult done = endpoint->report_done();
-    if (done == project::DoneResult::kOverrun) {
-      if (const int moved = moved_on("; going on with the request pending now"); moved != 0) return moved;
-      continue;
-    }
-    if (done == project::DoneResult::kError) {
-      err << "lockstepctl agent: " << endpoint->error() << "\n";
-      return 1;
-    }
-    if (request.cycle_end() && options.last_cycle && request.cycle >= *options.last_cycle) return 0;
-  }
+  const std::string run_in =
+      options.command_directory ? std::filesystem::absolute(*options.command_directory, ignored).lexically_normal().string()
+                                : absolute;
+  Tally tally;
+  const int status = serve(options, *endpoint, absolute, run_in, tally, err);
+  err << "lockstepctl agent: served " << tally.served << (tally.served == 1 ? " request" : " requests") << ", "
+      << tally.failed << " failed\n";
+  return status;
 }
 
 }  // namespace lockstep::ctl
