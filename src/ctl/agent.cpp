@@ -345,8 +345,8 @@ int agent_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
                                 : absolute;
   Tally tally;
   const int status = serve(options, *endpoint, absolute, run_in, tally, err);
-  err << "lockstepctl agent: served " << tally.served << (tally.served == 1 ? " request" : " requests") << ", "
-      << tally.failed << " failed\n";
+  err << std::string("lockstepctl agent: served ") + std::to_string(tally.served) + (tally.served == 1 ? " request" : " requests") +
+             ", " + std::to_string(tally.failed) + " failed\n";
   return status;
 }
 

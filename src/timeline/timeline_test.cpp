@@ -1,0 +1,86 @@
+#include "timeline/timeline.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "timeline/report.h"
+
+namespace lockstep::timeline {
+namespace {
+
+Recording read(const std::string& text) {
+  std::istringstream in(text);
+  Recording recording;
+  std::string error;
+  EXPECT_TRUE(read_recording(in, recording, error)) << error;
+  return recording;
+}
+
+const std::string kHeader =
+    R"({"format":"lockstep-recording-1","run_directory":"/r/run","projects":["main","sub1"],"started":"x"})"
+    "\n";
+
+// Two stages; sub1 holds the first, main the second, whose done for sub1 is
+// seen only through the next reset; a line cut short by a crash ends it.
+TEST(TimelineTest, StagesHoldersDriverShareAndACutShortLine) {
+  const Timeline run = build_timeline(read(kHeader + R"({"t":0.0,"event":"request","project":0,"cycle":1,"time_step":1,"stage":1}
+{"t":0.001,"event":"request","project":1,"cycle":1,"time_step":1,"stage":1}
+{"t":0.002,"event":"done","project":0}
+{"t":0.021,"event":"done","project":1}
+{"t":0.025,"event":"reset","project":0,"file":"go.dat"}
+{"t":0.030,"event":"request","project":0,"cycle":1,"time_step":1,"stage":2}
+{"t":0.031,"event":"request","project":1,"cycle":1,"time_step":1,"stage":2}
+{"t":0.040,"event":"done","project":1,"inferred":true}
+{"t":0.050,"event":"done","project":0}
+{"t":0.060,"event":"request","project":0,"cycle":1,"time_step":1,"stage":2}
+{"t":0.07,"event":"requ)"));
+  ASSERT_EQ(run.stages.size(), 3u);  // the repeated stage 2 is a driver started again
+  EXPECT_EQ(run.stages[0].holder, 1);
+  EXPECT_DOUBLE_EQ(*run.stages[0].end, 0.021);
+  EXPECT_EQ(run.stages[1].holder, 0);
+  EXPECT_NEAR(*run.stages[1].driver_before, 0.009, 1e-12);
+  EXPECT_FALSE(run.stages[2].end);
+  EXPECT_EQ(run.complete_stages, 2u);
+  EXPECT_EQ(run.bad_lines, 1u);
+  EXPECT_EQ(run.projects[0].held, 1u);
+  EXPECT_EQ(run.projects[0].unfinished, 1u);
+  EXPECT_EQ(run.projects[1].inferred, 1u);
+  EXPECT_NEAR(*run.projects[1].max, 0.020, 1e-12);
+
+  EXPECT_EQ(text_report(run),
+            "run: 0.060 s, 3 stages (cycle 1, time step 1, stage 1 to cycle 1, time step 1, stage 2); the recording "
+            "ends before the driver did\n"
+            "  1 of them not done by every project\n"
+            "  1 unreadable lines skipped (a recording cut short?)\n"
+            "\n"
+            "PROJECT      SERVED  MEDIAN ms     P95 ms     MAX ms   HELD THE RUN\n"
+            "main              2        2.0       20.0       20.0            50%\n"
+            "sub1              2        9.0       20.0       20.0            50%\n"
+            "driver: 32% of the run from the last done to the next request (readiness pause, launches), median "
+            "9.0 ms a stage\n"
+            "\n"
+            "slowest stages:\n"
+            "  cycle 1, time step 1, stage 1: 21.0 ms, held by sub1\n"
+            "  cycle 1, time step 1, stage 2: 20.0 ms, held by main\n");
+}
+
+TEST(TimelineTest, RecordingsThatAreNotOnesAreRefusedAndOddLinesSkipped) {
+  for (const std::string text : {"", "{}\n", "not json\n"}) {
+    std::istringstream in(text);
+    Recording recording;
+    std::string error;
+    EXPECT_FALSE(read_recording(in, recording, error)) << text;
+  }
+  const Recording recording = read(kHeader + R"({"t":1,"event":"done","project":7}
+{"t":"x","event":"done","project":0}
+{"t":1,"event":"done","project":"main"}
+{"t":1,"event":"exit","signal":9}
+)");
+  EXPECT_EQ(recording.bad_lines, 3u);
+  ASSERT_EQ(recording.events.size(), 1u);
+  EXPECT_EQ(recording.events[0].signal, 9);
+}
+
+}  // namespace
+}  // namespace lockstep::timeline
