@@ -129,13 +129,16 @@ TEST_F(AgentAloneTest, UsageAndHelp) {
   };
   const Case cases[] = {
       {{LOCKSTEPCTL_BINARY, "--help"}, 0, "usage: lockstepctl SUBCOMMAND [OPTIONS]"},
-      {{LOCKSTEPCTL_BINARY, "agent", "--help"}, 0,
-       "usage: lockstepctl agent [--dir DIR] [--last-cycle N] [--done-on-failure] [--carry-on] [--stdin]"},
+      {{LOCKSTEPCTL_BINARY, "agent", "--help"}, 0, "lockstepctl agent [OPTIONS] -- COMMAND [ARGS...]"},
+      {{LOCKSTEPCTL_BINARY, "--version"}, 0, "lockstepctl " LOCKSTEP_VERSION},
+      {{LOCKSTEPCTL_BINARY, "report", "--version"}, 0, "lockstepctl " LOCKSTEP_VERSION},
+      {{LOCKSTEPCTL_BINARY, "check", "--frob"}, 2, "lockstepctl check: The following argument was not expected: --frob"},
+      {{LOCKSTEPCTL_BINARY, "record", "--", "lockstep"}, 2, "lockstepctl record: --output is required"},
       {{LOCKSTEPCTL_BINARY}, 2, "lockstepctl: no subcommand given"},
       {{LOCKSTEPCTL_BINARY, "frobnicate"}, 2, "lockstepctl: unknown subcommand \"frobnicate\""},
       {{LOCKSTEPCTL_BINARY, "agent"}, 2, "lockstepctl agent: no command given after \"--\""},
       {{LOCKSTEPCTL_BINARY, "agent", "--last-cycle", "0", "--", "true"}, 2,
-       "lockstepctl agent: --last-cycle needs a cycle number, not \"0\""},
+       "lockstepctl agent: --last-cycle: Value 0 not in range 1 to 2147483647"},
       {{LOCKSTEPCTL_BINARY, "agent", "--dir", "nowhere", "--", "true"}, 1,
        "lockstepctl agent: project directory nowhere: No such file or directory"},
   };

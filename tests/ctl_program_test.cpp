@@ -200,8 +200,8 @@ TEST_F(CheckTest, EveryProblemAtOnceEscapedForTheTerminalAndAsJson) {
   EXPECT_EQ(json.status, 1);
   EXPECT_EQ(json.out.rfind("{\"run_directory\":", 0), 0u);
   EXPECT_NE(json.out.find("\"ready\":false"), std::string::npos);
-  EXPECT_NE(json.out.find("{\"index\":1,\"directory\":\"../sub1/\",\"program\":\"st\\u001b]0;x\\u0007ep\\ufffd.sh\","
-                          "\"done\":0,\"problems\":[\"program ../sub1/st\\u001b]0;x\\u0007ep\\ufffd.sh is missing\"],"
+  EXPECT_NE(json.out.find("{\"index\":1,\"directory\":\"../sub1/\",\"program\":\"st\\u001b]0;x\\u0007ep\xef\xbf\xbd.sh\","
+                          "\"done\":0,\"problems\":[\"program ../sub1/st\\u001b]0;x\\u0007ep\xef\xbf\xbd.sh is missing\"],"
                           "\"warnings\":[]}"),
             std::string::npos)
       << json.out;

@@ -17,41 +17,24 @@
 #include <string>
 #include <vector>
 
+#include "ctl/command_line.h"
 #include "project/endpoint.h"
 #include "records/status.h"
 
 namespace lockstep::ctl {
 namespace {
 
-constexpr int kUsageStatus = 2;
 constexpr int kMovedOnStatus = 3;
 
-constexpr const char* kHelp =
-    "usage: lockstepctl agent [--dir DIR] [--last-cycle N] [--done-on-failure] [--carry-on] [--stdin]\n"
-    "                         [--command-dir DIR] [--poll] [--poll-ceiling MS] [--verbose]\n"
-    "                         -- COMMAND [ARGS...]\n"
-    "\n"
+constexpr const char* kFooter =
     "Serves one project directory: waits for each request of the lockstep driver,\n"
-    "runs COMMAND with the cycle, time-step and stage numbers appended (time step -1\n"
-    "and stage 5 for the cycle-end request) and in LOCKSTEP_CYCLE, LOCKSTEP_TIME_STEP,\n"
-    "LOCKSTEP_STAGE and LOCKSTEP_PROJECT_DIR, and reports the request done when\n"
-    "COMMAND succeeds. COMMAND runs in the project directory.\n"
-    "\n"
-    "  --dir DIR          the project directory (default: the current directory)\n"
-    "  --command-dir DIR  run COMMAND in DIR instead of the project directory\n"
-    "  --last-cycle N     stop after the cycle-end request of cycle N\n"
-    "  --done-on-failure  report a request done even when COMMAND fails\n"
-    "  --carry-on         when the driver has moved on, say so and serve the request\n"
-    "                     pending now instead of stopping with status 3\n"
-    "  --stdin            give COMMAND the agent's standard input (default: /dev/null);\n"
-    "                     COMMAND then stays in the agent's process group\n"
-    "  --poll             look for requests by polling even on a local file system\n"
-    "  --poll-ceiling MS  when polling, look at least every MS milliseconds (default\n"
-    "                     20); network file systems (NFS, Lustre, GPFS, BeeGFS, CIFS)\n"
-    "                     are always polled, since inotify misses other machines' writes\n"
-    "  --verbose          say how requests are waited for, and print a line per request\n"
-    "                     (what, how it ended, how long it took)\n"
-    "  --help             show this help\n"
+    "runs COMMAND in the project directory with the cycle, time-step and stage\n"
+    "numbers appended (time step -1 and stage 5 for the cycle-end request) and in\n"
+    "LOCKSTEP_CYCLE, LOCKSTEP_TIME_STEP, LOCKSTEP_STAGE and LOCKSTEP_PROJECT_DIR, and\n"
+    "reports the request done when COMMAND succeeds. Network file systems (NFS,\n"
+    "Lustre, GPFS, BeeGFS, CIFS) are always polled, since inotify misses other\n"
+    "machines' writes. At its end the agent prints how many requests it served and\n"
+    "how many failed.\n"
     "\n"
     "One agent serves a directory: the agent locks DIR/.lockstep.lock and a second\n"
     "one is refused, with the PID and host of the first.\n"
@@ -67,11 +50,9 @@ constexpr const char* kHelp =
     "served (a driver restarted from the start). Keep every request well under\n"
     "17 minutes, or split the work over more stages.\n"
     "\n"
-    "At its end the agent prints how many requests it served and how many failed.\n"
-    "\n"
     "Exit status: 0 when stopped while waiting or after --last-cycle, 1 on an\n"
     "error or a failed COMMAND, 2 on a usage error, 3 when the driver has moved on,\n"
-    "128+N when signal N interrupted COMMAND.\n";
+    "128+N when signal N interrupted COMMAND.";
 
 volatile sig_atomic_t stop_signal = 0;
 
@@ -89,7 +70,7 @@ void install_stop_handlers() {
 struct Options {
   std::string directory = ".";
   std::optional<std::string> command_directory;
-  std::optional<long> last_cycle;
+  std::optional<int> last_cycle;
   bool done_on_failure = false;
   bool carry_on = false;
   bool keep_stdin = false;
@@ -97,60 +78,6 @@ struct Options {
   project::WaitSettings wait;
   std::vector<std::string> command;
 };
-
-// Parses the options; an empty string on success, else the complaint.
-std::string parse(int argc, char** argv, Options& options, bool& help) {
-  int i = 0;
-  for (; i < argc; ++i) {
-    const std::string word = argv[i];
-    if (word == "--") {
-      ++i;
-      break;
-    }
-    if (word == "--help" || word == "-h") {
-      help = true;
-      return {};
-    }
-    if (word == "--done-on-failure") {
-      options.done_on_failure = true;
-    } else if (word == "--carry-on") {
-      options.carry_on = true;
-    } else if (word == "--stdin") {
-      options.keep_stdin = true;
-    } else if (word == "--verbose") {
-      options.verbose = true;
-    } else if (word == "--poll") {
-      options.wait.mode = project::WaitMode::kPolling;
-    } else if (word == "--dir" || word == "--command-dir" || word == "--last-cycle" || word == "--poll-ceiling") {
-      if (i + 1 >= argc) return word + " needs a value";
-      const std::string value = argv[++i];
-      if (word == "--dir") {
-        options.directory = value;
-      } else if (word == "--command-dir") {
-        options.command_directory = value;
-      } else if (word == "--poll-ceiling") {
-        char* end = nullptr;
-        const long milliseconds = std::strtol(value.c_str(), &end, 10);
-        if (value.empty() || *end != '\0' || milliseconds < 1 || milliseconds > 60000) {
-          return "--poll-ceiling needs milliseconds from 1 to 60000, not \"" + value + "\"";
-        }
-        options.wait.ceiling = std::chrono::milliseconds(milliseconds);
-      } else {
-        char* end = nullptr;
-        const long cycle = std::strtol(value.c_str(), &end, 10);
-        if (value.empty() || *end != '\0' || cycle < 1 || cycle > INT_MAX) {
-          return "--last-cycle needs a cycle number, not \"" + value + "\"";
-        }
-        options.last_cycle = cycle;
-      }
-    } else {
-      return "unknown option \"" + word + "\"; the command follows \"--\"";
-    }
-  }
-  for (; i < argc; ++i) options.command.emplace_back(argv[i]);
-  if (options.command.empty()) return "no command given after \"--\"";
-  return {};
-}
 
 // SIGINT, SIGTERM and SIGCHLD held back while COMMAND runs, so that none of
 // them can slip in between a check and the wait for it.
@@ -311,16 +238,43 @@ int serve(const Options& options, project::Endpoint& endpoint, const std::string
 
 int agent_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   Options options;
-  bool help = false;
-  if (const std::string complaint = parse(argc, argv, options, help); !complaint.empty()) {
-    err << "lockstepctl agent: " << complaint << "\n"
+  int ceiling_ms = 20;
+  bool poll = false;
+  CLI::App app("lockstepctl agent [OPTIONS] -- COMMAND [ARGS...]\n"
+               "Serves a project directory by running COMMAND once per request of the lockstep driver.",
+               "lockstepctl agent");
+  set_up(app);
+  app.footer(kFooter);
+  app.add_option("--dir", options.directory, "the project directory (default: the current directory)")
+      ->type_name("DIR");
+  app.add_option("--last-cycle", options.last_cycle, "stop after the cycle-end request of cycle N")
+      ->check(CLI::Range(1, INT_MAX))
+      ->type_name("N");
+  app.add_flag("--done-on-failure", options.done_on_failure, "report a request done even when COMMAND fails");
+  app.add_flag("--carry-on", options.carry_on,
+               "when the driver has moved on, say so and serve the request pending now instead of stopping with "
+               "status 3");
+  app.add_flag("--stdin", options.keep_stdin,
+               "give COMMAND the agent's standard input (default: /dev/null); COMMAND then stays in the agent's "
+               "process group");
+  app.add_option("--command-dir", options.command_directory, "run COMMAND in this directory instead of the project's")
+      ->type_name("DIR");
+  app.add_flag("--poll", poll, "look for requests by polling even on a local file system");
+  app.add_option("--poll-ceiling", ceiling_ms, "when polling, look at least every MS milliseconds (default 20)")
+      ->check(CLI::Range(1, 60000))
+      ->type_name("MS");
+  app.add_flag("--verbose", options.verbose,
+               "say how requests are waited for, and print a line per request (how it ended, how long it took)");
+  const CommandLine line = split_command(argc, argv);
+  if (const auto status = parse(app, line.options, out, err)) return *status;
+  if (line.command.empty()) {
+    err << "lockstepctl agent: no command given after \"--\"\n"
         << "Try 'lockstepctl agent --help'.\n";
     return kUsageStatus;
   }
-  if (help) {
-    out << kHelp;
-    return 0;
-  }
+  options.command = line.command;
+  if (poll) options.wait.mode = project::WaitMode::kPolling;
+  options.wait.ceiling = std::chrono::milliseconds(ceiling_ms);
 
   std::string reason;
   const auto endpoint = project::Endpoint::open(options.directory, reason, options.wait);

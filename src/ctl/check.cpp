@@ -9,9 +9,10 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "config/project_tree.h"
-#include "ctl/json.h"
-#include "ctl/run_arguments.h"
+#include "ctl/command_line.h"
 #include "ctl/text.h"
 #include "ctl/tree.h"
 #include "records/status.h"
@@ -19,29 +20,21 @@
 namespace lockstep::ctl {
 namespace {
 
-constexpr int kUsageStatus = 2;
-
-constexpr const char* kCheckHelp =
-    "usage: lockstepctl check [RUN_DIR] [--json] [--fix]\n"
+constexpr const char* kCheckFooter =
+    "Reads the tree as lockstep will, without creating or changing any file, and\n"
+    "reports every problem found, each with its fix: the settings file and settings\n"
+    "under which nothing would run, each project directory and whether it can be\n"
+    "written, its CalculateInteraction.dat and program, its go files (FIFOs, devices,\n"
+    "links out of the run tree, an empty go2.dat left by a killed lockstep), done\n"
+    "values that would hold up the first stage, go.dat files left holding a request,\n"
+    "and a lockstep already running in RUN_DIR on this machine (other machines cannot\n"
+    "be looked at).\n"
     "\n"
-    "Checks a run tree before a run, reading it as lockstep will without creating or\n"
-    "changing any file, and reports every problem found, each with its fix: the\n"
-    "settings file and settings under which nothing would run, each project\n"
-    "directory and whether it can be written, its CalculateInteraction.dat and\n"
-    "program, its go files (FIFOs, devices, links out of the run tree, an empty\n"
-    "go2.dat left by a killed lockstep), done values that would hold up the first\n"
-    "stage, go.dat files left holding a request, and a lockstep already running in\n"
-    "RUN_DIR on this machine (other machines cannot be looked at). RUN_DIR is\n"
-    "lockstep's working directory (default: the current one).\n"
+    "--fix prepares the tree for a fresh start after a crash: every go2.dat reports\n"
+    "done and the temporary files a killed project left are removed; nothing else is\n"
+    "touched, and every change is listed. Refused while lockstep runs in RUN_DIR.\n"
     "\n"
-    "  --json   print the report as JSON\n"
-    "  --fix    prepare the tree for a fresh start after a crash: make every go2.dat\n"
-    "           report done and remove the temporary files a killed project left;\n"
-    "           nothing else is touched, and every change is listed. Refused while\n"
-    "           lockstep runs in RUN_DIR.\n"
-    "  --help   show this help\n"
-    "\n"
-    "Exit status: 0 when the tree is ready, 1 when it is not, 2 on a usage error.\n";
+    "Exit status: 0 when the tree is ready, 1 when it is not, 2 on a usage error.";
 
 std::string settings_line(const TreeState& tree) {
   const auto value = [](const std::optional<std::int32_t>& v) { return v ? std::to_string(*v) : std::string("?"); };
@@ -50,24 +43,30 @@ std::string settings_line(const TreeState& tree) {
 }
 
 std::string check_json(const TreeState& tree) {
-  const auto number = [](const std::optional<std::int32_t>& v) { return v ? std::to_string(*v) : "null"; };
-  std::vector<std::string> projects;
+  using nlohmann::ordered_json;
+  const auto number = [](const std::optional<std::int32_t>& v) { return v ? ordered_json(*v) : ordered_json(); };
+  ordered_json projects = ordered_json::array();
   for (const ProjectState& project : tree.projects) {
-    projects.push_back("{\"index\":" + std::to_string(project.index) +
-                       ",\"directory\":" + json::quoted(project.directory) +
-                       ",\"program\":" + json::quoted(project.program) + ",\"done\":" + number(project.done) +
-                       ",\"problems\":" + json::strings(project.problems) +
-                       ",\"warnings\":" + json::strings(project.warnings) + "}");
+    projects.push_back({{"index", project.index},
+                        {"directory", project.directory},
+                        {"program", project.program},
+                        {"done", number(project.done)},
+                        {"problems", project.problems},
+                        {"warnings", project.warnings}});
   }
-  std::vector<std::string> drivers;
-  for (const pid_t pid : tree.drivers) drivers.push_back(std::to_string(pid));
-  return "{\"run_directory\":" + json::quoted(tree.run_directory.string()) +
-         ",\"ready\":" + (tree.problem_count() == 0 ? "true" : "false") +
-         ",\"settings\":{\"time_step\":" + number(tree.time_step) + ",\"cycle_num\":" + number(tree.cycle_num) +
-         ",\"num_subprojects\":" + number(tree.num_subprojects) +
-         "},\"settings_problems\":" + json::strings(tree.settings_problems) +
-         ",\"projects\":" + json::array(projects) + ",\"run_problems\":" + json::strings(tree.run_problems) +
-         ",\"drivers\":" + json::array(drivers) + "}\n";
+  const ordered_json report = {
+      {"run_directory", tree.run_directory.string()},
+      {"ready", tree.problem_count() == 0},
+      {"settings",
+       {{"time_step", number(tree.time_step)},
+        {"cycle_num", number(tree.cycle_num)},
+        {"num_subprojects", number(tree.num_subprojects)}}},
+      {"settings_problems", tree.settings_problems},
+      {"projects", projects},
+      {"run_problems", tree.run_problems},
+      {"drivers", tree.drivers}};
+  // JSON is UTF-8: bytes that are not become U+FFFD.
+  return report.dump(-1, ' ', false, ordered_json::error_handler_t::replace) + "\n";
 }
 
 std::string check_text(const TreeState& tree) {
@@ -159,23 +158,27 @@ bool fix(const TreeState& tree, std::ostream& out, std::ostream& err) {
 }  // namespace
 
 int check_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
-  RunArguments arguments;
-  if (!parse_run_arguments(argc, argv, "check", {"--json", "--fix"}, arguments, err)) return kUsageStatus;
-  if (arguments.help) {
-    out << kCheckHelp;
-    return 0;
-  }
-  if (arguments.has("--fix")) {
-    const TreeState before = inspect_tree(arguments.run_directory, false);
+  std::string run_directory = ".";
+  bool as_json = false;
+  bool fix_tree = false;
+  CLI::App app("Checks a run tree before a run.", "lockstepctl check");
+  set_up(app);
+  app.footer(kCheckFooter);
+  app.add_option("RUN_DIR", run_directory, "lockstep's working directory (default: the current one)")->type_name("");
+  app.add_flag("--json", as_json, "print the report as JSON");
+  app.add_flag("--fix", fix_tree, "make every go2.dat report done after a crash, and list each change");
+  if (const auto status = parse(app, words(argc, argv), out, err)) return *status;
+  if (fix_tree) {
+    const TreeState before = inspect_tree(run_directory, false);
     if (!before.drivers.empty()) {
       err << "lockstepctl check: lockstep is running in " << text::printable(before.run_directory.string())
           << " (PID " << before.drivers.front() << "); --fix changes nothing while it runs\n";
       return 1;
     }
-    if (!fix(before, arguments.has("--json") ? err : out, err)) return 1;
+    if (!fix(before, as_json ? err : out, err)) return 1;
   }
-  const TreeState tree = inspect_tree(arguments.run_directory, true);
-  out << (arguments.has("--json") ? check_json(tree) : check_text(tree));
+  const TreeState tree = inspect_tree(run_directory, true);
+  out << (as_json ? check_json(tree) : check_text(tree));
   return tree.problem_count() == 0 ? 0 : 1;
 }
 

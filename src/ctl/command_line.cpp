@@ -7,6 +7,8 @@ void set_up(CLI::App& app) {
   app.get_formatter()->column_width(24);
 }
 
+std::vector<std::string> words(int argc, char** argv) { return std::vector<std::string>(argv, argv + argc); }
+
 CommandLine split_command(int argc, char** argv) {
   CommandLine line;
   int i = 0;
@@ -22,11 +24,11 @@ CommandLine split_command(int argc, char** argv) {
   return line;
 }
 
-std::optional<int> parse(CLI::App& app, const CommandLine& line, std::ostream& out, std::ostream& err) {
+std::optional<int> parse(CLI::App& app, const std::vector<std::string>& words, std::ostream& out, std::ostream& err) {
   // CLI11 takes the words last first.
-  std::vector<std::string> words(line.options.rbegin(), line.options.rend());
+  std::vector<std::string> reversed(words.rbegin(), words.rend());
   try {
-    app.parse(words);
+    app.parse(reversed);
   } catch (const CLI::CallForHelp&) {
     out << app.help();
     return 0;

@@ -18,6 +18,9 @@ inline constexpr int kUsageStatus = 2;
 // --version and the help's layout.
 void set_up(CLI::App& app);
 
+// The words after the subcommand.
+std::vector<std::string> words(int argc, char** argv);
+
 struct CommandLine {
   std::vector<std::string> options;  // the words before "--"
   std::vector<std::string> command;  // the words after it
@@ -25,9 +28,9 @@ struct CommandLine {
 };
 CommandLine split_command(int argc, char** argv);
 
-// Parses the words before "--"; the exit status when the command ends here
-// (0 after --help or --version, kUsageStatus on a usage error, with the
-// complaint on `err`), or nothing to go on.
-std::optional<int> parse(CLI::App& app, const CommandLine& line, std::ostream& out, std::ostream& err);
+// Parses `words`; the exit status when the command ends here (0 after
+// --help or --version, kUsageStatus on a usage error, with the complaint on
+// `err`), or nothing to go on.
+std::optional<int> parse(CLI::App& app, const std::vector<std::string>& words, std::ostream& out, std::ostream& err);
 
 }  // namespace lockstep::ctl

@@ -197,16 +197,19 @@ int record_attached(const std::optional<std::int32_t>& cycle_num, std::vector<pi
 
 int record_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   Options options;
-  CLI::App app("Records a lockstep run: every request, reset and done report of every project, with its time.", "lockstepctl record");
+  CLI::App app("lockstepctl record --output FILE [OPTIONS] -- COMMAND [ARGS...]\n"
+               "lockstepctl record --output FILE [OPTIONS] [RUN_DIR]\n"
+               "Records a lockstep run: every request, reset and done report of every project, with its time.",
+               "lockstepctl record");
   set_up(app);
   app.footer(kFooter);
-  app.add_option("--output,-o", options.output, "the recording to write (JSON lines)")->required();
+  app.add_option("--output,-o", options.output, "the recording to write (JSON lines)")->required()->type_name("FILE");
   app.add_flag("--capture-stderr", options.capture_stderr,
                "also record COMMAND's standard error (still passed through), for the failed launches");
   app.add_flag("--poll", options.poll, "poll every project directory, even on a local file system");
-  app.add_option("RUN_DIR", options.run_directory, "the run directory of a run already going");
+  app.add_option("RUN_DIR", options.run_directory, "the run directory of a run already going")->type_name("");
   const CommandLine line = split_command(argc, argv);
-  if (const auto status = parse(app, line, out, err)) return *status;
+  if (const auto status = parse(app, line.options, out, err)) return *status;
   options.command = line.command;
   const bool command_form = line.has_command_separator;
   if (command_form && options.command.empty()) {

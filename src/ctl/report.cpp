@@ -38,11 +38,12 @@ int report_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   CLI::App app("Summarises a recording made by 'lockstepctl record'.", "lockstepctl report");
   set_up(app);
   app.footer(kFooter);
-  app.add_option("FILE", recording_path, "the recording")->required();
+  app.add_option("FILE", recording_path, "the recording")->required()->type_name("");
   app.add_flag("--json", as_json, "print the summary, with every stage, as JSON");
-  app.add_option("--svg", svg_path, "also draw the run's timeline into this SVG file");
-  app.add_option("--chrome", chrome_path, "also write the trace event format (Perfetto, chrome://tracing)");
-  if (const auto status = parse(app, split_command(argc, argv), out, err)) return *status;
+  app.add_option("--svg", svg_path, "also draw the run's timeline into this SVG file")->type_name("OUT");
+  app.add_option("--chrome", chrome_path, "also write the trace event format (Perfetto, chrome://tracing)")
+      ->type_name("OUT");
+  if (const auto status = parse(app, words(argc, argv), out, err)) return *status;
 
   std::ifstream in(recording_path);
   if (!in) {

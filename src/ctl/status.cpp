@@ -9,27 +9,17 @@
 #include <string>
 #include <thread>
 
-#include "ctl/run_arguments.h"
+#include "ctl/command_line.h"
 #include "ctl/text.h"
 #include "ctl/tree.h"
 
 namespace lockstep::ctl {
 namespace {
 
-constexpr int kUsageStatus = 2;
-
-constexpr const char* kStatusHelp =
-    "usage: lockstepctl status [RUN_DIR] [--watch]\n"
-    "\n"
-    "Shows what a running lockstep is waiting for, read from the run tree without\n"
-    "touching it: whether lockstep runs in RUN_DIR on this machine, the current\n"
-    "request, the position in the schedule, which projects have reported done, and\n"
-    "for how long each other project has held the run. RUN_DIR is lockstep's\n"
-    "working directory (default: the current one).\n"
-    "\n"
-    "  --watch  refresh every half second until the run is complete or lockstep\n"
-    "           has stopped\n"
-    "  --help   show this help\n";
+constexpr const char* kStatusFooter =
+    "Read from the run tree without touching it: whether lockstep runs in RUN_DIR on\n"
+    "this machine, the current request, the position in the schedule, which projects\n"
+    "have reported done, and for how long each other project has held the run.";
 
 std::string seconds_since(std::chrono::system_clock::time_point since) {
   const double seconds = std::chrono::duration<double>(std::chrono::system_clock::now() - since).count();
@@ -140,19 +130,21 @@ View status_view(const TreeState& tree, bool colour) {
 }  // namespace
 
 int status_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
-  RunArguments arguments;
-  if (!parse_run_arguments(argc, argv, "status", {"--watch"}, arguments, err)) return kUsageStatus;
-  if (arguments.help) {
-    out << kStatusHelp;
-    return 0;
-  }
+  std::string run_directory = ".";
+  bool watch = false;
+  CLI::App app("Shows what a running lockstep is waiting for.", "lockstepctl status");
+  set_up(app);
+  app.footer(kStatusFooter);
+  app.add_option("RUN_DIR", run_directory, "lockstep's working directory (default: the current one)")->type_name("");
+  app.add_flag("--watch", watch, "refresh every half second until the run is complete or lockstep has stopped");
+  if (const auto status = parse(app, words(argc, argv), out, err)) return *status;
   const bool terminal = ::isatty(STDOUT_FILENO) == 1;
   for (;;) {
-    const TreeState tree = inspect_tree(arguments.run_directory, false);
+    const TreeState tree = inspect_tree(run_directory, false);
     const View view = status_view(tree, terminal);
-    if (arguments.has("--watch") && terminal) out << "\033[H\033[2J";
+    if (watch && terminal) out << "\033[H\033[2J";
     out << view.text << std::flush;
-    if (!arguments.has("--watch") || view.finished) return tree.settings_problems.empty() ? 0 : 1;
+    if (!watch || view.finished) return tree.settings_problems.empty() ? 0 : 1;
     if (!terminal) out << "\n";
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
   }
