@@ -10,7 +10,7 @@ cmake --build --preset release >/dev/null
 
 results=$(mktemp -d)
 trap 'rm -rf "$results"' EXIT
-for bench in stage_throughput turnaround bindings footprint idle; do
+for bench in stage_throughput turnaround bindings recorder footprint idle; do
   echo "== $bench"
   "$build/bench_$bench" --benchmark_out="$results/$bench.json" --benchmark_out_format=json | tee "$results/$bench.txt"
 done
@@ -95,6 +95,25 @@ if 0 in bindings and 2 in bindings:
     python_ratio = bindings[2]["median_us"] / bindings[0]["median_us"]
     lines += ["", "Ratio of the medians, Python to C++: %.2f (%s)." % (python_ratio, verdict(python_ratio <= 1.5))]
 lines.append("")
+recorder = {b["name"].split("/")[0]: b for b in load("recorder")["benchmarks"]}
+cost, attached = recorder["recorder_cost"], recorder["recorder_footprint"]
+lines += [
+    "## What recording costs",
+    "",
+    "`lockstep` alone and under `lockstepctl record -- lockstep`, alternating on the same tree of 11",
+    "projects answered by the library (41 stages a run, 6 runs each); then the recorder attached to a",
+    "run of 101 projects, its CPU time against the run's time and its peak memory. Target: ratio at",
+    "most 1.02.",
+    "",
+    "| figure | value |",
+    "|---|---:|",
+    "| run alone, s | %.3f |" % cost["plain_s"],
+    "| run recorded, s | %.3f |" % cost["recorded_s"],
+    "| ratio | %.3f (%s) |" % (cost["ratio"], verdict(cost["ratio"] <= 1.02)),
+    "| recorder CPU, 101 projects, %% of one core | %.2f |" % attached["cpu_percent"],
+    "| recorder peak resident memory, 101 projects, MB | %.1f |" % attached["peak_rss_mb"],
+    "",
+]
 idle = load("idle")["benchmarks"]
 def idle_row(agents, polled):
     b = next(b for b in idle if "agents:%d/polling:%d" % (agents, polled) in b["name"])

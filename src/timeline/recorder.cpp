@@ -90,24 +90,25 @@ void Recorder::look_everywhere() {
 
 // What changed since the last look, recorded in the order the driver and
 // the project write: a done report, then the driver's resets, then its
-// next request.
+// next request. go.dat is read before go2.dat: the driver resets go2.dat
+// before it writes a request, so a done seen after a new request is that
+// request's.
 void Recorder::read(State& state, bool record) {
   using project::GoFileRead;
   using project::GoRecord;
-  const GoFileRead done_file = project::read_go_file(state.project.directory + "/go2.dat");
   const GoFileRead go_file = project::read_go_file(state.project.directory + "/go.dat");
-  std::optional<bool> done;
-  if (done_file.outcome == GoFileRead::Outcome::kRead) {
-    const GoRecord record_now = project::parse_go_record(done_file.content);
-    if (record_now.kind == GoRecord::Kind::kReset) done = false;
-    if (!done_file.content.empty() && done_file.content.back() == '\n' && done_file.content.front() == '0') {
-      done = true;
-    }
-  }
+  const GoFileRead done_file = project::read_go_file(state.project.directory + "/go2.dat");
   std::optional<GoRecord> go;
   if (go_file.outcome == GoFileRead::Outcome::kRead) {
     const GoRecord record_now = project::parse_go_record(go_file.content);
     if (record_now.kind == GoRecord::Kind::kRequest || record_now.kind == GoRecord::Kind::kReset) go = record_now;
+  }
+  std::optional<bool> done;
+  if (done_file.outcome == GoFileRead::Outcome::kRead) {
+    if (project::parse_go_record(done_file.content).kind == GoRecord::Kind::kReset) done = false;
+    if (!done_file.content.empty() && done_file.content.back() == '\n' && done_file.content.front() == '0') {
+      done = true;
+    }
   }
   const double now = elapsed();
   const auto emit = [&](Event event) {
@@ -124,22 +125,25 @@ void Recorder::read(State& state, bool record) {
     state.outstanding.reset();
   };
 
-  if (done && *done && state.done != true) finish(false);
   const bool go_reset_now = go && go->kind == GoRecord::Kind::kReset && !state.go_reset;
   const bool go2_reset_now = done && !*done && state.done != false;
   const bool request_now = go && go->kind == GoRecord::Kind::kRequest && state.go != go->request;
+  const bool done_now = done && *done && (state.done != true || request_now);
+  if (done_now && !request_now) finish(false);
   // The driver resets only once every project is done: a done report that
-  // came and went between two looks shows as the reset after it.
+  // came and went between two looks shows as the reset after it. A new
+  // request implies the resets before it, seen or not.
   if (go_reset_now || request_now) finish(true);
-  if (go_reset_now) {
+  if (go_reset_now || (request_now && !state.go_reset)) {
     Event event(Event::Kind::kReset);
     event.file = "go.dat";
     emit(event);
   }
-  if (go2_reset_now) {
+  if (go2_reset_now || (request_now && !state.go2_reset_recorded)) {
     Event event(Event::Kind::kReset);
     event.file = "go2.dat";
     emit(event);
+    state.go2_reset_recorded = true;
   }
   if (request_now) {
     Event event(Event::Kind::kRequest);
@@ -148,6 +152,8 @@ void Recorder::read(State& state, bool record) {
     event.stage = go->request.stage;
     emit(event);
     if (record) state.outstanding = go->request;
+    state.go2_reset_recorded = false;
+    if (done_now) finish(false);
   }
   if (done) state.done = done;
   if (go) {

@@ -63,6 +63,7 @@ class Recorder {
     std::optional<project::Request> go;  // go.dat's request; empty while it holds the reset
     bool go_reset = false;
     std::optional<bool> done;  // go2.dat: done, or reset
+    bool go2_reset_recorded = false;  // since the last request
     std::optional<project::Request> outstanding;  // handed out and recorded, not yet done
     std::optional<project::Request> last_done;
   };

@@ -148,6 +148,8 @@ Exit run_program(const std::vector<std::string>& argv, const std::filesystem::pa
   }
   Exit result;
   result.max_rss_kib = usage.ru_maxrss;
+  result.cpu_seconds = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                       static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
   if (WIFEXITED(raw_status)) result.status = WEXITSTATUS(raw_status);
   result.out = read_file(out);
   result.err = read_file(err);

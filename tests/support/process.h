@@ -33,7 +33,8 @@ struct Exit {
   int status = -1;  // exit status, or -1 when killed by a signal
   std::string out;
   std::string err;
-  long max_rss_kib = 0;  // the program's peak resident memory
+  long max_rss_kib = 0;     // the program's peak resident memory
+  double cpu_seconds = 0;   // user and system time of the program and its children
   // The first line of standard error, without its line feed.
   std::string first_error_line() const;
 };

@@ -1,0 +1,64 @@
+// What recording costs. "cost": lockstep alone and under 'lockstepctl record
+// -- lockstep', alternating on the same tree of 11 projects; "footprint":
+// the recorder attached to a run of 101 projects, its CPU time against the
+// run's time and its peak memory.
+#include <benchmark/benchmark.h>
+
+#include <string>
+#include <thread>
+
+#include "bench_tree.h"
+
+namespace lockstep::bench {
+namespace {
+
+std::string settings(int time_steps, int subprojects) {
+  return "time_step=\n" + std::to_string(time_steps) + "\ncycle_num=\n1\nnum_subprojects=\n" +
+         std::to_string(subprojects) + "\n";
+}
+
+void recorder_cost(benchmark::State& state) {
+  const BenchTree tree(10, settings(10, 10));
+  const std::string recording = (tree.run() / "../cost.rec").string();
+  const std::vector<std::string> plain = {LOCKSTEP_BINARY};
+  const std::vector<std::string> recorded = {LOCKSTEPCTL_BINARY, "record", "--output", recording, "--",
+                                             LOCKSTEP_BINARY};
+  double plain_seconds = 0;
+  double recorded_seconds = 0;
+  bool plain_first = true;
+  for (auto _ : state) {
+    if (plain_first) plain_seconds += timed_run(plain, tree.run());
+    recorded_seconds += timed_run(recorded, tree.run());
+    if (!plain_first) plain_seconds += timed_run(plain, tree.run());
+    plain_first = !plain_first;
+  }
+  state.counters["plain_s"] = plain_seconds / static_cast<double>(state.iterations());
+  state.counters["recorded_s"] = recorded_seconds / static_cast<double>(state.iterations());
+  state.counters["ratio"] = recorded_seconds / plain_seconds;
+}
+
+void recorder_footprint(benchmark::State& state) {
+  const BenchTree tree(100, settings(2, 100));
+  const std::string recording = (tree.run() / "../footprint.rec").string();
+  for (auto _ : state) {
+    testing::Exit recorder;
+    std::thread attached([&] {
+      recorder = testing::run_program({LOCKSTEPCTL_BINARY, "record", "--output", recording, tree.run().string()},
+                                      tree.run());
+    });
+    testing::wait_until([&] { return !testing::read_file(recording).empty(); });
+    const double run_seconds = timed_run({LOCKSTEP_BINARY}, tree.run());
+    attached.join();
+    state.counters["run_s"] = run_seconds;
+    state.counters["cpu_percent"] = 100 * recorder.cpu_seconds / run_seconds;
+    state.counters["peak_rss_mb"] = static_cast<double>(recorder.max_rss_kib) / 1024;
+  }
+}
+
+BENCHMARK(recorder_cost)->Iterations(6)->Unit(benchmark::kSecond);
+BENCHMARK(recorder_footprint)->Iterations(1)->Unit(benchmark::kSecond);
+
+}  // namespace
+}  // namespace lockstep::bench
+
+BENCHMARK_MAIN();
