@@ -2,8 +2,9 @@
 # The chain example: twelve masses on springs split over the main project and
 # two sub projects, whose solvers are written in C++, Fortran and Python.
 # Builds what it needs, lays out a fresh run tree in build/release/chain-run,
-# starts one solver per project, runs lockstep, and checks the coupled result
-# against the chain integrated in one process. Without gfortran, or without
+# starts one solver per project, runs lockstep under lockstepctl record,
+# checks the coupled result against the chain integrated in one process, and
+# prints where the run's time went. Without gfortran, or without
 # python3-dev and pybind11-dev, the C++ solver stands in for that project.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -59,12 +60,17 @@ for block in "${layout[@]}"; do
 done
 
 echo "lockstep: $cycles cycles of $time_steps time steps, $(IFS=,; echo "${languages[*]}" | sed 's/,/, /g')"
-# Shows the progress line of each cycle's closing time step.
-(cd "$tree/run" && "$build/src/lockstep") | awk -v closing=$((time_steps + 1)) 'substr($0, 27, 5) + 0 == closing'
+# Recorded; shows the progress line of each cycle's closing time step.
+(cd "$tree/run" && "$build/src/lockstepctl" record --output "$tree/chain.rec" --capture-stderr -- "$build/src/lockstep") |
+  awk -v closing=$((time_steps + 1)) 'substr($0, 27, 5) + 0 == closing'
 for pid in "${solvers[@]}"; do wait "$pid"; done
 solvers=()
 
 "$build/examples/chain_check" "$tree" "$cycles" "$time_steps" "${blocks[@]}"
+
+echo
+"$build/src/lockstepctl" report "$tree/chain.rec" --svg "$tree/chain-timeline.svg"
+echo "timeline: $tree/chain-timeline.svg"
 
 if command -v gnuplot >/dev/null; then
   gnuplot <<GNUPLOT
