@@ -66,17 +66,21 @@ void expect_complete(const json& report, const std::string& first_stage_after = 
   if (std::getenv("LOCKSTEP_TEST_WRAPPER") != nullptr) return;
   EXPECT_GE(sub1["held_share"].get<double>(), 0.9);
   // The 20 ms sleep on top of what serving a request costs any agent (a
-  // shell started, the done report), which main shows.
+  // shell started, the done report), which main shows; about 25 ms here,
+  // with room above for a busy machine.
   const double median = sub1["median_s"].get<double>();
   const double extra = median - report["projects"][0]["median_s"].get<double>();
   EXPECT_GE(median, 0.020);
   EXPECT_GT(extra, 0.015);
-  EXPECT_LT(extra, 0.035);
+  EXPECT_LT(extra, 0.060);
   ::testing::Test::RecordProperty("sub1_median_us", static_cast<int>(median * 1e6));
   ::testing::Test::RecordProperty("sub1_extra_us", static_cast<int>(extra * 1e6));
 }
 
+// sub2's interaction program is missing: the shell says so before every
+// launching stage, and the report lists each against sub2.
 TEST_F(RecordTest, TheSlowProjectHoldsTheRunAndEveryRequestIsSeenOnceWithItsDone) {
+  std::filesystem::remove(tree.project(2) / "launch.sh");
   start_agents();
   const std::string recording = (tree.run() / "../run.rec").string();
   const Exit exit = run_program(
@@ -86,6 +90,13 @@ TEST_F(RecordTest, TheSlowProjectHoldsTheRunAndEveryRequestIsSeenOnceWithItsDone
 
   const json summary = report(recording);
   ASSERT_EQ(summary["stages"], kStages);
+  std::string failures;
+  for (const json& failure : summary["launch_failures"]) {
+    EXPECT_EQ(failure["project"], "sub2") << failure.dump();
+    failures += failure["text"].get<std::string>() + "\n";
+  }
+  EXPECT_EQ(failures, exit.err);  // passed through as recorded
+  EXPECT_EQ(summary["launch_failures"].size(), static_cast<std::size_t>(kCycles * kTimeSteps * 4));
   EXPECT_EQ(summary["complete_stages"], kStages);
   EXPECT_EQ(summary["driver_exit"]["status"], 0);
   for (const json& project : summary["projects"]) EXPECT_EQ(project["served"], kStages) << project.dump();
