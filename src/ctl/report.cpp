@@ -6,7 +6,6 @@
 
 #include "ctl/command_line.h"
 #include "records/status.h"
-#include "timeline/recording.h"
 #include "timeline/report.h"
 #include "timeline/timeline.h"
 
@@ -50,13 +49,12 @@ int report_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
     err << "lockstepctl report: cannot read " << recording_path << ": " << records::os_error_text(errno) << "\n";
     return 1;
   }
-  timeline::Recording recording;
+  timeline::Timeline run;
   std::string error;
-  if (!timeline::read_recording(in, recording, error)) {
+  if (!timeline::read_timeline(in, run, error)) {
     err << "lockstepctl report: " << recording_path << ": " << error << "\n";
     return 1;
   }
-  const timeline::Timeline run = timeline::build_timeline(recording);
   if (!svg_path.empty() && !write_file(svg_path, timeline::svg_timeline(run), err)) return 1;
   if (!chrome_path.empty() && !write_file(chrome_path, timeline::chrome_trace(run), err)) return 1;
   out << (as_json ? timeline::json_report(run) : timeline::text_report(run));

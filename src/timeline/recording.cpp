@@ -34,6 +34,26 @@ std::string text_of(const ordered_json& line, const char* key) {
   return found != line.end() && found->is_string() ? found->get<std::string>() : std::string();
 }
 
+// One line, without its end; false at the end of the input. A line longer
+// than kLineLimit is read through and comes back empty.
+bool read_line(std::istream& in, std::string& line) {
+  line.clear();
+  std::streambuf* buffer = in.rdbuf();
+  bool any = false;
+  bool too_long = false;
+  for (int c = buffer->sbumpc(); c != std::char_traits<char>::eof(); c = buffer->sbumpc()) {
+    any = true;
+    if (c == '\n') break;
+    if (line.size() < kLineLimit) {
+      line += static_cast<char>(c);
+    } else {
+      too_long = true;
+    }
+  }
+  if (too_long) line.clear();
+  return any;
+}
+
 std::string dump(const ordered_json& line) {
   return line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
@@ -75,9 +95,10 @@ std::string event_line(const Event& event) {
   return dump(line);
 }
 
-bool read_recording(std::istream& in, Recording& recording, std::string& error) {
+bool read_recording(std::istream& in, Header& header, const std::function<void(const Event&)>& on_event,
+                    std::size_t& bad_lines, std::string& error) {
   std::string text;
-  if (!std::getline(in, text)) {
+  if (!read_line(in, text)) {
     error = "the recording is empty";
     return false;
   }
@@ -86,7 +107,6 @@ bool read_recording(std::istream& in, Recording& recording, std::string& error) 
     error = "the first line is not the header of a lockstep recording";
     return false;
   }
-  Header& header = recording.header;
   header.run_directory = text_of(first, "run_directory");
   header.started = text_of(first, "started");
   if (first.contains("projects") && first["projects"].is_array()) {
@@ -95,11 +115,11 @@ bool read_recording(std::istream& in, Recording& recording, std::string& error) 
   if (first.contains("time_step") && first["time_step"].is_number_integer()) header.time_step = first["time_step"];
   if (first.contains("cycle_num") && first["cycle_num"].is_number_integer()) header.cycle_num = first["cycle_num"];
 
-  while (std::getline(in, text)) {
+  while (read_line(in, text)) {
     const ordered_json line = ordered_json::parse(text, nullptr, false);
     if (line.is_discarded() || !line.is_object() || !line.contains("t") || !line["t"].is_number() ||
         !line.contains("event") || !line["event"].is_string()) {
-      ++recording.bad_lines;
+      ++bad_lines;
       continue;
     }
     Event event;
@@ -125,15 +145,15 @@ bool read_recording(std::istream& in, Recording& recording, std::string& error) 
       event.kind = Event::Kind::kStderr;
       event.text = text_of(line, "text");
     } else {
-      ++recording.bad_lines;
+      ++bad_lines;
       continue;
     }
     const bool needs_project = event.kind != Event::Kind::kExit && event.kind != Event::Kind::kStderr;
     if (needs_project && (event.project < 0 || static_cast<std::size_t>(event.project) >= header.projects.size())) {
-      ++recording.bad_lines;
+      ++bad_lines;
       continue;
     }
-    recording.events.push_back(std::move(event));
+    on_event(event);
   }
   return true;
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <istream>
 #include <optional>
 #include <ostream>
@@ -47,14 +48,15 @@ struct Header {
 std::string header_line(const Header& header);
 std::string event_line(const Event& event);
 
-struct Recording {
-  Header header;
-  std::vector<Event> events;
-  std::size_t bad_lines = 0;  // neither an event nor the header (a line cut short)
-};
+// The longest line read; a longer one is skipped as unreadable, so that any
+// file is read in bounded memory.
+inline constexpr std::size_t kLineLimit = 1 << 20;
 
-// Reads a recording; false, with the reason in `error`, when the first line
-// is no header.
-bool read_recording(std::istream& in, Recording& recording, std::string& error);
+// Reads a recording: the header, then each event handed to `on_event` as it
+// is read. Lines that are no event (a line cut short by a crash, one
+// edited by hand) are counted in `bad_lines` and skipped. False, with the
+// reason in `error`, when the first line is no header.
+bool read_recording(std::istream& in, Header& header, const std::function<void(const Event&)>& on_event,
+                    std::size_t& bad_lines, std::string& error);
 
 }  // namespace lockstep::timeline

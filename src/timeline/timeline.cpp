@@ -39,53 +39,56 @@ void close_stage(Stage& stage) {
 
 }  // namespace
 
-Timeline build_timeline(const Recording& recording) {
-  Timeline timeline;
-  timeline.header = recording.header;
-  timeline.bad_lines = recording.bad_lines;
-  const std::size_t count = recording.header.projects.size();
-  // The stage each project's outstanding request belongs to.
-  std::vector<std::optional<std::size_t>> outstanding(count);
-  for (const Event& event : recording.events) {
-    timeline.run_time = std::max(timeline.run_time, event.time);
-    switch (event.kind) {
-      case Event::Kind::kRequest: {
-        const project::Request request{event.cycle, event.time_step, event.stage};
-        const auto index = static_cast<std::size_t>(event.project);
-        // A new stage begins with other numbers, or with a project handed
-        // the same numbers twice (a driver started again).
-        if (timeline.stages.empty() || !(timeline.stages.back().request == request) ||
-            timeline.stages.back().projects[index]) {
-          Stage stage;
-          stage.request = request;
-          stage.projects.resize(count);
-          stage.start = event.time;
-          timeline.stages.push_back(std::move(stage));
-        }
-        timeline.stages.back().projects[index] = Served{event.time, std::nullopt, false};
-        outstanding[index] = timeline.stages.size() - 1;
-        break;
-      }
-      case Event::Kind::kDone: {
-        const auto index = static_cast<std::size_t>(event.project);
-        if (!outstanding[index]) break;
-        Stage& stage = timeline.stages[*outstanding[index]];
-        stage.projects[index]->done = event.time;
-        stage.projects[index]->inferred = event.inferred;
-        outstanding[index].reset();
-        break;
-      }
-      case Event::Kind::kExit: timeline.exit = event; break;
-      case Event::Kind::kStderr: {
-        LaunchFailure failure{event.time, std::nullopt, named_project(event.text, count), event.text};
-        if (!timeline.stages.empty()) failure.stage = timeline.stages.back().request;
-        timeline.launch_failures.push_back(std::move(failure));
-        break;
-      }
-      case Event::Kind::kReset: break;
-    }
-  }
+TimelineBuilder::TimelineBuilder(const Header& header) : outstanding_(header.projects.size()) {
+  timeline_.header = header;
+}
 
+void TimelineBuilder::add(const Event& event) {
+  Timeline& timeline = timeline_;
+  const std::size_t count = timeline.header.projects.size();
+  timeline.run_time = std::max(timeline.run_time, event.time);
+  switch (event.kind) {
+    case Event::Kind::kRequest: {
+      const project::Request request{event.cycle, event.time_step, event.stage};
+      const auto index = static_cast<std::size_t>(event.project);
+      // A new stage begins with other numbers, or with a project handed the
+      // same numbers twice (a driver started again).
+      if (timeline.stages.empty() || !(timeline.stages.back().request == request) ||
+          timeline.stages.back().projects[index]) {
+        Stage stage;
+        stage.request = request;
+        stage.projects.resize(count);
+        stage.start = event.time;
+        timeline.stages.push_back(std::move(stage));
+      }
+      timeline.stages.back().projects[index] = Served{event.time, std::nullopt, false};
+      outstanding_[index] = timeline.stages.size() - 1;
+      break;
+    }
+    case Event::Kind::kDone: {
+      const auto index = static_cast<std::size_t>(event.project);
+      if (!outstanding_[index]) break;
+      Stage& stage = timeline.stages[*outstanding_[index]];
+      stage.projects[index]->done = event.time;
+      stage.projects[index]->inferred = event.inferred;
+      outstanding_[index].reset();
+      break;
+    }
+    case Event::Kind::kExit: timeline.exit = event; break;
+    case Event::Kind::kStderr: {
+      LaunchFailure failure{event.time, std::nullopt, named_project(event.text, count), event.text};
+      if (!timeline.stages.empty()) failure.stage = timeline.stages.back().request;
+      timeline.launch_failures.push_back(std::move(failure));
+      break;
+    }
+    case Event::Kind::kReset: break;
+  }
+}
+
+Timeline TimelineBuilder::finish(std::size_t bad_lines) {
+  Timeline timeline = std::move(timeline_);
+  const std::size_t count = timeline.header.projects.size();
+  timeline.bad_lines = bad_lines;
   std::optional<double> previous_end;
   for (Stage& stage : timeline.stages) {
     close_stage(stage);
@@ -99,7 +102,7 @@ Timeline build_timeline(const Recording& recording) {
 
   for (std::size_t index = 0; index < count; ++index) {
     ProjectSummary summary;
-    summary.name = recording.header.projects[index];
+    summary.name = timeline.header.projects[index];
     std::vector<double> durations;
     for (const Stage& stage : timeline.stages) {
       const auto& served = stage.projects[index];
@@ -122,6 +125,23 @@ Timeline build_timeline(const Recording& recording) {
     timeline.projects.push_back(std::move(summary));
   }
   return timeline;
+}
+
+bool read_timeline(std::istream& in, Timeline& timeline, std::string& error) {
+  Header header;
+  std::optional<TimelineBuilder> builder;
+  std::size_t bad_lines = 0;
+  const bool read = read_recording(
+      in, header,
+      [&](const Event& event) {
+        if (!builder) builder.emplace(header);
+        builder->add(event);
+      },
+      bad_lines, error);
+  if (!read) return false;
+  if (!builder) builder.emplace(header);
+  timeline = builder->finish(bad_lines);
+  return true;
 }
 
 }  // namespace lockstep::timeline

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <istream>
 #include <optional>
 #include <string>
 #include <vector>
@@ -56,7 +57,22 @@ struct Timeline {
   std::size_t bad_lines = 0;
 };
 
-Timeline build_timeline(const Recording& recording);
+// Builds a timeline event by event, holding the stages, never the events.
+class TimelineBuilder {
+ public:
+  explicit TimelineBuilder(const Header& header);
+  void add(const Event& event);
+  Timeline finish(std::size_t bad_lines);
+
+ private:
+  Timeline timeline_;
+  // The stage each project's outstanding request belongs to.
+  std::vector<std::optional<std::size_t>> outstanding_;
+};
+
+// Reads a recording into a timeline; false, with the reason in `error`, when
+// it is none.
+bool read_timeline(std::istream& in, Timeline& timeline, std::string& error);
 
 // The value below which `share` of the sorted values lie.
 double percentile(const std::vector<double>& sorted, double share);

@@ -9,12 +9,12 @@
 namespace lockstep::timeline {
 namespace {
 
-Recording read(const std::string& text) {
+Timeline read(const std::string& text) {
   std::istringstream in(text);
-  Recording recording;
+  Timeline timeline;
   std::string error;
-  EXPECT_TRUE(read_recording(in, recording, error)) << error;
-  return recording;
+  EXPECT_TRUE(read_timeline(in, timeline, error)) << error;
+  return timeline;
 }
 
 const std::string kHeader =
@@ -24,7 +24,7 @@ const std::string kHeader =
 // Two stages; sub1 holds the first, main the second, whose done for sub1 is
 // seen only through the next reset; a line cut short by a crash ends it.
 TEST(TimelineTest, StagesHoldersDriverShareAndACutShortLine) {
-  const Timeline run = build_timeline(read(kHeader + R"({"t":0.0,"event":"request","project":0,"cycle":1,"time_step":1,"stage":1}
+  const Timeline run = read(kHeader + R"({"t":0.0,"event":"request","project":0,"cycle":1,"time_step":1,"stage":1}
 {"t":0.001,"event":"request","project":1,"cycle":1,"time_step":1,"stage":1}
 {"t":0.002,"event":"done","project":0}
 {"t":0.021,"event":"done","project":1}
@@ -34,7 +34,7 @@ TEST(TimelineTest, StagesHoldersDriverShareAndACutShortLine) {
 {"t":0.040,"event":"done","project":1,"inferred":true}
 {"t":0.050,"event":"done","project":0}
 {"t":0.060,"event":"request","project":0,"cycle":1,"time_step":1,"stage":2}
-{"t":0.07,"event":"requ)"));
+{"t":0.07,"event":"requ)");
   ASSERT_EQ(run.stages.size(), 3u);  // the repeated stage 2 is a driver started again
   EXPECT_EQ(run.stages[0].holder, 1);
   EXPECT_DOUBLE_EQ(*run.stages[0].end, 0.021);
@@ -68,18 +68,19 @@ TEST(TimelineTest, StagesHoldersDriverShareAndACutShortLine) {
 TEST(TimelineTest, RecordingsThatAreNotOnesAreRefusedAndOddLinesSkipped) {
   for (const std::string text : {"", "{}\n", "not json\n"}) {
     std::istringstream in(text);
-    Recording recording;
+    Timeline timeline;
     std::string error;
-    EXPECT_FALSE(read_recording(in, recording, error)) << text;
+    EXPECT_FALSE(read_timeline(in, timeline, error)) << text;
   }
-  const Recording recording = read(kHeader + R"({"t":1,"event":"done","project":7}
+  const Timeline timeline = read(kHeader + R"({"t":1,"event":"done","project":7}
 {"t":"x","event":"done","project":0}
 {"t":1,"event":"done","project":"main"}
+)" + std::string(kLineLimit + 10, 'x') + R"(
 {"t":1,"event":"exit","signal":9}
 )");
-  EXPECT_EQ(recording.bad_lines, 3u);
-  ASSERT_EQ(recording.events.size(), 1u);
-  EXPECT_EQ(recording.events[0].signal, 9);
+  EXPECT_EQ(timeline.bad_lines, 4u);
+  ASSERT_TRUE(timeline.exit);
+  EXPECT_EQ(timeline.exit->signal, 9);
 }
 
 }  // namespace
