@@ -10,7 +10,6 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -18,6 +17,7 @@
 #include "ctl/command_line.h"
 #include "ctl/tree.h"
 #include "project/endpoint.h"
+#include "records/file_system.h"
 #include "records/status.h"
 #include "timeline/recorder.h"
 
@@ -239,18 +239,33 @@ int record_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
     header.projects.push_back(index == 0 ? "main" : "sub" + std::to_string(index));
   }
 
-  std::ofstream file(options.output, std::ios::trunc);
-  if (!file) {
-    err << "lockstepctl record: cannot write " << options.output << ": " << records::os_error_text(errno) << "\n";
+  // Not passed on to COMMAND: the recording is opened close-on-exec.
+  records::PosixFileSystem fs;
+  const int fd = fs.open(options.output, records::OpenMode::kReplace);
+  if (fd < 0) {
+    err << "lockstepctl record: cannot write " << options.output << ": " << records::os_error_text(-fd) << "\n";
     return 1;
   }
-  timeline::Recorder recorder(projects, file);
+  records::Descriptor file(fs, fd);
+  bool write_failed = false;
+  const auto write_line = [&](const std::string& text) {
+    for (std::size_t written = 0; written < text.size() && !write_failed;) {
+      const ssize_t n = fs.write(file.get(), text.data() + written, text.size() - written);
+      if (n < 0) {
+        err << "lockstepctl record: cannot write " << options.output << ": " << records::os_error_text(static_cast<int>(-n))
+            << "; the recording stops here, the run goes on\n";
+        write_failed = true;
+      }
+      written += n < 0 ? 0 : static_cast<std::size_t>(n);
+    }
+  };
+  timeline::Recorder recorder(projects, write_line);
   std::string error;
   if (!recorder.start(error)) {
     err << "lockstepctl record: " << error << "\n";
     return 1;
   }
-  file << timeline::header_line(header) << std::flush;
+  write_line(timeline::header_line(header));
   install_stop_handlers();
   return command_form ? record_command(options, recorder, err)
                       : record_attached(tree.cycle_num, tree.drivers, recorder);

@@ -17,8 +17,8 @@ constexpr std::size_t kStderrLineLimit = 4096;
 
 }  // namespace
 
-Recorder::Recorder(std::vector<WatchedProject> projects, std::ostream& out)
-    : out_(out), started_(std::chrono::steady_clock::now()) {
+Recorder::Recorder(std::vector<WatchedProject> projects, std::function<void(const std::string&)> write_line)
+    : write_line_(std::move(write_line)), started_(std::chrono::steady_clock::now()) {
   for (WatchedProject& project : projects) {
     State state;
     state.project = std::move(project);
@@ -57,7 +57,7 @@ double Recorder::elapsed() const {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
 }
 
-void Recorder::write(const Event& event) { out_ << event_line(event) << std::flush; }
+void Recorder::write(const Event& event) { write_line_(event_line(event)); }
 
 void Recorder::look() {
   std::vector<bool> changed(states_.size(), false);

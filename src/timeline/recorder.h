@@ -5,8 +5,8 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -23,8 +23,8 @@ struct WatchedProject {
 
 class Recorder {
  public:
-  // Events go to `out` as JSON lines, flushed one by one.
-  Recorder(std::vector<WatchedProject> projects, std::ostream& out);
+  // Each event goes to `write_line` as a JSON line as it is seen.
+  Recorder(std::vector<WatchedProject> projects, std::function<void(const std::string&)> write_line);
   ~Recorder();
   Recorder(const Recorder&) = delete;
   Recorder& operator=(const Recorder&) = delete;
@@ -71,7 +71,7 @@ class Recorder {
   void write(const Event& event);
 
   std::vector<State> states_;
-  std::ostream& out_;
+  std::function<void(const std::string&)> write_line_;
   int watch_fd_ = -1;
   std::chrono::steady_clock::time_point started_;
 };

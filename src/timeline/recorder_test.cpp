@@ -27,7 +27,7 @@ TEST(RecorderTest, EventsInTheOrderTheyHappenedWhateverItMissedBetweenLooks) {
   };
   write_file(go2, "0\n");
   std::ostringstream out;
-  Recorder recorder({{0, dir.path().string(), true}}, out);
+  Recorder recorder({{0, dir.path().string(), true}}, [&out](const std::string& line) { out << line; });
   std::string error;
   ASSERT_TRUE(recorder.start(error)) << error;
   const auto events = [&] {
