@@ -1,16 +1,25 @@
 // What recording costs. "cost": lockstep alone and under 'lockstepctl record
-// -- lockstep', alternating on the same tree of 11 projects; "footprint":
+// -- lockstep', alternating on the same tree of 11 projects, the median of
+// the pairs' ratios; "footprint":
 // the recorder attached to a run of 101 projects, its CPU time against the
 // run's time and its peak memory.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "bench_tree.h"
 
 namespace lockstep::bench {
 namespace {
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  const std::size_t middle = values.size() / 2;
+  return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
 
 std::string settings(int time_steps, int subprojects) {
   return "time_step=\n" + std::to_string(time_steps) + "\ncycle_num=\n1\nnum_subprojects=\n" +
@@ -23,18 +32,22 @@ void recorder_cost(benchmark::State& state) {
   const std::vector<std::string> plain = {LOCKSTEP_BINARY};
   const std::vector<std::string> recorded = {LOCKSTEPCTL_BINARY, "record", "--output", recording, "--",
                                              LOCKSTEP_BINARY};
-  double plain_seconds = 0;
-  double recorded_seconds = 0;
+  std::vector<double> plain_seconds, recorded_seconds, ratios;
   bool plain_first = true;
   for (auto _ : state) {
-    if (plain_first) plain_seconds += timed_run(plain, tree.run());
-    recorded_seconds += timed_run(recorded, tree.run());
-    if (!plain_first) plain_seconds += timed_run(plain, tree.run());
+    double plain_run = 0;
+    if (plain_first) plain_run = timed_run(plain, tree.run());
+    recorded_seconds.push_back(timed_run(recorded, tree.run()));
+    if (!plain_first) plain_run = timed_run(plain, tree.run());
+    plain_seconds.push_back(plain_run);
+    ratios.push_back(recorded_seconds.back() / plain_run);
     plain_first = !plain_first;
   }
-  state.counters["plain_s"] = plain_seconds / static_cast<double>(state.iterations());
-  state.counters["recorded_s"] = recorded_seconds / static_cast<double>(state.iterations());
-  state.counters["ratio"] = recorded_seconds / plain_seconds;
+  // Medians: one run slowed by something else on the machine moves them
+  // little.
+  state.counters["plain_s"] = median(plain_seconds);
+  state.counters["recorded_s"] = median(recorded_seconds);
+  state.counters["ratio"] = median(ratios);
 }
 
 void recorder_footprint(benchmark::State& state) {
@@ -55,7 +68,7 @@ void recorder_footprint(benchmark::State& state) {
   }
 }
 
-BENCHMARK(recorder_cost)->Iterations(6)->Unit(benchmark::kSecond);
+BENCHMARK(recorder_cost)->Iterations(10)->Unit(benchmark::kSecond);
 BENCHMARK(recorder_footprint)->Iterations(1)->Unit(benchmark::kSecond);
 
 }  // namespace

@@ -37,8 +37,9 @@ bool Recorder::start(std::string& error) {
     return false;
   }
   for (State& state : states_) {
-    state.watch = inotify_add_watch(watch_fd_, state.project.directory.c_str(),
-                                    IN_CLOSE_WRITE | IN_MODIFY | IN_MOVED_TO | IN_CREATE);
+    // Every writer of a go file closes it (in place) or renames it over the
+    // old one: one notice a write, and a look at the whole file.
+    state.watch = inotify_add_watch(watch_fd_, state.project.directory.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO);
     if (state.watch < 0) {
       error = "cannot watch " + state.project.directory + ": " + records::os_error_text(errno);
       return false;
