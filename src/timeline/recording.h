@@ -33,7 +33,7 @@ struct Event {
   // kDone: seen only as a reset following it, the done itself having come
   // and gone between two looks; its time is the reset's.
   bool inferred = false;
-  int exit_status = -1;  // kExit: the exit status, or -1 when killed
+  int exit_status = -1;  // kExit: the exit status; -1 when killed, or when seen from outside
   int signal = 0;        // kExit: the signal that killed it
   std::string text;      // kStderr
 };

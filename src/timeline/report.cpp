@@ -95,6 +95,8 @@ std::vector<Trend> trends(const Timeline& timeline) {
 std::string exit_text(const std::optional<Event>& exit) {
   if (!exit) return "the recording ends before the driver did";
   if (exit->signal != 0) return "the driver was killed by signal " + std::to_string(exit->signal);
+  // Attached, the recorder sees the driver go, not its status.
+  if (exit->exit_status < 0) return "the driver ended";
   return "the driver exited with status " + std::to_string(exit->exit_status);
 }
 
@@ -222,7 +224,9 @@ std::string json_report(const Timeline& timeline) {
   ordered_json exit = ordered_json();
   if (timeline.exit) {
     exit = timeline.exit->signal != 0 ? ordered_json{{"signal", timeline.exit->signal}}
-                                      : ordered_json{{"status", timeline.exit->exit_status}};
+                                      : ordered_json{{"status", timeline.exit->exit_status < 0
+                                                                    ? ordered_json()
+                                                                    : ordered_json(timeline.exit->exit_status)}};
   }
   const ordered_json report = {{"run_directory", timeline.header.run_directory},
                                {"started", timeline.header.started},

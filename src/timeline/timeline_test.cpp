@@ -81,6 +81,9 @@ TEST(TimelineTest, RecordingsThatAreNotOnesAreRefusedAndOddLinesSkipped) {
   EXPECT_EQ(timeline.bad_lines, 4u);
   ASSERT_TRUE(timeline.exit);
   EXPECT_EQ(timeline.exit->signal, 9);
+  EXPECT_EQ(text_report(timeline).substr(0, 57), "run: 1.000 s, 0 stages; the driver was killed by signal 9");
+  EXPECT_EQ(text_report(read(kHeader + R"({"t":2,"event":"exit"})" + "\n")).substr(0, 41),
+            "run: 2.000 s, 0 stages; the driver ended\n");
 }
 
 }  // namespace
