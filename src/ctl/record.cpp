@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/resource.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -43,7 +43,6 @@ constexpr const char* kFooter =
 // done reports (the driver does not wait for the last request).
 constexpr std::chrono::seconds kLastDoneGrace{2};
 constexpr std::size_t kStderrLineLimit = 4096;
-constexpr int kRecorderNiceness = 10;
 
 volatile sig_atomic_t stop_signal = 0;
 extern "C" void remember_stop_signal(int signal_number) { stop_signal = signal_number; }
@@ -54,6 +53,14 @@ void install_stop_handlers() {
   sigemptyset(&action.sa_mask);
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
+}
+
+// SCHED_BATCH: the recorder's wake-ups do not preempt the driver or the
+// solvers, yet it keeps its fair share of the processor, so that a busy
+// machine delays its looks but does not starve them.
+void step_aside() {
+  sched_param parameters{};
+  sched_setscheduler(0, SCHED_BATCH, &parameters);
 }
 
 std::string utc_now() {
@@ -138,10 +145,8 @@ int record_command(const Options& options, timeline::Recorder& recorder, std::os
     return 1;
   }
   if (child == 0) exec_command(options.command, pipe_fds[1]);
-  // On a busy machine the driver and the solvers go first; the recorder
-  // still wakes on every change, a little later at worst. Set after the
-  // fork, so that COMMAND keeps its priority.
-  setpriority(PRIO_PROCESS, 0, kRecorderNiceness);
+  // After the fork, so that COMMAND keeps its scheduling.
+  step_aside();
   if (pipe_fds[1] >= 0) {
     ::close(pipe_fds[1]);
     fcntl(pipe_fds[0], F_SETFL, O_NONBLOCK);
@@ -185,7 +190,7 @@ int record_command(const Options& options, timeline::Recorder& recorder, std::os
 // notes the driver's end when it was seen running.
 int record_attached(const std::optional<std::int32_t>& cycle_num, std::vector<pid_t> drivers,
                     timeline::Recorder& recorder) {
-  setpriority(PRIO_PROCESS, 0, kRecorderNiceness);
+  step_aside();
   while (stop_signal == 0) {
     pollfd watched{recorder.watch_fd(), POLLIN, 0};
     ::poll(&watched, 1, recorder.polling() ? 2 : 100);
