@@ -28,6 +28,11 @@ class BenchTree {
 
 // Runs a program in the run directory to its end, its output discarded;
 // returns the seconds it took.
+// Writes `record` into a go file in place, as the driver does.
+void replace(const std::string& path, const std::string& record);
+// True when the go2.dat at `path` reports done.
+bool done(const std::string& path);
+
 double timed_run(const std::vector<std::string>& argv, const std::filesystem::path& directory);
 
 }  // namespace lockstep::bench

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "handshake/go_files.h"
+#include "bench_tree.h"
 #include "process.h"
 
 namespace lockstep::bench {
@@ -20,20 +21,6 @@ namespace {
 
 double median_of[3];
 
-void replace(const std::string& path, const std::string& record) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
-  static_cast<void>(write(fd, record.data(), record.size()));
-  close(fd);
-}
-
-bool done(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDONLY);
-  if (fd < 0) return false;
-  char buffer[16];
-  const ssize_t n = read(fd, buffer, sizeof buffer);
-  close(fd);
-  return n >= 2 && buffer[0] == '0' && buffer[1] == '\n';
-}
 
 std::vector<std::string> server(std::int64_t binding, const std::string& directory) {
   switch (binding) {

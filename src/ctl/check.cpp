@@ -164,7 +164,7 @@ int check_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   CLI::App app("Checks a run tree before a run.", "lockstepctl check");
   set_up(app);
   app.footer(kCheckFooter);
-  app.add_option("RUN_DIR", run_directory, "lockstep's working directory (default: the current one)")->type_name("");
+  add_run_directory(app, run_directory);
   app.add_flag("--json", as_json, "print the report as JSON");
   app.add_flag("--fix", fix_tree, "make every go2.dat report done after a crash, and list each change");
   if (const auto status = parse(app, words(argc, argv), out, err)) return *status;

@@ -7,6 +7,10 @@ void set_up(CLI::App& app) {
   app.get_formatter()->column_width(24);
 }
 
+void add_run_directory(CLI::App& app, std::string& run_directory) {
+  app.add_option("RUN_DIR", run_directory, "lockstep's working directory (default: the current one)")->type_name("");
+}
+
 std::vector<std::string> words(int argc, char** argv) { return std::vector<std::string>(argv, argv + argc); }
 
 CommandLine split_command(int argc, char** argv) {

@@ -21,6 +21,9 @@ void set_up(CLI::App& app);
 // The words after the subcommand.
 std::vector<std::string> words(int argc, char** argv);
 
+// The optional RUN_DIR of check and status, lockstep's working directory.
+void add_run_directory(CLI::App& app, std::string& run_directory);
+
 struct CommandLine {
   std::vector<std::string> options;  // the words before "--"
   std::vector<std::string> command;  // the words after it

@@ -135,7 +135,7 @@ int status_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   CLI::App app("Shows what a running lockstep is waiting for.", "lockstepctl status");
   set_up(app);
   app.footer(kStatusFooter);
-  app.add_option("RUN_DIR", run_directory, "lockstep's working directory (default: the current one)")->type_name("");
+  add_run_directory(app, run_directory);
   app.add_flag("--watch", watch, "refresh every half second until the run is complete or lockstep has stopped");
   if (const auto status = parse(app, words(argc, argv), out, err)) return *status;
   const bool terminal = ::isatty(STDOUT_FILENO) == 1;
