@@ -49,14 +49,6 @@ struct GoodTree {
 
 class CheckTest : public ::testing::Test, protected GoodTree {};
 
-TEST_F(CheckTest, AGoodTreeIsReady) {
-  const auto before = snapshot(tree.run().parent_path());
-  const Exit exit = check();
-  EXPECT_EQ(exit.status, 0) << exit.out;
-  EXPECT_NE(exit.out.find("\nready: 3 projects, no problems\n"), std::string::npos) << exit.out;
-  EXPECT_EQ(snapshot(tree.run().parent_path()), before);
-}
-
 // Peak memory of a tool that read a FIFO or /dev/zero, well below what the
 // first megabytes of an endless file would take.
 constexpr long kMemoryBoundKib = 400 * 1024;
@@ -78,6 +70,7 @@ TEST_F(CheckTest, EachPlantedFaultIsNamedWithItsFixAndNothingChanges) {
     std::filesystem::create_symlink("/dev/zero", path);
   };
   const Case cases[] = {
+      {"nothing planted", [](RunTree&) {}, "ready: 3 projects, no problems", 0},
       {"settings missing", [](RunTree& t) { std::filesystem::remove(t.run() / "analysis_settings.dat"); },
        "  analysis_settings.dat is missing"},
       {"settings malformed", [](RunTree& t) { t.settings("time_step=\nabc\ncycle_num=\n1\nnum_subprojects=\n0\n"); },
@@ -93,9 +86,6 @@ TEST_F(CheckTest, EachPlantedFaultIsNamedWithItsFixAndNothingChanges) {
        "  time_step is -5: lockstep would run no stage; write the number of time steps per cycle, 0 or more"},
       {"settings a FIFO", [&](RunTree& t) { fifo(t.run() / "analysis_settings.dat"); },
        "  analysis_settings.dat is a FIFO, not a regular file: replace it with one (rm {root}/run/analysis_settings.dat)"},
-      {"settings a device", [&](RunTree& t) { zero(t.run() / "analysis_settings.dat"); },
-       "  analysis_settings.dat is a character device, not a regular file: replace it with one (rm "
-       "{root}/run/analysis_settings.dat)"},
       {"project directory missing", [&](RunTree& t) { std::filesystem::remove_all(sub(t, 2)); },
        "sub2: project directory ../sub2/ is missing"},
       {"interaction file missing",
@@ -141,8 +131,6 @@ TEST_F(CheckTest, EachPlantedFaultIsNamedWithItsFixAndNothingChanges) {
        2},
       {"go.dat a directory", [&](RunTree& t) { std::filesystem::create_directory(sub(t, 2) / "go.dat"); },
        "sub2: go.dat is a directory, not a regular file: remove it (rmdir {root}/sub2/go.dat)"},
-      {"go.dat a FIFO", [&](RunTree& t) { fifo(sub(t, 0) / "go.dat"); },
-       "main: go.dat is a FIFO, not a regular file: remove it (rm {root}/main/go.dat)"},
       {"go.dat linked out of the tree",
        [&](RunTree& t) {
          write_file(t.run() / "../elsewhere.dat", "");
@@ -279,37 +267,6 @@ TEST_F(CheckTest, FixPreparesACrashedTreeAndListsWhatItChanged) {
   EXPECT_EQ(check({"--fix"}).out.substr(0, 18), "nothing to change\n");
 }
 
-TEST(StatusTest, NamesTheProjectHoldingAFrozenRun) {
-  RunTree tree;
-  tree.projects(2);
-  tree.settings(3, 2, 2);
-  for (int index = 0; index <= 2; ++index) write_file(tree.project(index) / "go.dat", stage_record(1, 2, 3));
-  const auto held = tree.project(1) / "go2.dat";
-  write_file(held, reset_record());
-  // Reset 90 seconds ago.
-  const timespec times[2] = {{time(nullptr) - 90, 0}, {time(nullptr) - 90, 0}};
-  ASSERT_EQ(utimensat(AT_FDCWD, held.c_str(), times, 0), 0);
-  const auto before = snapshot(tree.run().parent_path());
-  const auto driver = tree.stand_in_driver();
-
-  const Exit exit = run_program({LOCKSTEPCTL_BINARY, "status", tree.run().string()}, tree.run());
-  EXPECT_EQ(exit.status, 0);
-  EXPECT_NE(exit.out.find("\nlockstep: running (PID " + std::to_string(driver->pid()) + ")\n"), std::string::npos)
-      << exit.out;
-  EXPECT_NE(exit.out.find("request: cycle 1, time step 2, stage 3\n"
-                          "position: cycle 1 of 2, time step 2 of 3, stage 3 of 4; 6 of 26 stages done\n"),
-            std::string::npos)
-      << exit.out;
-  const std::string held_row = "main    yes\nsub1    no      ";
-  const std::size_t row = exit.out.find(held_row);
-  ASSERT_NE(row, std::string::npos) << exit.out;
-  const double held_for = std::strtod(exit.out.c_str() + row + held_row.size(), nullptr);
-  EXPECT_GE(held_for, 90.0);
-  EXPECT_LT(held_for, 150.0);
-  EXPECT_NE(exit.out.find("\nwaiting for: sub1\n"), std::string::npos) << exit.out;
-  EXPECT_EQ(snapshot(tree.run().parent_path()), before);
-}
-
 // Without a driver, status tells a finished run from a stopped one, counts
 // exactly at the largest settings, and --watch ends by itself.
 TEST(StatusTest, StoppedCompleteAndHugeRuns) {
@@ -317,23 +274,20 @@ TEST(StatusTest, StoppedCompleteAndHugeRuns) {
     const char* name;
     int time_step, cycle_num;
     std::string go, go2;  // of both projects
-    std::string lines;    // that the report holds
+    std::vector<std::string> lines;  // that the report holds
   };
   const std::string stopped =
       "\nlockstep has stopped before the end of the run; after a crash, 'lockstepctl check --fix' prepares the "
       "tree for a fresh start\n";
   const Case cases[] = {
       {"stopped between reset and request", 3, 2, reset_record(), reset_record(),
-       "request: none yet (../main/go.dat holds no request)\n"},
-      {"stopped between reset and request", 3, 2, reset_record(), reset_record(), stopped},
-      {"stopped mid-run", 3, 2, stage_record(1, 2, 3), reset_record(), "; 6 of 26 stages done\n"},
-      {"stopped mid-run", 3, 2, stage_record(1, 2, 3), reset_record(), stopped},
-      {"complete", 3, 2, handshake::cycle_end_record(2), "0\n", "; 26 of 26 stages done\n"},
-      {"complete", 3, 2, handshake::cycle_end_record(2), "0\n", "\nthe run is complete\n"},
+       {"request: none yet (../main/go.dat holds no request)\n", stopped}},
+      {"stopped mid-run", 3, 2, stage_record(1, 2, 3), reset_record(), {"; 6 of 26 stages done\n", stopped}},
+      {"complete", 3, 2, handshake::cycle_end_record(2), "0\n", {"; 26 of 26 stages done\n", "\nthe run is complete\n"}},
       {"largest schedule", 2147483647, 2147483647, handshake::cycle_end_record(2147483647), "0\n",
-       "; 18446744058677166083 of 18446744058677166083 stages done\n"},
+       {"; 18446744058677166083 of 18446744058677166083 stages done\n"}},
       {"outside the schedule", 3, 2, stage_record(5, 1, 1), reset_record(),
-       "position: outside the schedule of analysis_settings.dat\n"},
+       {"position: outside the schedule of analysis_settings.dat\n"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -350,7 +304,7 @@ TEST(StatusTest, StoppedCompleteAndHugeRuns) {
                             "looked at)\n"),
               std::string::npos)
         << exit.out;
-    EXPECT_NE(exit.out.find(c.lines), std::string::npos) << exit.out;
+    for (const std::string& line : c.lines) EXPECT_NE(exit.out.find(line), std::string::npos) << exit.out;
     EXPECT_EQ(exit.out.find("waiting for"), std::string::npos) << exit.out;
   }
 }
@@ -376,12 +330,8 @@ TEST(HostileFilesTest, NoToolBlocksOrRunsOutOfMemory) {
       {"status, go2.dat a device", "main/go2.dat", false, {check, "status"}, 0, "main    ?       go2.dat is a character device"},
       {"status, settings a FIFO", "run/analysis_settings.dat", true, {check, "status"}, 1,
        "settings: analysis_settings.dat is a FIFO"},
-      {"agent, go.dat a FIFO", "main/go.dat", true, agent("true"), 1,
-       "lockstepctl agent: ../main/go.dat is a FIFO, not a regular file\n"},
       {"agent, go.dat a device", "main/go.dat", false, agent("true"), 1,
        "lockstepctl agent: ../main/go.dat is a character device, not a regular file\n"},
-      {"agent, go2.dat a FIFO", "main/go2.dat", true, agent("true"), 1,
-       "lockstepctl agent: ../main/go2.dat is a FIFO, not a regular file\n"},
       {"driver, settings a device", "run/analysis_settings.dat", false, {LOCKSTEP_BINARY}, 39,
        "recio: severe (39): error during read, unit 23, file "},
   };

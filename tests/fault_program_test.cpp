@@ -1,4 +1,7 @@
 // The driver against faults in the run tree while it runs.
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -11,15 +14,6 @@ namespace {
 
 using handshake::stage_record;
 
-bool wait_for(const std::function<bool()>& condition, std::chrono::seconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
-
 TEST(FaultTest, ProjectDirectoryRemovedAndRestoredLosesNothing) {
   RunTree tree;
   tree.projects(1);
@@ -31,7 +25,7 @@ TEST(FaultTest, ProjectDirectoryRemovedAndRestoredLosesNothing) {
   players.play(0, 1, 9);
   std::thread restore([&] {
     const auto away = tree.run() / "../sub1.away";
-    ASSERT_TRUE(wait_for([&] { return std::filesystem::exists(away); }, std::chrono::seconds(60)));
+    ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(away); }));
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     std::filesystem::rename(away, tree.project(1));
   });
@@ -88,6 +82,8 @@ TEST(FaultTest, SettingsAndInteractionFilesChangedDuringTheRunHaveNoEffect) {
   EXPECT_EQ(read_file(tree.run() / "launches.log"), launches);
 }
 
+// Nobody plays sub 1: the driver waits for it, and status names it, how long
+// it has held the run, and where the run stands.
 TEST(FaultTest, AProjectThatNeverAnswersHoldsTheRunAndStatusNamesIt) {
   RunTree tree;
   tree.projects(1);
@@ -96,12 +92,27 @@ TEST(FaultTest, AProjectThatNeverAnswersHoldsTheRunAndStatusNamesIt) {
   Players players(tree);
   players.play(0, 0, 5);
   Background driver({LOCKSTEP_BINARY}, tree.run());
-  // The driver hands out the first request and then waits for sub 1.
-  ASSERT_TRUE(wait_for([&] { return read_file(tree.project(0) / "requests.log") != ""; }, std::chrono::seconds(30)));
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  EXPECT_FALSE(driver.wait(std::chrono::seconds(0)));
+  ASSERT_TRUE(wait_until([&] {
+    return !read_file(tree.project(0) / "requests.log").empty() && read_file(tree.project(0) / "go2.dat") == "0\n";
+  }));
+  // Reset 90 seconds ago, as status sees it.
+  const auto held = tree.project(1) / "go2.dat";
+  const timespec times[2] = {{time(nullptr) - 90, 0}, {time(nullptr) - 90, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, held.c_str(), times, 0), 0);
   const Exit status = run_program({LOCKSTEPCTL_BINARY, "status", "."}, tree.run());
-  EXPECT_NE(status.out.find("request: cycle 1, time step 1, stage 1\n"), std::string::npos) << status.out;
+  EXPECT_FALSE(driver.wait(std::chrono::seconds(0)));
+  EXPECT_NE(status.out.find("\nlockstep: running (PID " + std::to_string(driver.pid()) + ")\n"), std::string::npos)
+      << status.out;
+  EXPECT_NE(status.out.find("request: cycle 1, time step 1, stage 1\n"
+                            "position: cycle 1 of 1, time step 1 of 1, stage 1 of 4; 0 of 5 stages done\n"),
+            std::string::npos)
+      << status.out;
+  const std::string held_row = "main    yes\nsub1    no      ";
+  const std::size_t row = status.out.find(held_row);
+  ASSERT_NE(row, std::string::npos) << status.out;
+  const double held_for = std::strtod(status.out.c_str() + row + held_row.size(), nullptr);
+  EXPECT_GE(held_for, 90.0);
+  EXPECT_LT(held_for, 150.0);
   EXPECT_NE(status.out.find("\nwaiting for: sub1\n"), std::string::npos) << status.out;
   EXPECT_EQ(read_file(tree.project(0) / "requests.log"), stage_record(1, 1, 1));
 }

@@ -2,131 +2,100 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <map>
+
 #include "config/interaction.h"
 #include "memory_file_system.h"
 
 namespace lockstep::config {
 namespace {
 
-constexpr const char* kFile = "analysis_settings.dat";
-
-struct Read {
-  int code;
-  std::optional<Settings> settings;
-  records::Status status;
-};
-
-Read read(testing::MemoryFileSystem& fs) {
-  std::optional<Settings> settings;
-  records::Status status = read_settings(fs, settings);
-  return {status.code(), settings, status};
+std::string lines(int count) {
+  std::string text;
+  for (int i = 0; i < count; ++i) text += "x\n";
+  return text;
 }
 
-TEST(SettingsTest, ValuesFollowTheirKeyLines) {
-  struct Case {
-    const char* name;
-    std::string content;
-    Settings expected;
-  };
-  const Case cases[] = {
-      {"one per line", "time_step=\n200\ncycle_num=\n3\nnum_subprojects=\n2\n", {200, 3, 2}},
-      {"reverse order", "num_subprojects=\n2\ncycle_num=\n3\ntime_step=\n200\n", {200, 3, 2}},
-      {"value on the key line is ignored", "time_step=200\n5\ncycle_num=\n3\nnum_subprojects=\n2", {5, 3, 2}},
-      {"blank lines, signs, trailing text",
-       "time_step=\n\n  -7  ignored text\ncycle_num=\n+12\nnum_subprojects=\n12,34\n",
-       {-7, 12, 12}},
-      {"first key line wins", "time_step=\n1\ntime_step=\n2\ncycle_num=\n3\nnum_subprojects=\n0\n", {1, 3, 0}},
-      {"cr lf, last line without end", "cycle_num=\r\n3\r\nnum_subprojects=\r\n-1\r\ntime_step=\r\n0", {0, 3, -1}},
-      {"near misses are not keys",
-       "time_step\n9\n time_step=\n9\nTIME_STEP=\n9\nnum_subproject=\n9\ntime_step=\n1\ncycle_num=\n2\n"
-       "num_subprojects=\n3\n",
-       {1, 2, 3}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    testing::MemoryFileSystem fs;
-    fs.set_file(kFile, c.content);
-    const Read result = read(fs);
-    ASSERT_EQ(result.code, 0) << result.status.headline();
-    ASSERT_TRUE(result.settings);
-    EXPECT_EQ(result.settings->time_step, c.expected.time_step);
-    EXPECT_EQ(result.settings->cycle_num, c.expected.cycle_num);
-    EXPECT_EQ(result.settings->num_subprojects, c.expected.num_subprojects);
-  }
-}
+// Four lines.
+const std::string kRest = "cycle_num=\n0\nnum_subprojects=\n0\n";
 
-TEST(SettingsTest, EachKeyIsSearchedFromAFreshOpen) {
-  testing::MemoryFileSystem fs;
-  fs.set_file(kFile, "time_step=\n1\ncycle_num=\n1\nnum_subprojects=\n1\n");
-  read(fs);
-  const std::vector<std::string> once = {"open analysis_settings.dat readwrite", "close analysis_settings.dat"};
-  std::vector<std::string> expected;
-  for (int i = 0; i < 3; ++i) expected.insert(expected.end(), once.begin(), once.end());
-  EXPECT_EQ(fs.log(), expected);
-}
-
-TEST(SettingsTest, ClosingTimeStepWrapsInThirtyTwoBits) {
-  EXPECT_EQ((Settings{0, 1, 0}.closing_time_step()), 1);
-  EXPECT_EQ((Settings{-1, 1, 0}.closing_time_step()), 0);
-  EXPECT_EQ((Settings{INT32_MAX, 1, 0}.closing_time_step()), INT32_MIN);
-}
-
-TEST(SettingsTest, FailuresNameTheKeyAndTheRecord) {
+TEST(SettingsTest, ReadsAndFailures) {
   struct Case {
     const char* name;
     std::string content;
     int code;
-    std::vector<std::string> trail;
+    std::optional<Settings> expected;
+    std::vector<std::string> trail = {};
+    std::string out = {};
   };
+  const auto key = [](const char* name) { return std::string("settings reader, key \"") + name + "\""; };
   const Case cases[] = {
-      {"malformed value", "time_step=\n1\ncycle_num=\n\n12.5\n", 59,
-       {"list-directed integer read, record 5", "settings reader, key \"cycle_num=\""}},
-      {"null value", "time_step=\n,\n", 59,
-       {"null value where an integer is required", "settings reader, key \"time_step=\""}},
-      {"repeated null value", "time_step=\n2*\n", 59,
-       {"null value where an integer is required", "settings reader, key \"time_step=\""}},
-      {"out of range", "time_step=\n1\ncycle_num=\n1\nnum_subprojects=\n-2147483649\n", 64,
-       {"list-directed integer read, record 6", "settings reader, key \"num_subprojects=\""}},
-      {"key on the last line", "time_step=\n1\ncycle_num=\n\n  \n", -1,
-       {"list-directed integer read, record 6", "settings reader, key \"cycle_num=\""}},
-      {"key absent from a short file", "time_step=\n1\n", -1,
-       {"fixed-width text read, record 3", "settings reader, key \"cycle_num=\""}},
+      {"one per line", "time_step=\n200\ncycle_num=\n3\nnum_subprojects=\n2\n", 0, Settings{200, 3, 2}},
+      {"reverse order", "num_subprojects=\n2\ncycle_num=\n3\ntime_step=\n200\n", 0, Settings{200, 3, 2}},
+      {"value on the key line is ignored", "time_step=200\n5\ncycle_num=\n3\nnum_subprojects=\n2", 0, Settings{5, 3, 2}},
+      {"blank lines, signs, trailing text", "time_step=\n\n  -7  ignored text\ncycle_num=\n+12\nnum_subprojects=\n12,34\n",
+       0, Settings{-7, 12, 12}},
+      {"first key line wins", "time_step=\n1\ntime_step=\n2\n" + kRest, 0, Settings{1, 0, 0}},
+      {"cr lf, last line without end", "cycle_num=\r\n3\r\nnum_subprojects=\r\n-1\r\ntime_step=\r\n0", 0,
+       Settings{0, 3, -1}},
+      {"near misses are not keys", "time_step\n9\n time_step=\n9\nTIME_STEP=\n9\nnum_subproject=\n9\ntime_step=\n1\n" + kRest,
+       0, Settings{1, 0, 0}},
+      {"key at line 10,000", kRest + lines(9995) + "time_step=\n1\n", 0, Settings{1, 0, 0}},
+      {"key at line 10,001", kRest + lines(9996) + "time_step=\n1\n", 0, std::nullopt, {},
+       " Parameter reading failed!\n"},
+      {"10,000 lines without the key", lines(kSearchLimit), 0, std::nullopt, {}, " Parameter reading failed!\n"},
+      {"9,999 lines without the key", lines(kSearchLimit - 1), -1, std::nullopt,
+       {"fixed-width text read, record 10000", key("time_step=")}},
+      {"malformed value", "time_step=\n1\ncycle_num=\n\n12.5\n", 59, std::nullopt,
+       {"list-directed integer read, record 5", key("cycle_num=")}},
+      {"null value", "time_step=\n,\n", 59, std::nullopt,
+       {"null value where an integer is required", key("time_step=")}},
+      {"repeated null value", "time_step=\n2*\n", 59, std::nullopt,
+       {"null value where an integer is required", key("time_step=")}},
+      {"out of range", "time_step=\n1\ncycle_num=\n1\nnum_subprojects=\n-2147483649\n", 64, std::nullopt,
+       {"list-directed integer read, record 6", key("num_subprojects=")}},
+      {"key on the last line", "time_step=\n1\ncycle_num=\n\n  \n", -1, std::nullopt,
+       {"list-directed integer read, record 6", key("cycle_num=")}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     testing::MemoryFileSystem fs;
-    fs.set_file(kFile, c.content);
-    const Read result = read(fs);
-    EXPECT_EQ(result.code, c.code);
-    EXPECT_EQ(result.status.unit(), 23);
-    EXPECT_EQ(result.status.path_name(), "/run/analysis_settings.dat");
-    EXPECT_EQ(result.status.trail(), c.trail);
+    fs.set_file("analysis_settings.dat", c.content);
+    std::optional<Settings> settings;
+    const records::Status status = read_settings(fs, settings);
+    EXPECT_EQ(status.code(), c.code) << status.headline();
+    EXPECT_EQ(settings.has_value(), c.expected.has_value());
+    if (settings && c.expected) {
+      EXPECT_EQ((std::array{settings->time_step, settings->cycle_num, settings->num_subprojects}),
+                (std::array{c.expected->time_step, c.expected->cycle_num, c.expected->num_subprojects}));
+    }
+    if (c.code != 0) {
+      EXPECT_EQ(status.path_name(), "/run/analysis_settings.dat");
+    }
+    EXPECT_EQ(status.trail(), c.trail);
+    EXPECT_EQ(fs.standard_output(), c.out);
+    // Each key is searched from a fresh open.
+    if (c.expected) {
+      EXPECT_EQ(std::count(fs.log().begin(), fs.log().end(), "open analysis_settings.dat readwrite"), 3);
+    }
   }
 }
 
-TEST(SettingsTest, SearchLimitPrintsTheFailureMessage) {
-  testing::MemoryFileSystem fs;
-  std::string lines;
-  for (int i = 0; i < kSearchLimit; ++i) lines += "x\n";
-  fs.set_file(kFile, "time_step=\n1\n" + lines + "cycle_num=\n1\n");
-  const Read result = read(fs);
-  EXPECT_EQ(result.code, 0);
-  EXPECT_FALSE(result.settings);
-  EXPECT_EQ(fs.standard_output(), " Parameter reading failed!\n");
+TEST(SettingsTest, ClosingTimeStepWrapsInThirtyTwoBits) {
+  EXPECT_EQ((Settings{0, 1, 0}.closing_time_step()), 1);
+  EXPECT_EQ((Settings{INT32_MAX, 1, 0}.closing_time_step()), INT32_MIN);
 }
 
-TEST(InteractionTest, RecordsAreTheFirstThirtyCharactersOfEachFirstLine) {
+TEST(InteractionTest, RecordsAreTheFirstThirtyCharactersOfEachFirstLineAndAFailureNamesTheProject) {
   testing::MemoryFileSystem fs;
   const std::string thirty = "abcdefghijklmnopqrstuvwxyz0123";
-  for (const char* directory : {"../main", "../sub1", "../sub9", "../sub10", "../sub12"}) fs.add_directory(directory);
-  fs.set_file("../main/CalculateInteraction.dat", "solver.exe\nignored\n");
-  fs.set_file("../sub1/CalculateInteraction.dat", thirty + "cut off\n");
-  fs.set_file("../sub9/CalculateInteraction.dat", "prog\r\n");
-  fs.set_file("../sub10/CalculateInteraction.dat", "\n");
-  fs.set_file("../sub12/CalculateInteraction.dat", "  twelve");
-  for (int i : {2, 3, 4, 5, 6, 7, 8, 11}) {
-    fs.add_directory("../sub" + std::to_string(i));
-    fs.set_file("../sub" + std::to_string(i) + "/CalculateInteraction.dat", "p\n");
+  const std::map<int, std::string> files = {
+      {0, "solver.exe\nignored\n"}, {1, thirty + "cut off\n"}, {9, "prog\r\n"}, {10, "\n"}, {12, "  twelve"}};
+  for (int i = 0; i <= 12; ++i) {
+    const std::string directory = i == 0 ? "../main" : "../sub" + std::to_string(i);
+    fs.add_directory(directory);
+    fs.set_file(directory + "/CalculateInteraction.dat", files.count(i) != 0 ? files.at(i) : "p\n");
   }
   InteractionTable table;
   ASSERT_TRUE(read_interaction_table(fs, 12, table).ok());
@@ -136,26 +105,12 @@ TEST(InteractionTest, RecordsAreTheFirstThirtyCharactersOfEachFirstLine) {
   EXPECT_EQ(table[10], std::string(30, ' '));
   EXPECT_EQ(table[12], "  twelve" + std::string(22, ' '));
   EXPECT_TRUE(table[13].empty());
+  EXPECT_EQ(fs.log()[18], "open ../sub9/CalculateInteraction.dat readwrite");
 
-  std::vector<std::string> opened;
-  for (const std::string& entry : fs.log()) {
-    if (entry.rfind("open ", 0) == 0) opened.push_back(entry);
-  }
-  ASSERT_EQ(opened.size(), 13u);
-  EXPECT_EQ(opened[0], "open ../main/CalculateInteraction.dat readwrite");
-  EXPECT_EQ(opened[9], "open ../sub9/CalculateInteraction.dat readwrite");
-  EXPECT_EQ(opened[10], "open ../sub10/CalculateInteraction.dat readwrite");
-}
-
-TEST(InteractionTest, FailureNamesTheProject) {
-  testing::MemoryFileSystem fs;
-  fs.add_directory("../main");
-  fs.set_file("../main/CalculateInteraction.dat", "p\n");
-  InteractionTable table;
-  const records::Status status = read_interaction_table(fs, 2, table);
+  const records::Status status = read_interaction_table(fs, 13, table);
   EXPECT_EQ(status.headline(),
-            "recio: severe (29): file not found, unit 10, file /run/../sub1/CalculateInteraction.dat");
-  EXPECT_EQ(status.trail().back(), "interaction reader, project 1");
+            "recio: severe (29): file not found, unit 10, file /run/../sub13/CalculateInteraction.dat");
+  EXPECT_EQ(status.trail().back(), "interaction reader, project 13");
 }
 
 }  // namespace
