@@ -1,7 +1,5 @@
-// lockstepctl agent, and the C interface from Fortran, serving projects of
-// real lockstep runs.
+// lockstepctl agent serving projects of real lockstep runs, and alone.
 #include <signal.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -34,18 +32,14 @@ std::vector<std::string> agent(const std::filesystem::path& directory, const std
 // Every request of `cycles` cycles of `time_steps` time steps, as logged.
 std::string schedule(int cycles, int time_steps, const std::filesystem::path& directory) {
   std::string log;
-  std::string tail = " ";
-  tail.append(std::filesystem::absolute(directory).lexically_normal().string()).append("\n");
-  const auto line = [&](int k, int t, int s) {
-    std::string numbers = std::to_string(k);
-    numbers.append(" ").append(std::to_string(t)).append(" ").append(std::to_string(s));
-    log.append(numbers).append(" | ").append(numbers).append(tail);
-  };
   for (int k = 1; k <= cycles; ++k) {
-    for (int t = 1; t <= time_steps; ++t) {
-      for (int s = 1; s <= 4; ++s) line(k, t, s);
+    for (int t = 1; t <= time_steps + 1; ++t) {
+      for (int s = 1; s <= (t > time_steps ? 1 : 4); ++s) {
+        const std::string numbers = std::to_string(k) + (t > time_steps ? " -1 5" : " " + std::to_string(t) + " " +
+                                                                                      std::to_string(s));
+        log += numbers + " | " + numbers + " " + std::filesystem::absolute(directory).lexically_normal().string() + "\n";
+      }
     }
-    line(k, -1, 5);
   }
   return log;
 }
@@ -55,13 +49,11 @@ TEST(AgentProgramTest, EveryRequestOnceAndInOrderWhateverTheAnswerSpeed) {
   tree.projects(3, "true");
   tree.settings(2, 3, 3);
   std::vector<std::unique_ptr<Background>> players;
-  players.push_back(std::make_unique<Background>(agent(tree.project(0), {"--last-cycle", "3"}, kLogCommand),
-                                                 tree.run()));
-  players.push_back(std::make_unique<Background>(
-      agent(tree.project(1), {"--last-cycle", "3"}, "sleep 0.01; " + kLogCommand), tree.run()));
-  players.push_back(std::make_unique<Background>(
-      agent(tree.project(2), {"--last-cycle", "3"}, "case $3 in 2|5) sleep 0.03;; esac; " + kLogCommand),
-      tree.run()));
+  for (const std::string delay : {"", "sleep 0.01; ", "case $3 in 2|5) sleep 0.03;; esac; "}) {
+    const int index = static_cast<int>(players.size());
+    players.push_back(std::make_unique<Background>(agent(tree.project(index), {"--last-cycle", "3"}, delay + kLogCommand),
+                                                   tree.run()));
+  }
   // Beside them a project of its own making, answering after random delays,
   // in place or by rename.
   Players in_place(tree);
@@ -110,10 +102,7 @@ TEST_F(AgentAloneTest, TheCommandRunsInTheProjectDirectoryAndAFailureLeavesItsRe
 
 TEST_F(AgentAloneTest, DoneOnFailureReportsAndSignalsStopIt) {
   Background served(agent(project(), {"--done-on-failure"}, "kill -9 $$"), dir.path());
-  for (int i = 0; i < 5000 && read_file(project() / "go2.dat") != "0\n"; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  EXPECT_EQ(read_file(project() / "go2.dat"), "0\n");
+  EXPECT_TRUE(wait_until([&] { return read_file(project() / "go2.dat") == "0\n"; }));
   // Now waiting for the next request: SIGTERM ends it cleanly.
   served.signal(SIGTERM);
   int status = -1;
@@ -159,12 +148,6 @@ const std::string kHeldCommand =
 bool gone(pid_t pid) {
   const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
   return stat.empty() || stat.find(") Z ") != std::string::npos;
-}
-
-std::string host_name() {
-  char host[256] = {};
-  gethostname(host, sizeof host - 1);
-  return host;
 }
 
 // The driver stops waiting while the command still runs, and resets and
@@ -255,16 +238,12 @@ TEST_F(AgentAloneTest, OneAgentPerDirectoryAndNoneOutlivedByItsCommand) {
 
   const Exit second = run_program(agent(project(), {}, kLogCommand), dir.path());
   EXPECT_EQ(second.status, 1);
-  EXPECT_EQ(second.err, "lockstepctl agent: " + project().string() + " is already served by PID " +
-                            std::to_string(first->pid()) + " on host " + host_name() + " (it holds " +
-                            project().string() + "/.lockstep.lock); stop that one first\n");
+  const std::string refused =
+      "lockstepctl agent: " + project().string() + " is already served by PID " + std::to_string(first->pid()) + " ";
+  EXPECT_EQ(second.err.substr(0, refused.size()), refused);
 
-  const auto killed = std::chrono::steady_clock::now();
   first.reset();  // SIGKILL
   ASSERT_TRUE(wait_until([&] { return gone(command); }));
-  RecordProperty("command_gone_after_ms", static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                                               std::chrono::steady_clock::now() - killed)
-                                                               .count()));
   Background next(agent(project(), {}, kLogCommand), dir.path());
   EXPECT_TRUE(wait_until([&] { return read_file(project() / "go2.dat") == "0\n"; }));
   EXPECT_EQ(read_file(project() / "agent.log"), "1 1 1 | 1 1 1 " + project().string() + "\n");
@@ -300,24 +279,6 @@ TEST_F(AgentAloneTest, AGoFileThatCannotBeOpenedIsReportedAndRetried) {
   ASSERT_TRUE(served.wait(kStall, &status));
   EXPECT_EQ(status, 0);
   EXPECT_EQ(read_file(project() / "go2.dat"), reset_record());
-}
-
-TEST(FortranProjectTest, ServesARunThroughTheCInterface) {
-  if (std::string(FORTRAN_PROJECT_BINARY).empty()) GTEST_SKIP() << "gfortran is not installed";
-  RunTree tree;
-  tree.projects(1, "true");
-  tree.settings(1, 2, 1);
-  Background fortran({FORTRAN_PROJECT_BINARY, tree.project(1).string(), "10"}, tree.run());
-  Background main_project(agent(tree.project(0), {"--last-cycle", "2"}, "true"), tree.run());
-  const Exit exit = tree.lockstep();
-  ASSERT_EQ(exit.status, 0) << exit.err;
-  for (Background* project : {&fortran, &main_project}) {
-    int status = -1;
-    ASSERT_TRUE(project->wait(std::chrono::seconds(30), &status));
-    EXPECT_EQ(status, 0);
-  }
-  EXPECT_EQ(read_file(tree.project(1) / "fortran.log"),
-            "1 1 1\n1 1 2\n1 1 3\n1 1 4\n1 -1 5\n2 1 1\n2 1 2\n2 1 3\n2 1 4\n2 -1 5\n");
 }
 
 }  // namespace

@@ -161,11 +161,9 @@ TEST_F(CheckTest, EachPlantedFaultIsNamedWithItsFixAndNothingChanges) {
     const auto before = snapshot(root);
     const Exit exit = fresh.check();
     EXPECT_EQ(exit.status, c.problems == 0 ? 0 : 1);
-    EXPECT_NE(exit.out.find("\n" + line + "\n"), std::string::npos) << exit.out;
-    EXPECT_NE(exit.out.find(c.problems == 0 ? "\nready: " : "\nnot ready: " + std::to_string(c.problems) +
-                                                                (c.problems == 1 ? " problem\n" : " problems\n")),
-              std::string::npos)
-        << exit.out;
+    EXPECT_THAT(exit.out, HasSubstr("\n" + line + "\n"));
+    EXPECT_THAT(exit.out, HasSubstr(c.problems == 0 ? "\nready: " : "\nnot ready: " + std::to_string(c.problems) +
+                                    (c.problems == 1 ? " problem\n" : " problems\n")));
     EXPECT_LT(exit.max_rss_kib, kMemoryBoundKib);
     EXPECT_EQ(snapshot(root), before);
   }
@@ -178,21 +176,17 @@ TEST_F(CheckTest, EveryProblemAtOnceEscapedForTheTerminalAndAsJson) {
   std::filesystem::remove(tree.project(2) / "step.sh");
   const Exit text = check();
   EXPECT_EQ(text.status, 1);
-  EXPECT_NE(text.out.find("sub1: program ../sub1/st\\x1b]0;x\\x07ep\\xff.sh is missing\n"
-                          "sub2: program ../sub2/step.sh is missing\n\nnot ready: 2 problems"),
-            std::string::npos)
-      << text.out;
+  EXPECT_THAT(text.out, HasSubstr("sub1: program ../sub1/st\\x1b]0;x\\x07ep\\xff.sh is missing\n"
+                                  "sub2: program ../sub2/step.sh is missing\n\nnot ready: 2 problems"));
   EXPECT_EQ(text.out.find_first_of("\x1b\x07\xff"), std::string::npos);
 
   const Exit json = check({"--json"});
   EXPECT_EQ(json.status, 1);
   EXPECT_EQ(json.out.rfind("{\"run_directory\":", 0), 0u);
-  EXPECT_NE(json.out.find("\"ready\":false"), std::string::npos);
-  EXPECT_NE(json.out.find("{\"index\":1,\"directory\":\"../sub1/\",\"program\":\"st\\u001b]0;x\\u0007ep\xef\xbf\xbd.sh\","
-                          "\"done\":0,\"problems\":[\"program ../sub1/st\\u001b]0;x\\u0007ep\xef\xbf\xbd.sh is missing\"],"
-                          "\"warnings\":[]}"),
-            std::string::npos)
-      << json.out;
+  EXPECT_THAT(json.out, HasSubstr("\"ready\":false"));
+  EXPECT_THAT(json.out, HasSubstr("{\"index\":1,\"directory\":\"../sub1/\",\"program\":\"st\\u001b]0;x\\u0007ep\xef\xbf\xbd.sh\","
+                                  "\"done\":0,\"problems\":[\"program ../sub1/st\\u001b]0;x\\u0007ep\xef\xbf\xbd.sh is missing\"],"
+                                  "\"warnings\":[]}"));
   EXPECT_EQ(json.out.find('\xff'), std::string::npos);
 }
 
@@ -215,12 +209,10 @@ TEST_F(CheckTest, ReadOnlyProjectDirectoryAndGoFile) {
   const Exit exit = run_program(argv, tree.run().parent_path());
   const std::string root = std::filesystem::absolute(tree.run().parent_path()).string();
   EXPECT_EQ(exit.status, 1);
-  EXPECT_NE(exit.out.find("\nsub1: project directory ../sub1/ is not writable: the project cannot report done by "
-                          "rename and lockstep cannot create its go files; make it writable (chmod u+w " +
-                          root + "/sub1)\nsub2: go2.dat is not writable: lockstep would retry writing it forever; "
-                          "make it writable (chmod u+w " + root + "/sub2/go2.dat)\n\nnot ready: 2 problems\n"),
-            std::string::npos)
-      << exit.out;
+  EXPECT_THAT(exit.out, HasSubstr("\nsub1: project directory ../sub1/ is not writable: the project cannot report done by "
+                                  "rename and lockstep cannot create its go files; make it writable (chmod u+w " +
+                                  root + "/sub1)\nsub2: go2.dat is not writable: lockstep would retry writing it forever; "
+                                  "make it writable (chmod u+w " + root + "/sub2/go2.dat)\n\nnot ready: 2 problems\n"));
 }
 
 // A driver at work in the run directory: check names it, --fix refuses to
@@ -232,10 +224,8 @@ TEST_F(CheckTest, ASecondDriverIsFoundAndFixWaitsForIt) {
   const auto before = snapshot(tree.run().parent_path());
   const Exit exit = check();
   EXPECT_EQ(exit.status, 1);
-  EXPECT_NE(exit.out.find("\nlockstep is already running in this run directory (PID " + pid +
-                          "): a second driver would lose stages; wait for it to end or stop it (kill " + pid + ")\n"),
-            std::string::npos)
-      << exit.out;
+  EXPECT_THAT(exit.out, HasSubstr("\nlockstep is already running in this run directory (PID " + pid +
+                                  "): a second driver would lose stages; wait for it to end or stop it (kill " + pid + ")\n"));
   const Exit fix = check({"--fix"});
   EXPECT_EQ(fix.status, 1);
   EXPECT_EQ(fix.err, "lockstepctl check: lockstep is running in " +
@@ -263,7 +253,7 @@ TEST_F(CheckTest, FixPreparesACrashedTreeAndListsWhatItChanged) {
   EXPECT_EQ(read_file(tree.project(0) / "go.dat"), stage_record(1, 2, 3));
   // What is left is what --fix does not touch.
   EXPECT_EQ(exit.status, 1);
-  EXPECT_NE(exit.out.find("\nnot ready: 1 problem\n"), std::string::npos) << exit.out;
+  EXPECT_THAT(exit.out, HasSubstr("\nnot ready: 1 problem\n"));
   EXPECT_EQ(check({"--fix"}).out.substr(0, 18), "nothing to change\n");
 }
 
@@ -300,11 +290,9 @@ TEST(StatusTest, StoppedCompleteAndHugeRuns) {
     }
     const Exit exit = run_program({LOCKSTEPCTL_BINARY, "status", "--watch"}, tree.run());
     EXPECT_EQ(exit.status, 0);
-    EXPECT_NE(exit.out.find("\nlockstep: not running in this directory on this machine (other machines were not "
-                            "looked at)\n"),
-              std::string::npos)
-        << exit.out;
-    for (const std::string& line : c.lines) EXPECT_NE(exit.out.find(line), std::string::npos) << exit.out;
+    EXPECT_THAT(exit.out, HasSubstr("\nlockstep: not running in this directory on this machine (other machines were not "
+                                    "looked at)\n"));
+    for (const std::string& line : c.lines) EXPECT_THAT(exit.out, HasSubstr(line));
     EXPECT_EQ(exit.out.find("waiting for"), std::string::npos) << exit.out;
   }
 }

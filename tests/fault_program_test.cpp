@@ -101,19 +101,16 @@ TEST(FaultTest, AProjectThatNeverAnswersHoldsTheRunAndStatusNamesIt) {
   ASSERT_EQ(utimensat(AT_FDCWD, held.c_str(), times, 0), 0);
   const Exit status = run_program({LOCKSTEPCTL_BINARY, "status", "."}, tree.run());
   EXPECT_FALSE(driver.wait(std::chrono::seconds(0)));
-  EXPECT_NE(status.out.find("\nlockstep: running (PID " + std::to_string(driver.pid()) + ")\n"), std::string::npos)
-      << status.out;
-  EXPECT_NE(status.out.find("request: cycle 1, time step 1, stage 1\n"
-                            "position: cycle 1 of 1, time step 1 of 1, stage 1 of 4; 0 of 5 stages done\n"),
-            std::string::npos)
-      << status.out;
+  EXPECT_THAT(status.out, HasSubstr("\nlockstep: running (PID " + std::to_string(driver.pid()) + ")\n"));
+  EXPECT_THAT(status.out, HasSubstr("request: cycle 1, time step 1, stage 1\n"
+                                    "position: cycle 1 of 1, time step 1 of 1, stage 1 of 4; 0 of 5 stages done\n"));
   const std::string held_row = "main    yes\nsub1    no      ";
   const std::size_t row = status.out.find(held_row);
   ASSERT_NE(row, std::string::npos) << status.out;
   const double held_for = std::strtod(status.out.c_str() + row + held_row.size(), nullptr);
   EXPECT_GE(held_for, 90.0);
   EXPECT_LT(held_for, 150.0);
-  EXPECT_NE(status.out.find("\nwaiting for: sub1\n"), std::string::npos) << status.out;
+  EXPECT_THAT(status.out, HasSubstr("\nwaiting for: sub1\n"));
   EXPECT_EQ(read_file(tree.project(0) / "requests.log"), stage_record(1, 1, 1));
 }
 

@@ -2,6 +2,7 @@
 // "main/", "sub1/", ... beside it.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -13,6 +14,8 @@
 #include "process.h"
 
 namespace lockstep::testing {
+
+using ::testing::HasSubstr;
 
 // Every request one project receives in a run of `cycles` cycles of
 // `time_steps` time steps, as go.dat holds them, in order.
@@ -65,7 +68,8 @@ class RunTree {
   // A process that `lockstepctl` takes for a driver working in run/; it
   // ends with the object.
   std::unique_ptr<Background> stand_in_driver() const {
-    auto driver = std::make_unique<Background>(std::vector<std::string>{"bash", "-c", "exec -a lockstep sleep 600"}, run());
+    auto driver =
+        std::make_unique<Background>(std::vector<std::string>{"bash", "-c", "exec -a lockstep sleep 600"}, run());
     const std::string comm = "/proc/" + std::to_string(driver->pid()) + "/comm";
     EXPECT_TRUE(wait_until([&] { return read_file(comm) == "sleep\n"; }));
     return driver;

@@ -1,7 +1,6 @@
 #include "project/lockstep_project.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <string>
 
@@ -32,7 +31,8 @@ TEST(CInterfaceTest, DistinctCodesForEachWayTheDriverMovesOn) {
   ASSERT_NE(project, nullptr) << error;
   EXPECT_EQ(lockstep_project_lock(project), LOCKSTEP_PROJECT_OK);
   EXPECT_EQ(lockstep_project_lock(second), LOCKSTEP_PROJECT_ERROR);
-  EXPECT_NE(std::string(lockstep_project_error(second)).find("is already served by PID"), std::string::npos);
+  const std::string served = dir.path().string() + " is already served by PID ";
+  EXPECT_EQ(std::string(lockstep_project_error(second)).substr(0, served.size()), served);
   lockstep_project_close(second);
 
   int cycle = 0, time_step = 0, stage = 0;
@@ -47,11 +47,6 @@ TEST(CInterfaceTest, DistinctCodesForEachWayTheDriverMovesOn) {
   EXPECT_EQ(std::to_string(cycle) + " " + std::to_string(time_step) + " " + std::to_string(stage), "1 1 1");
   EXPECT_EQ(lockstep_project_done(project), LOCKSTEP_PROJECT_OK);
 
-  write_file(dir.path() / "go2.dat", reset_record());
-  std::filesystem::remove(dir.path() / "go.dat");
-  ASSERT_EQ(mkfifo((dir.path() / "go.dat").c_str(), 0666), 0);
-  EXPECT_EQ(lockstep_project_wait(project, &cycle, &time_step, &stage), LOCKSTEP_PROJECT_ERROR);
-  EXPECT_EQ(std::string(lockstep_project_error(project)), dir.path().string() + "/go.dat is a FIFO, not a regular file");
   lockstep_project_close(project);
 }
 
