@@ -21,14 +21,6 @@ const std::string kLogCommand =
     "echo \"$1 $2 $3 | $LOCKSTEP_CYCLE $LOCKSTEP_TIME_STEP $LOCKSTEP_STAGE $LOCKSTEP_PROJECT_DIR\" "
     ">> \"$LOCKSTEP_PROJECT_DIR/agent.log\"";
 
-std::vector<std::string> agent(const std::filesystem::path& directory, const std::vector<std::string>& options,
-                               const std::string& shell_command) {
-  std::vector<std::string> argv = {LOCKSTEPCTL_BINARY, "agent", "--dir", directory.string()};
-  argv.insert(argv.end(), options.begin(), options.end());
-  argv.insert(argv.end(), {"--", "/bin/sh", "-c", shell_command, "sh"});
-  return argv;
-}
-
 // Every request of `cycles` cycles of `time_steps` time steps, as logged.
 std::string schedule(int cycles, int time_steps, const std::filesystem::path& directory) {
   std::string log;
@@ -48,25 +40,15 @@ TEST(AgentProgramTest, EveryRequestOnceAndInOrderWhateverTheAnswerSpeed) {
   RunTree tree;
   tree.projects(3, "true");
   tree.settings(2, 3, 3);
-  std::vector<std::unique_ptr<Background>> players;
-  for (const std::string delay : {"", "sleep 0.01; ", "case $3 in 2|5) sleep 0.03;; esac; "}) {
-    const int index = static_cast<int>(players.size());
-    players.push_back(std::make_unique<Background>(agent(tree.project(index), {"--last-cycle", "3"}, delay + kLogCommand),
-                                                   tree.run()));
-  }
+  Players players(tree);
+  const std::string delays[] = {"", "sleep 0.01; ", "case $3 in 2|5) sleep 0.03;; esac; "};
+  for (int index = 0; index <= 2; ++index) players.agent(index, {"--last-cycle", "3"}, delays[index] + kLogCommand);
   // Beside them a project of its own making, answering after random delays,
   // in place or by rename.
-  Players in_place(tree);
-  in_place.play(3, 3, 27, {"--random", "SEED"});
-
+  players.play(3, 3, 27, {"--random", "SEED"});
   const Exit exit = tree.lockstep();
   ASSERT_EQ(exit.status, 0) << exit.err;
-  for (auto& player : players) {
-    int status = -1;
-    ASSERT_TRUE(player->wait(std::chrono::seconds(60), &status));
-    EXPECT_EQ(status, 0);
-  }
-  in_place.finish();
+  players.finish();
   for (int index = 0; index <= 2; ++index) {
     EXPECT_EQ(read_file(tree.project(index) / "agent.log"), schedule(3, 2, tree.project(index)))
         << "project " << index;
@@ -77,17 +59,21 @@ class AgentAloneTest : public ::testing::Test {
  protected:
   // A project directory holding a pending request for cycle 1, time step 1,
   // stage 1.
-  AgentAloneTest() {
-    write_file(project() / "go2.dat", reset_record());
-    write_file(project() / "go.dat", stage_record(1, 1, 1));
-  }
+  AgentAloneTest() { hand_out(stage_record(1, 1, 1)); }
   std::filesystem::path project() const { return dir.path() / "main"; }
+  // As the driver does.
+  void hand_out(const std::string& record) {
+    write_file(project() / "go.dat", reset_record());
+    write_file(project() / "go2.dat", reset_record());
+    write_file(project() / "go.dat", record);
+  }
 
   TempDir dir;
 };
 
-// Started from the directory above, the command runs in the project's.
-TEST_F(AgentAloneTest, TheCommandRunsInTheProjectDirectoryAndAFailureLeavesItsRequestNotDone) {
+// Started from the directory above, the command runs in the project's. A
+// failure leaves its request not done, unless --done-on-failure.
+TEST_F(AgentAloneTest, WhereTheCommandRunsAndWhatItsFailureLeaves) {
   const Exit exit = run_program(agent(project(), {}, "pwd > where; exit 3"), dir.path());
   EXPECT_EQ(exit.status, 1);
   EXPECT_EQ(exit.err,
@@ -98,9 +84,7 @@ TEST_F(AgentAloneTest, TheCommandRunsInTheProjectDirectoryAndAFailureLeavesItsRe
 
   EXPECT_EQ(run_program(agent(project(), {"--command-dir", "."}, "pwd > where; exit 3"), dir.path()).status, 1);
   EXPECT_EQ(read_file(dir.path() / "where"), dir.path().string() + "\n");
-}
 
-TEST_F(AgentAloneTest, DoneOnFailureReportsAndSignalsStopIt) {
   Background served(agent(project(), {"--done-on-failure"}, "kill -9 $$"), dir.path());
   EXPECT_TRUE(wait_until([&] { return read_file(project() / "go2.dat") == "0\n"; }));
   // Now waiting for the next request: SIGTERM ends it cleanly.
@@ -117,23 +101,23 @@ TEST_F(AgentAloneTest, UsageAndHelp) {
     std::string first_line;  // of standard output when the status is 0, else of standard error
   };
   const Case cases[] = {
-      {{LOCKSTEPCTL_BINARY, "--help"}, 0, "usage: lockstepctl SUBCOMMAND [OPTIONS]"},
-      {{LOCKSTEPCTL_BINARY, "agent", "--help"}, 0, "lockstepctl agent [OPTIONS] -- COMMAND [ARGS...]"},
-      {{LOCKSTEPCTL_BINARY, "--version"}, 0, "lockstepctl " LOCKSTEP_VERSION},
-      {{LOCKSTEPCTL_BINARY, "report", "--version"}, 0, "lockstepctl " LOCKSTEP_VERSION},
-      {{LOCKSTEPCTL_BINARY, "check", "--frob"}, 2, "lockstepctl check: The following argument was not expected: --frob"},
-      {{LOCKSTEPCTL_BINARY, "record", "--", "lockstep"}, 2, "lockstepctl record: --output is required"},
-      {{LOCKSTEPCTL_BINARY}, 2, "lockstepctl: no subcommand given"},
-      {{LOCKSTEPCTL_BINARY, "frobnicate"}, 2, "lockstepctl: unknown subcommand \"frobnicate\""},
-      {{LOCKSTEPCTL_BINARY, "agent"}, 2, "lockstepctl agent: no command given after \"--\""},
-      {{LOCKSTEPCTL_BINARY, "agent", "--last-cycle", "0", "--", "true"}, 2,
-       "lockstepctl agent: --last-cycle: Value 0 not in range 1 to 2147483647"},
-      {{LOCKSTEPCTL_BINARY, "agent", "--dir", "nowhere", "--", "true"}, 1,
-       "lockstepctl agent: project directory nowhere: No such file or directory"},
+      {{"--help"}, 0, "usage: lockstepctl SUBCOMMAND [OPTIONS]"},
+      {{"agent", "--help"}, 0, "lockstepctl agent [OPTIONS] -- COMMAND [ARGS...]"},
+      {{"--version"}, 0, "lockstepctl " LOCKSTEP_VERSION},
+      {{"report", "--version"}, 0, "lockstepctl " LOCKSTEP_VERSION},
+      {{"check", "--frob"}, 2, "lockstepctl check: The following argument was not expected: --frob"},
+      {{"record", "--", "lockstep"}, 2, "lockstepctl record: --output is required"},
+      {{}, 2, "lockstepctl: no subcommand given"},
+      {{"frobnicate"}, 2, "lockstepctl: unknown subcommand \"frobnicate\""},
+      {{"agent"}, 2, "lockstepctl agent: no command given after \"--\""},
+      {{"agent", "--last-cycle", "0", "--", "true"}, 2, "lockstepctl agent: --last-cycle: Value 0 not in range 1 to 2147483647"},
+      {{"agent", "--dir", "nowhere", "--", "true"}, 1, "lockstepctl agent: project directory nowhere: No such file or directory"},
   };
   for (const Case& c : cases) {
-    const Exit exit = run_program(c.argv, dir.path());
-    EXPECT_EQ(exit.status, c.status) << c.argv.back();
+    std::vector<std::string> argv = {LOCKSTEPCTL_BINARY};
+    argv.insert(argv.end(), c.argv.begin(), c.argv.end());
+    const Exit exit = run_program(argv, dir.path());
+    EXPECT_EQ(exit.status, c.status) << argv.back();
     const std::string& stream = c.status == 0 ? exit.out : exit.err;
     EXPECT_EQ(stream.substr(0, stream.find('\n')), c.first_line);
   }
@@ -156,23 +140,18 @@ TEST_F(AgentAloneTest, ARequestServedAfterTheDriverMovedOnIsNotReportedDone) {
   for (const bool carry_on : {false, true}) {
     SCOPED_TRACE(carry_on ? "--carry-on" : "by default");
     for (const char* name : {"release", "started.1", "started.2", "agent.log"}) std::filesystem::remove(project() / name);
-    write_file(project() / "go2.dat", reset_record());
-    write_file(project() / "go.dat", stage_record(1, 1, 1));
+    hand_out(stage_record(1, 1, 1));
     std::vector<std::string> options = {"--last-cycle", "1"};
     if (carry_on) options.push_back("--carry-on");
     Exit exit;
     std::thread agent_run([&] { exit = run_program(agent(project(), options, kHeldCommand), dir.path()); });
     ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(project() / "started.1"); }));
-    write_file(project() / "go.dat", reset_record());
-    write_file(project() / "go2.dat", reset_record());
-    write_file(project() / "go.dat", stage_record(1, 1, 2));
+    hand_out(stage_record(1, 1, 2));
     write_file(project() / "release", "");
     if (carry_on) {
       // Serves the request pending now; the cycle end lets it stop.
       EXPECT_TRUE(wait_until([&] { return read_file(project() / "go2.dat") == "0\n"; }));
-      write_file(project() / "go.dat", reset_record());
-      write_file(project() / "go2.dat", reset_record());
-      write_file(project() / "go.dat", handshake::cycle_end_record(1));
+      hand_out(handshake::cycle_end_record(1));
     }
     agent_run.join();
     const std::string late = "lockstepctl agent: cycle 1, time step 1, stage 1 was served too late in " +
@@ -193,9 +172,7 @@ TEST_F(AgentAloneTest, ARequestThatComesBeforeTheLastOneServedIsRefused) {
   Exit exit;
   std::thread agent_run([&] { exit = run_program(agent(project(), {}, kLogCommand), dir.path()); });
   ASSERT_TRUE(wait_until([&] { return read_file(project() / "go2.dat") == "0\n"; }));
-  write_file(project() / "go.dat", reset_record());
-  write_file(project() / "go2.dat", reset_record());
-  write_file(project() / "go.dat", stage_record(1, 1, 1));
+  hand_out(stage_record(1, 1, 1));
   agent_run.join();
   EXPECT_EQ(exit.status, 3);
   EXPECT_EQ(exit.err, "lockstepctl agent: the driver asks for cycle 1, time step 1, stage 1, which does not come "

@@ -4,9 +4,6 @@
 //   fake_project DIR LOG REQUESTS [--rename] [--random SEED]
 // It ends after REQUESTS requests. --random answers each request after 0 to
 // 2 ms and reports done in place or by rename, at random.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -20,22 +17,14 @@
 namespace {
 
 std::string read_all(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream content;
-  content << in.rdbuf();
+  content << std::ifstream(path, std::ios::binary).rdbuf();
   return content.str();
 }
 
-bool first_integer(const std::string& text, long& value) {
-  char* end = nullptr;
-  value = std::strtol(text.c_str(), &end, 10);
-  return end != text.c_str();
-}
-
 void write_in_place(const std::string& path, const std::string& content) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
-  if (fd < 0 || write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size())) std::exit(3);
-  close(fd);
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  if (!(out << content).flush()) std::exit(3);
 }
 
 }  // namespace
@@ -45,8 +34,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: fake_project DIR LOG REQUESTS [--rename] [--random SEED]\n");
     return 2;
   }
-  const std::string directory = argv[1];
-  const std::string log = argv[2];
+  const std::string go = std::string(argv[1]) + "/go.dat";
+  const std::string go2 = std::string(argv[1]) + "/go2.dat";
   const long requests = std::strtol(argv[3], nullptr, 10);
   bool by_rename = false;
   bool random = false;
@@ -58,37 +47,27 @@ int main(int argc, char** argv) {
       generator.seed(static_cast<unsigned>(std::strtoul(argv[++i], nullptr, 10)));
     }
   }
-  const std::string done = "0\n";
   std::uniform_int_distribution<int> delay_us(0, 2000);
   std::bernoulli_distribution coin;
-  const std::string go = directory + "/go.dat";
-  const std::string go2 = directory + "/go2.dat";
-
   for (long served = 0; served < requests;) {
-    long reset = 0;
-    long command = 0;
     // go2.dat first: the driver resets go.dat before go2.dat, so once go2.dat
     // holds the reset, go.dat holds the reset or the new request, never the
     // request already served.
     const std::string done_file = read_all(go2);
     const std::string request = read_all(go);
-    if (first_integer(done_file, reset) && reset == -1000 && !request.empty() && request.back() == '\n' &&
-        first_integer(request, command) && command == 1) {
-      std::ofstream(log, std::ios::app | std::ios::binary) << request;
-      if (random) {
-        std::this_thread::sleep_for(std::chrono::microseconds(delay_us(generator)));
-        by_rename = coin(generator);
-      }
-      if (by_rename) {
-        write_in_place(go2 + ".tmp", done);
-        if (std::rename((go2 + ".tmp").c_str(), go2.c_str()) != 0) return 3;
-      } else {
-        write_in_place(go2, done);
-      }
-      ++served;
-    } else {
+    if (std::atol(done_file.c_str()) != -1000 || request.empty() || request.back() != '\n' ||
+        std::atol(request.c_str()) != 1) {
       std::this_thread::sleep_for(std::chrono::microseconds(200));
+      continue;
     }
+    std::ofstream(argv[2], std::ios::app | std::ios::binary) << request;
+    if (random) {
+      std::this_thread::sleep_for(std::chrono::microseconds(delay_us(generator)));
+      by_rename = coin(generator);
+    }
+    write_in_place(by_rename ? go2 + ".tmp" : go2, "0\n");
+    if (by_rename && std::rename((go2 + ".tmp").c_str(), go2.c_str()) != 0) return 3;
+    ++served;
   }
   return 0;
 }

@@ -31,11 +31,8 @@ class RecordTest : public ::testing::Test {
   // main and sub2 answer at once; sub1 takes 20 ms.
   void start_agents() {
     for (int index = 0; index <= 2; ++index) {
-      const std::string command = std::string(index == 1 ? "sleep 0.02; " : "") + "echo \"$1 $2 $3\" >> agent.log";
-      agents.push_back(std::make_unique<Background>(
-          std::vector<std::string>{LOCKSTEPCTL_BINARY, "agent", "--dir", tree.project(index).string(), "--last-cycle",
-                                   std::to_string(cycles_), "--", "/bin/sh", "-c", command, "sh"},
-          tree.run()));
+      players.agent(index, {"--last-cycle", std::to_string(cycles_)},
+                    std::string(index == 1 ? "sleep 0.02; " : "") + "echo \"$1 $2 $3\" >> agent.log");
     }
   }
 
@@ -46,7 +43,7 @@ class RecordTest : public ::testing::Test {
   }
 
   RunTree tree;
-  std::vector<std::unique_ptr<Background>> agents;
+  Players players{tree};
   int cycles_;
 };
 
@@ -75,8 +72,6 @@ void expect_complete(const json& report, bool attached = false) {
   EXPECT_GE(median, 0.020);
   EXPECT_GT(extra, 0.015);
   EXPECT_LT(extra, 0.060);
-  ::testing::Test::RecordProperty("sub1_median_us", static_cast<int>(median * 1e6));
-  ::testing::Test::RecordProperty("sub1_extra_us", static_cast<int>(extra * 1e6));
 }
 
 // sub2's interaction program is missing: the shell says so before every

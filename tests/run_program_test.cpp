@@ -1,4 +1,4 @@
-// The driver stepping run trees whose projects are played by fake_project.
+// The driver stepping run trees, from start-up to the end of the run.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -52,52 +52,72 @@ TEST(RunProgramTest, TwoCyclesOfOneTimeStepWithTwelveSubProjects) {
   }
 }
 
-// Runs that end at start-up or after one cycle end: nothing asked of the
-// projects but what the schedule holds, the interaction files read first.
-TEST(StartUpTest, EmptySchedulesAndUnreadableInteractionFiles) {
+// Runs that end at start-up or after one cycle end: settings refused, an
+// empty schedule, an interaction file that cannot be read. Nothing is asked
+// of the projects beyond the schedule.
+TEST(StartUpTest, RefusedSettingsEmptySchedulesAndUnreadableInteractionFiles) {
   struct Case {
     const char* name;
-    int time_step, cycle_num;
-    std::function<void(RunTree&)> plant;
+    std::string settings;  // "<none>": no file; "<directory>": a directory in its place
     int status;
-    std::string first_error;  // "%s" stands for the failing interaction file's full path
+    std::string err;  // its first line, or all of it when it has several; "%s": the run directory's full path
     std::string out = {};
+    std::function<void(RunTree&)> plant = [](RunTree&) {};
     std::string go = {};  // main's, "" when none was written
   };
-  const auto interaction = [](RunTree& t) { return t.project(1) / "CalculateInteraction.dat"; };
+  const auto schedule = [](int time_step, int cycle_num) {
+    return "time_step=\n" + std::to_string(time_step) + "\ncycle_num=\n" + std::to_string(cycle_num) +
+           "\nnum_subprojects=\n2\n";
+  };
+  const std::string settings_file = " unit 23, file %s/analysis_settings.dat";
+  const std::string interaction_file = " unit 10, file %s/../sub1/CalculateInteraction.dat";
   const Case cases[] = {
-      {"no cycles", 1, 0, [](RunTree&) {}, 0, ""},
-      {"negative cycles", 1, -3, [](RunTree&) {}, 0, ""},
-      {"time step -1", -1, 5, [](RunTree&) {}, 0, ""},
-      {"one cycle end, not waited for", 0, 1, [](RunTree&) {}, 0, "", progress(1, 1, 1), cycle_end_record(1)},
-      {"no cycles, sub 2's directory missing", 1, 0, [](RunTree& t) { std::filesystem::remove_all(t.project(2)); },
-       29, "recio: severe (29): file not found, unit 10, file %s/../sub2/CalculateInteraction.dat"},
-      {"interaction file missing", 1, 1, [&](RunTree& t) { std::filesystem::remove(interaction(t)); }, 24,
-       "recio: severe (24): end-of-file during read, unit 10, file %s/../sub1/CalculateInteraction.dat"},
-      {"project directory is a file", 1, 1,
+      {"settings missing", "<none>", 24,
+       "recio: severe (24): end-of-file during read," + settings_file +
+           "\n    in fixed-width text read, record 1\n    in settings reader, key \"time_step=\"\n    in run start-up\n"},
+      {"key past the search limit", "cycle_num=\n1\nnum_subprojects=\n0\n" + std::string(20000, '\n'), 0, "",
+       " Parameter reading failed!\n"},
+      {"malformed value", "time_step=\n4.0\n", 59, "recio: severe (59): list-directed I/O syntax error," + settings_file},
+      {"settings a directory", "<directory>", 30, "recio: severe (30): open failure," + settings_file},
+      {"more than 100 sub projects", "time_step=\n1\ncycle_num=\n1\nnum_subprojects=\n101\n", 2,
+       "lockstep: num_subprojects is 101 in analysis_settings.dat; the limit is 100\n"},
+      {"no cycles", schedule(1, 0), 0, ""},
+      {"negative cycles", schedule(1, -3), 0, ""},
+      {"time step -1", schedule(-1, 5), 0, ""},
+      {"one cycle end, not waited for", schedule(0, 1), 0, "", progress(1, 1, 1), [](RunTree&) {}, cycle_end_record(1)},
+      {"no cycles, sub 2's directory missing", schedule(1, 0), 29,
+       "recio: severe (29): file not found, unit 10, file %s/../sub2/CalculateInteraction.dat", "",
+       [](RunTree& t) { std::filesystem::remove_all(t.project(2)); }},
+      {"interaction file missing", schedule(1, 1), 24, "recio: severe (24): end-of-file during read," + interaction_file,
+       "", [](RunTree& t) { std::filesystem::remove(t.project(1) / "CalculateInteraction.dat"); }},
+      {"project directory is a file", schedule(1, 1), 43,
+       "recio: severe (43): file name specification error," + interaction_file, "",
        [](RunTree& t) {
          std::filesystem::remove_all(t.project(1));
          write_file(t.project(1), "");
-       },
-       43, "recio: severe (43): file name specification error, unit 10, file %s/../sub1/CalculateInteraction.dat"},
+       }},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     RunTree tree;
     tree.projects(2);
-    tree.settings(c.time_step, c.cycle_num, 2);
+    if (c.settings == "<directory>") {
+      std::filesystem::create_directory(tree.run() / "analysis_settings.dat");
+    } else if (c.settings != "<none>") {
+      tree.settings(c.settings);
+    }
     c.plant(tree);
     const Exit exit = tree.lockstep();
     EXPECT_EQ(exit.status, c.status);
-    std::string first_error = c.first_error;
-    if (const auto at = first_error.find("%s"); at != std::string::npos) {
-      first_error.replace(at, 2, std::filesystem::canonical(tree.run()).string());
+    std::string err = c.err;
+    if (const auto at = err.find("%s"); at != std::string::npos) {
+      err.replace(at, 2, std::filesystem::canonical(tree.run()).string());
     }
-    EXPECT_EQ(exit.first_error_line(), first_error);
+    EXPECT_EQ(err.find('\n') == std::string::npos ? exit.first_error_line() : exit.err, err);
     EXPECT_EQ(exit.out, c.out);
+    EXPECT_TRUE(std::filesystem::exists(tree.run() / "analysis_settings.dat"));  // created when missing
     EXPECT_EQ(read_file(tree.project(0) / "go.dat"), c.go);
     EXPECT_EQ(read_file(tree.project(0) / "go2.dat"), c.go.empty() ? "0\n" : reset_record());
-    EXPECT_FALSE(std::filesystem::exists(tree.run() / "launches.log"));
   }
 }
 

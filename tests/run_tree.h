@@ -79,8 +79,18 @@ class RunTree {
   TempDir root_;
 };
 
-// fake_project playing projects of a tree, each logging the requests it
-// served to requests.log in its directory.
+// lockstepctl agent serving `directory` with a shell command; its
+// arguments are the request's numbers.
+inline std::vector<std::string> agent(const std::filesystem::path& directory, const std::vector<std::string>& options,
+                                      const std::string& shell_command) {
+  std::vector<std::string> argv = {LOCKSTEPCTL_BINARY, "agent", "--dir", directory.string()};
+  argv.insert(argv.end(), options.begin(), options.end());
+  argv.insert(argv.end(), {"--", "/bin/sh", "-c", shell_command, "sh"});
+  return argv;
+}
+
+// The projects of a tree played by fake_project, each logging the requests
+// it served to requests.log in its directory, or served by agents.
 class Players {
  public:
   explicit Players(const RunTree& tree) : tree_(tree) {}
@@ -96,12 +106,15 @@ class Players {
       players_.push_back(std::make_unique<Background>(argv, tree_.run()));
     }
   }
+  void agent(int index, const std::vector<std::string>& options, const std::string& shell_command) {
+    players_.push_back(std::make_unique<Background>(testing::agent(tree_.project(index), options, shell_command), tree_.run()));
+  }
 
-  // Every player has served all its requests and ended.
+  // Every player has ended by itself, with status 0.
   void finish() {
     for (auto& player : players_) {
       int status = -1;
-      ASSERT_TRUE(player->wait(std::chrono::seconds(120), &status));
+      ASSERT_TRUE(player->wait(kStall, &status));
       EXPECT_EQ(status, 0);
     }
   }
