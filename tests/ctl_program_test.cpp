@@ -53,106 +53,93 @@ class CheckTest : public ::testing::Test, protected GoodTree {};
 // first megabytes of an endless file would take.
 constexpr long kMemoryBoundKib = 400 * 1024;
 
+// Puts `content` at `path`: "<missing>" removes what is there, "<fifo>"
+// makes a FIFO, "<directory>" a directory, "-> TARGET" a symbolic link,
+// "<not executable>" leaves the file readable only.
+void plant(const std::filesystem::path& path, const std::string& content) {
+  if (content == "<not executable>") return std::filesystem::permissions(path, std::filesystem::perms::owner_read);
+  std::filesystem::remove_all(path);
+  if (content == "<fifo>") {
+    ASSERT_EQ(mkfifo(path.c_str(), 0666), 0);
+  } else if (content == "<directory>") {
+    std::filesystem::create_directory(path);
+  } else if (content.rfind("-> ", 0) == 0) {
+    std::filesystem::create_symlink(content.substr(3), path);
+  } else if (content != "<missing>") {
+    write_file(path, content);
+  }
+}
+
 TEST_F(CheckTest, EachPlantedFaultIsNamedWithItsFixAndNothingChanges) {
   struct Case {
     const char* name;
-    std::function<void(RunTree&)> plant;
+    std::string path;  // in the tree
+    std::string content;
     std::string line;  // of the report; {root} is the tree, {real} the tree with links resolved
     int problems = 1;
   };
-  const auto sub = [](RunTree& t, int index) { return t.project(index); };
-  const auto fifo = [](const std::filesystem::path& path) {
-    std::filesystem::remove(path);
-    ASSERT_EQ(mkfifo(path.c_str(), 0666), 0);
-  };
-  const auto zero = [](const std::filesystem::path& path) {
-    std::filesystem::remove(path);
-    std::filesystem::create_symlink("/dev/zero", path);
-  };
+  const std::string settings = "run/analysis_settings.dat";
+  const std::string fix = "'lockstepctl check --fix'";
   const Case cases[] = {
-      {"nothing planted", [](RunTree&) {}, "ready: 3 projects, no problems", 0},
-      {"settings missing", [](RunTree& t) { std::filesystem::remove(t.run() / "analysis_settings.dat"); },
-       "  analysis_settings.dat is missing"},
-      {"settings malformed", [](RunTree& t) { t.settings("time_step=\nabc\ncycle_num=\n1\nnum_subprojects=\n0\n"); },
+      {"nothing planted", "", "", "ready: 3 projects, no problems", 0},
+      {"settings missing", settings, "<missing>", "  analysis_settings.dat is missing"},
+      {"settings malformed", settings, "time_step=\nabc\ncycle_num=\n1\nnum_subprojects=\n0\n",
        "  analysis_settings.dat: key \"time_step=\": line 2 holds no integer"},
-      {"key missing", [](RunTree& t) { t.settings("time_step=\n1\nnum_subprojects=\n2\n"); },
+      {"key missing", settings, "time_step=\n1\nnum_subprojects=\n2\n",
        "  analysis_settings.dat: key \"cycle_num=\" not found (the file ends at line 4)"},
-      {"too many sub projects", [](RunTree& t) { t.settings(3, 2, 101); }, "  num_subprojects is 101; the limit is 100"},
-      {"negative sub projects", [](RunTree& t) { t.settings(3, 2, -1); },
+      {"too many sub projects", settings, settings_text(3, 2, 101), "  num_subprojects is 101; the limit is 100"},
+      {"negative sub projects", settings, settings_text(3, 2, -1),
        "  num_subprojects is -1, below 0: write 0 for the main project alone"},
-      {"no cycles", [](RunTree& t) { t.settings(3, 0, 2); },
+      {"no cycles", settings, settings_text(3, 0, 2),
        "  cycle_num is 0: lockstep would run no stage; write the number of cycles, 1 or more"},
-      {"negative time steps", [](RunTree& t) { t.settings(-5, 2, 2); },
+      {"negative time steps", settings, settings_text(-5, 2, 2),
        "  time_step is -5: lockstep would run no stage; write the number of time steps per cycle, 0 or more"},
-      {"settings a FIFO", [&](RunTree& t) { fifo(t.run() / "analysis_settings.dat"); },
+      {"settings a FIFO", settings, "<fifo>",
        "  analysis_settings.dat is a FIFO, not a regular file: replace it with one (rm {root}/run/analysis_settings.dat)"},
-      {"project directory missing", [&](RunTree& t) { std::filesystem::remove_all(sub(t, 2)); },
-       "sub2: project directory ../sub2/ is missing"},
-      {"interaction file missing",
-       [&](RunTree& t) { std::filesystem::remove(sub(t, 1) / "CalculateInteraction.dat"); },
-       "sub1: CalculateInteraction.dat is missing"},
-      {"interaction file empty", [&](RunTree& t) { write_file(sub(t, 1) / "CalculateInteraction.dat", ""); },
-       "sub1: CalculateInteraction.dat is empty"},
-      {"interaction file a FIFO", [&](RunTree& t) { fifo(sub(t, 1) / "CalculateInteraction.dat"); },
+      {"project directory missing", "sub2", "<missing>", "sub2: project directory ../sub2/ is missing"},
+      {"interaction file missing", "sub1/CalculateInteraction.dat", "<missing>", "sub1: CalculateInteraction.dat is missing"},
+      {"interaction file empty", "sub1/CalculateInteraction.dat", "", "sub1: CalculateInteraction.dat is empty"},
+      {"interaction file a FIFO", "sub1/CalculateInteraction.dat", "<fifo>",
        "sub1: CalculateInteraction.dat is a FIFO, not a regular file: replace it with a file whose first line "
        "names the program (rm {root}/sub1/CalculateInteraction.dat)"},
-      {"first line too long",
-       [&](RunTree& t) {
-         write_file(sub(t, 1) / "CalculateInteraction.dat", std::string(30, 'a') + "b.sh\n");
-         write_file(sub(t, 1) / std::string(30, 'a'), "");
-         make_executable(sub(t, 1) / std::string(30, 'a'));
-       },
+      {"first line too long", "sub1/CalculateInteraction.dat", std::string(30, 'a') + "b.sh\n",
        "sub1: the first line of CalculateInteraction.dat is longer than 30 characters; lockstep runs \"" +
-           std::string(30, 'a') + "\""},
-      {"program missing", [&](RunTree& t) { std::filesystem::remove(sub(t, 1) / "step.sh"); },
-       "sub1: program ../sub1/step.sh is missing"},
-      {"program not executable",
-       [&](RunTree& t) { std::filesystem::permissions(sub(t, 0) / "step.sh", std::filesystem::perms::owner_read); },
-       "main: program ../main/step.sh is not executable"},
-      {"shell specials",
-       [&](RunTree& t) {
-         write_file(sub(t, 2) / "CalculateInteraction.dat", "step$1.sh\n");
-         std::filesystem::rename(sub(t, 2) / "step.sh", sub(t, 2) / "step$1.sh");
-       },
-       "sub2: the program name \"step$1.sh\" holds characters the shell treats specially (\" $ ` \\)"},
-      {"go2.dat missing", [&](RunTree& t) { std::filesystem::remove(sub(t, 1) / "go2.dat"); },
-       "sub1: go2.dat is missing: run 'lockstepctl check --fix' to create it reporting done"},
-      {"go2.dat garbage", [&](RunTree& t) { write_file(sub(t, 1) / "go2.dat", "busy\n"); },
-       "sub1: go2.dat holds no integer"},
-      {"go2.dat empty", [&](RunTree& t) { write_file(sub(t, 2) / "go2.dat", ""); },
-       "sub2: go2.dat is empty, as a killed lockstep leaves it: lockstep would wait for it forever; run "
-       "'lockstepctl check --fix'"},
-      {"go2.dat a FIFO", [&](RunTree& t) { fifo(sub(t, 1) / "go2.dat"); },
-       "sub1: go2.dat is a FIFO, not a regular file: remove it (rm {root}/sub1/go2.dat) and run 'lockstepctl check "
-       "--fix'"},
-      {"go2.dat a device", [&](RunTree& t) { zero(sub(t, 1) / "go2.dat"); },
+           std::string(30, 'a') + "\"",
+       2},
+      {"program missing", "sub1/step.sh", "<missing>", "sub1: program ../sub1/step.sh is missing"},
+      {"program not executable", "main/step.sh", "<not executable>", "main: program ../main/step.sh is not executable"},
+      {"shell specials", "sub2/CalculateInteraction.dat", "step$1.sh\n",
+       "sub2: the program name \"step$1.sh\" holds characters the shell treats specially (\" $ ` \\)", 2},
+      {"go2.dat missing", "sub1/go2.dat", "<missing>", "sub1: go2.dat is missing: run " + fix + " to create it reporting done"},
+      {"go2.dat garbage", "sub1/go2.dat", "busy\n", "sub1: go2.dat holds no integer"},
+      {"go2.dat empty", "sub2/go2.dat", "",
+       "sub2: go2.dat is empty, as a killed lockstep leaves it: lockstep would wait for it forever; run " + fix},
+      {"go2.dat a FIFO", "sub1/go2.dat", "<fifo>",
+       "sub1: go2.dat is a FIFO, not a regular file: remove it (rm {root}/sub1/go2.dat) and run " + fix},
+      {"go2.dat a device", "sub1/go2.dat", "-> /dev/zero",
        "sub1: go2.dat is a symbolic link to /dev/zero, outside the run tree: lockstep would overwrite that file; "
        "replace the link with a regular file (rm {root}/sub1/go2.dat)",
        2},
-      {"go.dat a directory", [&](RunTree& t) { std::filesystem::create_directory(sub(t, 2) / "go.dat"); },
+      {"go.dat a directory", "sub2/go.dat", "<directory>",
        "sub2: go.dat is a directory, not a regular file: remove it (rmdir {root}/sub2/go.dat)"},
-      {"go.dat linked out of the tree",
-       [&](RunTree& t) {
-         write_file(t.run() / "../elsewhere.dat", "");
-         std::filesystem::create_symlink("../elsewhere.dat", sub(t, 0) / "go.dat");
-       },
+      {"go.dat linked out of the tree", "main/go.dat", "-> ../elsewhere.dat",
        "main: go.dat is a symbolic link to {real}/elsewhere.dat, outside the run tree: lockstep would overwrite "
        "that file; replace the link with a regular file (rm {root}/main/go.dat)"},
-      {"go.dat linked within the tree",
-       [&](RunTree& t) { std::filesystem::create_symlink("../run/main-go.dat", sub(t, 0) / "go.dat"); },
+      {"go.dat linked within the tree", "main/go.dat", "-> ../run/main-go.dat",
        "main: warning: go.dat is a symbolic link to {real}/run/main-go.dat: lockstep writes through it", 0},
-      {"first stage would wait", [&](RunTree& t) { write_file(sub(t, 1) / "go2.dat", reset_record()); },
+      {"first stage would wait", "sub1/go2.dat", reset_record(),
        "the done values add up to -1000, not 0: the first stage would wait; not done: ../sub1/ (-1000); after a "
-       "crash, run 'lockstepctl check --fix' to report them done"},
-      {"request left in go.dat", [&](RunTree& t) { write_file(sub(t, 2) / "go.dat", stage_record(1, 2, 3)); },
+       "crash, run " + fix + " to report them done"},
+      {"request left in go.dat", "sub2/go.dat", stage_record(1, 2, 3),
        "sub2: go.dat holds a request from an earlier run (cycle 1, time step 2, stage 3): a project started before "
        "lockstep would serve it again; remove it (rm {root}/sub2/go.dat)"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     GoodTree fresh;
-    c.plant(fresh.tree);
     const std::filesystem::path root = fresh.tree.run().parent_path();
+    write_file(root / "elsewhere.dat", "");
+    if (!c.path.empty()) plant(root / c.path, c.content);
     std::string line = c.line;
     for (const auto& [name, value] : {std::pair{std::string("{root}"), std::filesystem::absolute(root).string()},
                                       std::pair{std::string("{real}"), std::filesystem::canonical(root).string()}}) {
@@ -301,45 +288,33 @@ TEST(StatusTest, StoppedCompleteAndHugeRuns) {
 // says what is wrong, in bounded time and memory.
 TEST(HostileFilesTest, NoToolBlocksOrRunsOutOfMemory) {
   struct Case {
-    const char* name;
-    std::string file;                // relative to the tree
-    bool fifo;                       // else a link to /dev/zero
-    std::vector<std::string> argv;   // run in run/
+    std::string path;  // in the tree
+    std::string content;
+    std::vector<std::string> argv;  // run in run/
     int status;
-    std::string text;                // in standard output or error
+    std::string text;  // in standard output or error
   };
-  const std::string check = LOCKSTEPCTL_BINARY;
-  const auto agent = [](const std::string& more) {
-    return std::vector<std::string>{LOCKSTEPCTL_BINARY, "agent", "--dir", "../main", "--", "sh", "-c", more};
-  };
+  const std::vector<std::string> status = {LOCKSTEPCTL_BINARY, "status"};
   const Case cases[] = {
-      {"status, go.dat a FIFO", "main/go.dat", true, {check, "status"}, 0,
-       "request: none yet (../main/go.dat holds no request)"},
-      {"status, go2.dat a device", "main/go2.dat", false, {check, "status"}, 0, "main    ?       go2.dat is a character device"},
-      {"status, settings a FIFO", "run/analysis_settings.dat", true, {check, "status"}, 1,
-       "settings: analysis_settings.dat is a FIFO"},
-      {"agent, go.dat a device", "main/go.dat", false, agent("true"), 1,
+      {"main/go.dat", "<fifo>", status, 0, "request: none yet (../main/go.dat holds no request)"},
+      {"main/go2.dat", "-> /dev/zero", status, 0, "main    ?       go2.dat is a character device"},
+      {"run/analysis_settings.dat", "<fifo>", status, 1, "settings: analysis_settings.dat is a FIFO"},
+      {"main/go.dat", "-> /dev/zero", agent("../main", {}, "true"), 1,
        "lockstepctl agent: ../main/go.dat is a character device, not a regular file\n"},
-      {"driver, settings a device", "run/analysis_settings.dat", false, {LOCKSTEP_BINARY}, 39,
+      {"run/analysis_settings.dat", "-> /dev/zero", {LOCKSTEP_BINARY}, 39,
        "recio: severe (39): error during read, unit 23, file "},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.path + " " + c.content + " for " + c.argv.back());
     RunTree tree;
     tree.projects(0);
     tree.settings(1, 1, 0);
     write_file(tree.project(0) / "go.dat", stage_record(1, 1, 1));
     write_file(tree.project(0) / "go2.dat", reset_record());
-    const auto path = tree.run().parent_path() / c.file;
-    std::filesystem::remove(path);
-    if (c.fifo) {
-      ASSERT_EQ(mkfifo(path.c_str(), 0666), 0);
-    } else {
-      std::filesystem::create_symlink("/dev/zero", path);
-    }
+    plant(tree.run().parent_path() / c.path, c.content);
     const Exit exit = run_program(c.argv, tree.run());
     EXPECT_EQ(exit.status, c.status) << exit.out << exit.err;
-    EXPECT_NE((exit.out + exit.err).find(c.text), std::string::npos) << exit.out << exit.err;
+    EXPECT_THAT(exit.out + exit.err, HasSubstr(c.text));
     EXPECT_LT(exit.max_rss_kib, kMemoryBoundKib);
   }
 }

@@ -65,10 +65,7 @@ TEST(StartUpTest, RefusedSettingsEmptySchedulesAndUnreadableInteractionFiles) {
     std::function<void(RunTree&)> plant = [](RunTree&) {};
     std::string go = {};  // main's, "" when none was written
   };
-  const auto schedule = [](int time_step, int cycle_num) {
-    return "time_step=\n" + std::to_string(time_step) + "\ncycle_num=\n" + std::to_string(cycle_num) +
-           "\nnum_subprojects=\n2\n";
-  };
+  const auto schedule = [](int time_step, int cycle_num) { return settings_text(time_step, cycle_num, 2); };
   const std::string settings_file = " unit 23, file %s/analysis_settings.dat";
   const std::string interaction_file = " unit 10, file %s/../sub1/CalculateInteraction.dat";
   const Case cases[] = {
@@ -79,7 +76,7 @@ TEST(StartUpTest, RefusedSettingsEmptySchedulesAndUnreadableInteractionFiles) {
        " Parameter reading failed!\n"},
       {"malformed value", "time_step=\n4.0\n", 59, "recio: severe (59): list-directed I/O syntax error," + settings_file},
       {"settings a directory", "<directory>", 30, "recio: severe (30): open failure," + settings_file},
-      {"more than 100 sub projects", "time_step=\n1\ncycle_num=\n1\nnum_subprojects=\n101\n", 2,
+      {"more than 100 sub projects", settings_text(1, 1, 101), 2,
        "lockstep: num_subprojects is 101 in analysis_settings.dat; the limit is 100\n"},
       {"no cycles", schedule(1, 0), 0, ""},
       {"negative cycles", schedule(1, -3), 0, ""},

@@ -30,19 +30,21 @@ inline std::string all_requests(int cycles, int time_steps) {
   return all;
 }
 
+// analysis_settings.dat holding these values.
+inline std::string settings_text(int time_step, int cycle_num, int num_subprojects) {
+  return "time_step=\n" + std::to_string(time_step) + "\ncycle_num=\n" + std::to_string(cycle_num) +
+         "\nnum_subprojects=\n" + std::to_string(num_subprojects) + "\n";
+}
+
 class RunTree {
  public:
   std::filesystem::path run() const { return root_.path() / "run"; }
   std::filesystem::path project(int index) const {
     return root_.path() / (index == 0 ? std::string("main") : "sub" + std::to_string(index));
   }
-  // The settings file as the driver's diagnostics name it.
-  std::string settings_path() const { return (std::filesystem::canonical(run()) / "analysis_settings.dat").string(); }
-
   void settings(const std::string& content) { write_file(run() / "analysis_settings.dat", content); }
   void settings(int time_step, int cycle_num, int num_subprojects) {
-    settings("time_step=\n" + std::to_string(time_step) + "\ncycle_num=\n" + std::to_string(cycle_num) +
-             "\nnum_subprojects=\n" + std::to_string(num_subprojects) + "\n");
+    settings(settings_text(time_step, cycle_num, num_subprojects));
   }
 
   // Project directories 0 to `last`, each with its interaction record and a
