@@ -53,23 +53,6 @@ class CheckTest : public ::testing::Test, protected GoodTree {};
 // first megabytes of an endless file would take.
 constexpr long kMemoryBoundKib = 400 * 1024;
 
-// Puts `content` at `path`: "<missing>" removes what is there, "<fifo>"
-// makes a FIFO, "<directory>" a directory, "-> TARGET" a symbolic link,
-// "<not executable>" leaves the file readable only.
-void plant(const std::filesystem::path& path, const std::string& content) {
-  if (content == "<not executable>") return std::filesystem::permissions(path, std::filesystem::perms::owner_read);
-  std::filesystem::remove_all(path);
-  if (content == "<fifo>") {
-    ASSERT_EQ(mkfifo(path.c_str(), 0666), 0);
-  } else if (content == "<directory>") {
-    std::filesystem::create_directory(path);
-  } else if (content.rfind("-> ", 0) == 0) {
-    std::filesystem::create_symlink(content.substr(3), path);
-  } else if (content != "<missing>") {
-    write_file(path, content);
-  }
-}
-
 TEST_F(CheckTest, EachPlantedFaultIsNamedWithItsFixAndNothingChanges) {
   struct Case {
     const char* name;

@@ -45,23 +45,6 @@ TEST(FaultTest, ProjectDirectoryRemovedAndRestoredLosesNothing) {
   }
 }
 
-TEST(FaultTest, InteractionProgramsThatCrashHangOrAreMissing) {
-  RunTree tree;
-  tree.projects(2);
-  tree.launch_script(0, "#!/bin/sh\nkill -SEGV $$\n");
-  tree.launch_script(1, "#!/bin/sh\n[ \"$4\" = 2 ] && sleep 0.3\nexit 7\n");
-  write_file(tree.project(2) / "CalculateInteraction.dat", "missing.sh\n");
-  tree.settings(2, 2, 2);
-  Players players(tree);
-  players.play(0, 2, 18);
-  const Exit exit = tree.lockstep();
-  ASSERT_EQ(exit.status, 0) << exit.err;
-  players.finish();
-  for (int index = 0; index <= 2; ++index) {
-    EXPECT_EQ(read_file(tree.project(index) / "requests.log"), all_requests(2, 2)) << "project " << index;
-  }
-}
-
 TEST(FaultTest, SettingsAndInteractionFilesChangedDuringTheRunHaveNoEffect) {
   RunTree tree;
   tree.projects(1);

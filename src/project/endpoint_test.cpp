@@ -27,26 +27,16 @@ TEST(GoRecordParseTest, OnlyCompleteDriverRecordsCount) {
     Kind kind;
   };
   const Case cases[] = {
-      {stage_record(3, 12, 2), Kind::kRequest},
-      {cycle_end_record(25), Kind::kRequest},
-      {reset_record(), Kind::kReset},
-      {"1 2 3 4\r\n", Kind::kRequest},
-      {"0 0 0 0\n", Kind::kOther},
-      {"", Kind::kIncomplete},
-      {" 1            3", Kind::kIncomplete},
-      {"0\n", Kind::kMalformed},
-      {"1 2 3\n", Kind::kMalformed},
-      {"1 2 3 4 5\n", Kind::kMalformed},
-      {"1 2 x 4\n", Kind::kMalformed},
-      {"1 2 3 99999999999\n", Kind::kMalformed},
+      {stage_record(3, 12, 2), Kind::kRequest}, {cycle_end_record(25), Kind::kRequest}, {reset_record(), Kind::kReset},
+      {"1 2 3 4\r\n", Kind::kRequest},          {"0 0 0 0\n", Kind::kOther},            {"", Kind::kIncomplete},
+      {" 1            3", Kind::kIncomplete},   {"0\n", Kind::kMalformed},              {"1 2 3\n", Kind::kMalformed},
+      {"1 2 3 4 5\n", Kind::kMalformed},        {"1 2 x 4\n", Kind::kMalformed},        {"1 2 3 99999999999\n", Kind::kMalformed},
   };
   for (const Case& c : cases) EXPECT_EQ(parse_go_record(c.content).kind, c.kind) << '"' << c.content << '"';
   const Request end = parse_go_record(cycle_end_record(25)).request;
-  EXPECT_TRUE(end.cycle_end());
-  EXPECT_EQ(end.cycle, 25);
   const Request stage = parse_go_record(stage_record(3, 12, 2)).request;
-  EXPECT_FALSE(stage.cycle_end());
-  EXPECT_EQ(stage.time_step, 12);
+  EXPECT_EQ(describe(end) + "; " + describe(stage), "the cycle-end request of cycle 25; cycle 3, time step 12, stage 2");
+  EXPECT_TRUE(end.cycle_end() && !stage.cycle_end());
 }
 
 TEST(EndpointTest, ActsOnlyOnARequestAfterTheResetAndReportsByRename) {
@@ -170,33 +160,23 @@ TEST(EndpointTest, NothingIsReportedDoneOnceTheDriverHasMovedOn) {
 }
 
 TEST(EndpointTest, GoFilesThatHoldNoRequestAreErrors) {
-  struct Case {
-    const char* name;
-    std::function<void(const std::filesystem::path&)> plant;
-    std::string error;
+  const std::pair<std::string, std::string> cases[] = {
+      {"<fifo>", "/go.dat is a FIFO, not a regular file"},
+      {"-> /dev/zero", "/go.dat is a character device, not a regular file"},
+      {"<directory>", "/go.dat is a directory, not a regular file"},
+      {std::string(1 << 20, ' '), "/go.dat is longer than 4096 bytes; a go file holds one short line"},
+      {"hello\n", "/go.dat holds no request: \"hello\""},
   };
-  const Case cases[] = {
-      {"FIFO", [](const std::filesystem::path& go) { ASSERT_EQ(mkfifo(go.c_str(), 0666), 0); },
-       "/go.dat is a FIFO, not a regular file"},
-      {"device", [](const std::filesystem::path& go) { std::filesystem::create_symlink("/dev/zero", go); },
-       "/go.dat is a character device, not a regular file"},
-      {"directory", [](const std::filesystem::path& go) { std::filesystem::create_directory(go); },
-       "/go.dat is a directory, not a regular file"},
-      {"long", [](const std::filesystem::path& go) { write_file(go, std::string(1 << 20, ' ')); },
-       "/go.dat is longer than 4096 bytes; a go file holds one short line"},
-      {"malformed for good", [](const std::filesystem::path& go) { write_file(go, "hello\n"); },
-       "/go.dat holds no request: \"hello\""},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [content, message] : cases) {
+    SCOPED_TRACE(message);
     testing::TempDir dir;
     write_file(dir.path() / "go2.dat", reset_record());
-    c.plant(dir.path() / "go.dat");
+    testing::plant(dir.path() / "go.dat", content);
     std::string error;
     const auto endpoint = Endpoint::open(dir.path().string(), error);
     Request request;
     EXPECT_EQ(endpoint->wait(request), WaitResult::kError);
-    EXPECT_EQ(endpoint->error(), dir.path().string() + c.error);
+    EXPECT_EQ(endpoint->error(), dir.path().string() + message);
   }
 }
 

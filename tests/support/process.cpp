@@ -91,6 +91,20 @@ void make_executable(const std::filesystem::path& path) {
                                std::filesystem::perm_options::add);
 }
 
+void plant(const std::filesystem::path& path, const std::string& content) {
+  if (content == "<not executable>") return std::filesystem::permissions(path, std::filesystem::perms::owner_read);
+  std::filesystem::remove_all(path);
+  if (content == "<fifo>") {
+    if (mkfifo(path.c_str(), 0666) != 0) throw std::runtime_error("mkfifo failed");
+  } else if (content == "<directory>") {
+    std::filesystem::create_directory(path);
+  } else if (content.rfind("-> ", 0) == 0) {
+    std::filesystem::create_symlink(content.substr(3), path);
+  } else if (content != "<missing>") {
+    write_file(path, content);
+  }
+}
+
 std::string Exit::first_error_line() const { return err.substr(0, err.find('\n')); }
 
 bool wait_until(const std::function<bool()>& condition, const std::function<std::string()>& progress,

@@ -28,6 +28,11 @@ class TempDir {
 std::string read_file(const std::filesystem::path& path);
 void write_file(const std::filesystem::path& path, const std::string& content);
 void make_executable(const std::filesystem::path& path);
+// Puts `content` at `path`: "<missing>" removes what is there, "<fifo>"
+// makes a FIFO, "<directory>" a directory, "-> TARGET" a symbolic link,
+// "<not executable>" leaves the file readable only; anything else is
+// written as the file's bytes.
+void plant(const std::filesystem::path& path, const std::string& content);
 
 struct Exit {
   int status = -1;  // exit status, or -1 when killed by a signal
