@@ -1,15 +1,17 @@
 #!/usr/bin/env bash
 # A private one-node Slurm cluster in a temporary directory runs the batch
-# script of docs/cluster.md as written there: a solver on the library, an
-# agent and the driver, each request served once, and lockstepctl status,
-# run from outside the job, names the run's state. Every daemon started
-# here is stopped by its PID, also when the test fails.
-#   cluster_test.sh DOC BIN_DIR...   (BIN_DIRs hold lockstep, lockstepctl, solver)
+# script of docs/cluster.md as written there: the C solver of
+# docs/protocol.md, an agent and the driver, each request served once, and
+# lockstepctl status, run from outside the job, names the run's state.
+# Every daemon started here is stopped by its PID, also when the test fails.
+#   cluster_test.sh CLUSTER_DOC PROTOCOL_DOC PREFIX   (lockstep installed in PREFIX)
+# LOCKSTEP_SANITIZE_FLAGS: the sanitizer flags the library was built with.
 set -euo pipefail
 doc=$1
-shift
-for dir in "$@"; do PATH="$(cd "$dir" && pwd):$PATH"; done
-export PATH="$PATH:/usr/sbin:/sbin"
+protocol=$2
+prefix=$(cd "$3" && pwd)
+export PATH="$prefix/bin:$PATH:/usr/sbin:/sbin"
+export LD_LIBRARY_PATH="$prefix/lib"
 
 for tool in munged mungekey slurmctld slurmd sbatch squeue sinfo; do
   if ! command -v "$tool" >/dev/null; then
@@ -39,6 +41,13 @@ finish() {
 trap finish EXIT
 
 . "$(dirname "$0")/support/wait_until.sh"
+. "$(dirname "$0")/support/doc_files.sh"
+
+# The solver, built as docs/protocol.md builds it.
+doc_files "$protocol" '### C,' "$work/bin"
+(cd "$work/bin" && PKG_CONFIG_PATH="$prefix/lib/pkgconfig" CFLAGS="${LOCKSTEP_SANITIZE_FLAGS:-}" \
+  LDFLAGS="${LOCKSTEP_SANITIZE_FLAGS:-}" make >"$work/build.log" 2>&1)
+PATH="$work/bin:$PATH"
 
 free_port() {
   python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'

@@ -12,6 +12,7 @@ doc=$1
 prefix=$(cd "$2" && pwd)
 language=$3
 . "$(dirname "$0")/support/wait_until.sh"
+. "$(dirname "$0")/support/doc_files.sh"
 
 skip() { echo "skipped: $1"; exit 77; }
 case $language in
@@ -43,16 +44,7 @@ finish() {
 }
 trap finish EXIT
 
-# Every block after a "<!-- file: NAME -->" line in the language's section
-# goes to NAME.
-mkdir "$work/solver"
-awk -v heading="$heading" -v directory="$work/solver" '
-  index($0, heading) == 1 { inside = 1; next }
-  inside && /^##/ { exit }
-  inside && /^<!-- file: .* -->$/ { file = directory "/" substr($0, 12, length($0) - 15); next }
-  file != "" && /^```/ { if (writing) { writing = 0; file = "" } else writing = 1; next }
-  writing { print > file }' "$doc"
-[ -n "$(ls "$work/solver")" ] || { echo "no solver found under \"$heading\" in $doc" >&2; exit 1; }
+doc_files "$doc" "$heading" "$work/solver"
 
 export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
 export LD_LIBRARY_PATH="$prefix/lib"
