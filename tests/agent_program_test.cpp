@@ -38,7 +38,7 @@ std::string schedule(int cycles, int time_steps, const std::filesystem::path& di
 
 TEST(AgentProgramTest, EveryRequestOnceAndInOrderWhateverTheAnswerSpeed) {
   RunTree tree;
-  tree.projects(3, "true");
+  tree.projects(3, "", "true");
   tree.settings(2, 3, 3);
   Players players(tree);
   const std::string delays[] = {"", "sleep 0.01; ", "case $3 in 2|5) sleep 0.03;; esac; "};

@@ -16,10 +16,9 @@ using handshake::stage_record;
 
 TEST(FaultTest, ProjectDirectoryRemovedAndRestoredLosesNothing) {
   RunTree tree;
-  tree.projects(1);
   // Before the go files of stage (1, 2, 1) are written, sub 1's directory
   // goes away.
-  tree.launch_script(1, "#!/bin/sh\n[ \"$1 $2 $3 $4\" = \"0 1 2 1\" ] && mv ../sub1 ../sub1.away\nexit 0\n");
+  tree.projects(1, "#!/bin/sh\n[ \"$1 $2 $3 $4\" = \"0 1 2 1\" ] && mv ../sub1 ../sub1.away\nexit 0\n");
   tree.settings(2, 1, 1);
   Players players(tree);
   players.play(0, 1, 9);
@@ -47,8 +46,7 @@ TEST(FaultTest, ProjectDirectoryRemovedAndRestoredLosesNothing) {
 
 TEST(FaultTest, SettingsAndInteractionFilesChangedDuringTheRunHaveNoEffect) {
   RunTree tree;
-  tree.projects(1);
-  tree.launch_script(1,
+  tree.projects(1,
                      "#!/bin/sh\n"
                      "echo \"$0 $1\" >> launches.log\n"
                      "printf 'time_step=\\n9\\ncycle_num=\\n9\\nnum_subprojects=\\n0\\n' > analysis_settings.dat\n"
@@ -69,8 +67,7 @@ TEST(FaultTest, SettingsAndInteractionFilesChangedDuringTheRunHaveNoEffect) {
 // it has held the run, and where the run stands.
 TEST(FaultTest, AProjectThatNeverAnswersHoldsTheRunAndStatusNamesIt) {
   RunTree tree;
-  tree.projects(1);
-  tree.launch_script(1, "#!/bin/sh\n");
+  tree.projects(1, "#!/bin/sh\n");
   tree.settings(1, 1, 1);
   Players players(tree);
   players.play(0, 0, 5);

@@ -24,8 +24,7 @@ class RecordTest : public ::testing::Test {
  protected:
   explicit RecordTest(int cycles = kCycles) : cycles_(cycles) {
     tree.settings(kTimeSteps, cycles, 2);
-    tree.projects(2);
-    tree.launch_script(2, "#!/bin/sh\n");
+    tree.projects(2, "#!/bin/sh\n");
   }
 
   // main and sub2 answer at once; sub1 takes 20 ms.

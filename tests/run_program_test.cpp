@@ -22,8 +22,7 @@ std::string progress(int k, int t, int s) {
 TEST(RunProgramTest, TwoCyclesOfOneTimeStepWithTwelveSubProjects) {
   constexpr int kLast = 12;
   RunTree tree;
-  tree.projects(kLast);
-  tree.launch_script(kLast, "#!/bin/sh\necho \"$0 $# $1 $2 $3 $4 $(cat ../main/go2.dat)\" >> launches.log\n");
+  tree.projects(kLast, "#!/bin/sh\necho \"$0 $# $1 $2 $3 $4 $(cat ../main/go2.dat)\" >> launches.log\n");
   tree.settings(1, 2, kLast);
   Players players(tree);
   players.play(0, kLast, 10);

@@ -47,21 +47,17 @@ class RunTree {
     settings(settings_text(time_step, cycle_num, num_subprojects));
   }
 
-  // Project directories 0 to `last`, each with its interaction record and a
-  // go2.dat that reports done.
-  void projects(int last, const std::string& record = "launch.sh") {
+  // Project directories 0 to `last`, each with its interaction record naming
+  // `program`, a go2.dat that reports done and, unless `script` is empty,
+  // `script` as that program.
+  void projects(int last, const std::string& script = "", const std::string& program = "launch.sh") {
     std::filesystem::create_directories(run());
     for (int index = 0; index <= last; ++index) {
-      write_file(project(index) / "CalculateInteraction.dat", record + "\n");
+      write_file(project(index) / "CalculateInteraction.dat", program + "\n");
       write_file(project(index) / "go2.dat", "0\n");
-    }
-  }
-
-  // `script` as the executable "launch.sh" in project directories 0 to `last`.
-  void launch_script(int last, const std::string& script) {
-    for (int index = 0; index <= last; ++index) {
-      write_file(project(index) / "launch.sh", script);
-      make_executable(project(index) / "launch.sh");
+      if (script.empty()) continue;
+      write_file(project(index) / program, script);
+      make_executable(project(index) / program);
     }
   }
 

@@ -12,8 +12,7 @@ TEST(SoakTest, FiveThousandStagesLoseNothing) {
   constexpr int kCycles = 4;
   constexpr int kTimeSteps = 313;  // 4 x (4 x 313 + 1) = 5,012 stages
   RunTree tree;
-  tree.projects(2);
-  tree.launch_script(2, "#!/bin/sh\n");
+  tree.projects(2, "#!/bin/sh\n");
   tree.settings(kTimeSteps, kCycles, 2);
   Players players(tree);
   players.play(0, 2, kCycles * (4 * kTimeSteps + 1), {"--random", "SEED"});
