@@ -12,14 +12,11 @@
 namespace lockstep::handshake {
 namespace {
 
-TEST(GoRecordTest, ExactBytes) {
+TEST(GoRecordTest, ExactBytesAndPaths) {
   EXPECT_EQ(reset_record(), " -1000 0 0 0\n");
   EXPECT_EQ(stage_record(3, 12, 2), " 1            3          12           2\n");
   EXPECT_EQ(stage_record(INT32_MAX, 1, 4), " 1   2147483647           1           4\n");
   EXPECT_EQ(cycle_end_record(25), " 1           25  -1  5\n");
-}
-
-TEST(GoRecordTest, PathsFollowTheDirectoryRule) {
   const std::vector<GoFilePaths> paths = go_file_paths(100);
   ASSERT_EQ(paths.size(), 101u);
   EXPECT_EQ(paths[0].go2 + paths[9].go2 + paths[10].go + paths[100].go,
@@ -61,7 +58,9 @@ TEST_F(GoFileWriterTest, ResetThenRequestInProjectOrder) {
   EXPECT_EQ(pacer.pauses, 0);
 }
 
-TEST_F(GoFileWriterTest, ShortFailuresAreRetriedAtOnceAndSilently) {
+// Short failures are retried at once and silently, a long one is reported
+// once with back-off and its end, a failing close is not retried.
+TEST_F(GoFileWriterTest, Failures) {
   GoFileWriter go = writer(1);
   fs.set_file("../sub1/go.dat", "an old and much longer request line\n");
   fs.fail_opens("../sub1/go.dat", GoFileWriter::kImmediateAttempts, ENOENT);
@@ -70,29 +69,23 @@ TEST_F(GoFileWriterTest, ShortFailuresAreRetriedAtOnceAndSilently) {
   EXPECT_EQ(fs.file("../sub1/go.dat"), reset_record());
   EXPECT_EQ(fs.file("../main/go2.dat"), reset_record());
   EXPECT_EQ(pacer.pauses, 0);
-  EXPECT_TRUE(warnings.str().empty());
-}
+  EXPECT_EQ(warnings.str(), "");
 
-TEST_F(GoFileWriterTest, LongFailureIsReportedOnceWithBackOffAndItsEnd) {
-  GoFileWriter go = writer(1);
-  constexpr int kFailures = 150;
-  fs.fail_opens("../sub1/go2.dat", kFailures, ENOENT);
+  // 100 immediate attempts, then pauses of 1, 2, 4, ... capped at 100 ms.
+  fs.fail_opens("../sub1/go2.dat", 150, ENOENT);
   ASSERT_TRUE(go.reset_all().ok());
   EXPECT_EQ(fs.file("../sub1/go2.dat"), reset_record());
-  // 100 immediate attempts, then pauses of 1, 2, 4, ... capped at 100 ms.
-  EXPECT_EQ(pacer.pauses, kFailures - GoFileWriter::kImmediateAttempts);
+  EXPECT_EQ(pacer.pauses, 150 - GoFileWriter::kImmediateAttempts);
   EXPECT_EQ(warnings.str(),
             "lockstep: cannot write ../sub1/go2.dat: No such file or directory; retrying until it can be written\n"
             "lockstep: wrote ../sub1/go2.dat again after 4.4 s of failures\n");
-}
 
-TEST_F(GoFileWriterTest, FailingCloseIsNotRetried) {
-  GoFileWriter go = writer(0);
   fs.fail_closes("../main/go.dat", 1, EIO);
+  const std::size_t logged = fs.log().size();
   const records::Status status = go.reset_all();
   EXPECT_EQ(status.number(), records::error::kWriteError);
   EXPECT_EQ(status.trail().back(), "go-file write");
-  EXPECT_EQ(fs.log().size(), 3u);
+  EXPECT_EQ(fs.log().size(), logged + 3);
 }
 
 }  // namespace

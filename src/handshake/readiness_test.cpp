@@ -28,17 +28,33 @@ class ReadinessTest : public ::testing::Test {
   std::vector<GoFilePaths> paths;
 };
 
-TEST_F(ReadinessTest, ReadyWhenDoneValuesSumToZero) {
-  const std::vector<std::vector<std::string>> ready = {{"0\n"},      {"0\n", "0\n", "0\n"}, {"3\n", "-3\n"}, {"/\n", "1\n"},
-                                                        {"0 5 7\n"}, {"\n\n   0\n"},         {"2*0\n"}};
-  for (const auto& contents : ready) {
-    SCOPED_TRACE(contents.front());
+// Ready at once when the done values add up to 0; a missing file holds the
+// pass, and failures beyond the first ones pause; the wait gives up after
+// the last pass and its pause.
+TEST_F(ReadinessTest, HowManyPausesAWaitTakes) {
+  struct Case {
+    std::vector<std::string> go2;
+    int failing_opens;
+    long pauses;
+  };
+  const Case cases[] = {{{"0\n"}, 0, 0},
+                        {{"0\n", "0\n", "0\n"}, 0, 0},
+                        {{"3\n", "-3\n"}, 0, 0},
+                        {{"/\n", "1\n"}, 0, 0},
+                        {{"0\n"}, kFailuresBeforePausing + 20, 21},
+                        {{"0\n", "-1000\n"}, 0, kPollLimit}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.go2.back());
     fs = {};
+    fs.logging = false;
     pacer.pauses = 0;
-    projects(contents);
+    projects(c.go2);
+    fs.fail_opens("../main/go2.dat", c.failing_opens, ENOENT);
     ASSERT_TRUE(wait().ok());
-    EXPECT_EQ(pacer.pauses, 0);
+    EXPECT_EQ(pacer.pauses, c.pauses);
   }
+  fs.fail_closes("../main/go2.dat", 1, EIO);
+  EXPECT_EQ(wait().number(), records::error::kReadError);
 }
 
 TEST_F(ReadinessTest, EveryPassReadsEveryProjectInOrderThenPauses) {
@@ -71,26 +87,6 @@ TEST_F(ReadinessTest, UnreadableFilesAreReopenedUntilTheyHoldAnInteger) {
     // Each attempt opened the file afresh.
     EXPECT_EQ(opens(), 50);
   }
-}
-
-TEST_F(ReadinessTest, AMissingFileHoldsThePassAndLongFailuresPause) {
-  projects({"0\n"});
-  fs.fail_opens("../main/go2.dat", kFailuresBeforePausing + 20, ENOENT);
-  ASSERT_TRUE(wait().ok());
-  EXPECT_EQ(pacer.pauses, 21);
-}
-
-TEST_F(ReadinessTest, GivesUpAfterTheLastPassAndItsPause) {
-  projects({"0\n", "-1000\n"});
-  fs.logging = false;
-  ASSERT_TRUE(wait().ok());
-  EXPECT_EQ(pacer.pauses, kPollLimit);
-}
-
-TEST_F(ReadinessTest, FailingCloseEndsTheWait) {
-  projects({"0\n"});
-  fs.fail_closes("../main/go2.dat", 1, EIO);
-  EXPECT_EQ(wait().number(), records::error::kReadError);
 }
 
 }  // namespace

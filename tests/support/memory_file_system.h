@@ -22,10 +22,10 @@ class MemoryFileSystem final : public records::FileSystem {
   void set_file(const std::string& path, std::string content) { files_[path] = std::move(content); }
   std::optional<std::string> file(const std::string& path) const;
 
-  // The next `count` calls on `path` fail with `os_error`.
-  void fail_opens(const std::string& path, int count, int os_error) { open_failures_[path] = {count, os_error}; }
-  void fail_writes(const std::string& path, int count, int os_error) { write_failures_[path] = {count, os_error}; }
-  void fail_closes(const std::string& path, int count, int os_error) { close_failures_[path] = {count, os_error}; }
+  // The next `count` opens, writes or closes of `path` fail with `os_error`.
+  void fail_opens(const std::string& path, int count, int os_error) { failures_[{"open", path}] = {count, os_error}; }
+  void fail_writes(const std::string& path, int count, int os_error) { failures_[{"write", path}] = {count, os_error}; }
+  void fail_closes(const std::string& path, int count, int os_error) { failures_[{"close", path}] = {count, os_error}; }
 
   // Called before every read of a file, with its path.
   std::function<void(const std::string&)> before_read;
@@ -42,23 +42,13 @@ class MemoryFileSystem final : public records::FileSystem {
   std::string current_directory() override { return kWorkingDirectory; }
 
  private:
-  struct Failure {
-    int count = 0;
-    int os_error = 0;
-  };
-  struct OpenFile {
-    std::string path;
-    std::size_t position = 0;
-  };
-  // The injected error for the next call on `path`, or 0.
-  static int take_failure(std::map<std::string, Failure>& failures, const std::string& path);
+  // Logs the call and returns its injected error, or 0.
+  int call(const std::string& operation, const std::string& path, const std::string& mode = "");
 
   std::map<std::string, std::string> files_;
   std::set<std::string> directories_;
-  std::map<std::string, Failure> open_failures_;
-  std::map<std::string, Failure> write_failures_;
-  std::map<std::string, Failure> close_failures_;
-  std::map<int, OpenFile> open_files_;
+  std::map<std::pair<std::string, std::string>, std::pair<int, int>> failures_;  // count, os_error
+  std::map<int, std::pair<std::string, std::size_t>> open_files_;                // path, position
   int next_fd_ = 10;
   std::vector<std::string> log_;
   std::string standard_output_;
