@@ -55,12 +55,7 @@ class AgentAloneTest : public ::testing::Test {
   // stage 1.
   AgentAloneTest() { hand_out(stage_record(1, 1, 1)); }
   std::filesystem::path project() const { return dir.path() / "main"; }
-  // As the driver does.
-  void hand_out(const std::string& record) {
-    write_file(project() / "go.dat", reset_record());
-    write_file(project() / "go2.dat", reset_record());
-    write_file(project() / "go.dat", record);
-  }
+  void hand_out(const std::string& record) { testing::hand_out(project(), record); }
 
   TempDir dir;
 };

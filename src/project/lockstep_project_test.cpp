@@ -10,7 +10,6 @@
 namespace lockstep::project {
 namespace {
 
-using handshake::reset_record;
 using handshake::stage_record;
 using testing::write_file;
 
@@ -18,11 +17,7 @@ using testing::write_file;
 // handed out even when it comes out of order.
 TEST(CInterfaceTest, DistinctCodesForEachWayTheDriverMovesOn) {
   testing::TempDir dir;
-  const auto hand_out = [&](const std::string& record) {
-    write_file(dir.path() / "go.dat", reset_record());
-    write_file(dir.path() / "go2.dat", reset_record());
-    write_file(dir.path() / "go.dat", record);
-  };
+  const auto hand_out = [&](const std::string& record) { testing::hand_out(dir.path(), record); };
   char error[256] = "untouched";
   EXPECT_EQ(lockstep_project_open((dir.path() / "missing").c_str(), error, 8), nullptr);
   EXPECT_STREQ(error, "project");

@@ -20,11 +20,7 @@ TEST(RecorderTest, EventsInTheOrderTheyHappenedWhateverItMissedBetweenLooks) {
   testing::TempDir dir;
   const auto go = dir.path() / "go.dat";
   const auto go2 = dir.path() / "go2.dat";
-  const auto hand_out = [&](int stage) {
-    write_file(go, reset_record());
-    write_file(go2, reset_record());
-    write_file(go, stage_record(1, 1, stage));
-  };
+  const auto hand_out = [&](int stage) { testing::hand_out(dir.path(), stage_record(1, 1, stage)); };
   write_file(go2, "0\n");
   std::ostringstream out;
   Recorder recorder({{0, dir.path().string(), true}}, [&out](const std::string& line) { out << line; });

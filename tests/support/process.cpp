@@ -13,6 +13,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "handshake/go_files.h"
+
 namespace lockstep::testing {
 namespace {
 
@@ -103,6 +105,12 @@ void plant(const std::filesystem::path& path, const std::string& content) {
   } else if (content != "<missing>") {
     write_file(path, content);
   }
+}
+
+void hand_out(const std::filesystem::path& project, const std::string& request) {
+  write_file(project / "go.dat", handshake::reset_record());
+  write_file(project / "go2.dat", handshake::reset_record());
+  write_file(project / "go.dat", request);
 }
 
 std::string Exit::first_error_line() const { return err.substr(0, err.find('\n')); }

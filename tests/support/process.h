@@ -33,6 +33,9 @@ void make_executable(const std::filesystem::path& path);
 // "<not executable>" leaves the file readable only; anything else is
 // written as the file's bytes.
 void plant(const std::filesystem::path& path, const std::string& content);
+// Writes `request` into the project directory's go.dat as the driver does:
+// go.dat reset first, then go2.dat, then the request.
+void hand_out(const std::filesystem::path& project, const std::string& request);
 
 struct Exit {
   int status = -1;  // exit status, or -1 when killed by a signal
