@@ -22,20 +22,17 @@ constexpr int kStages = kCycles * (kTimeSteps * 4 + 1);
 
 class RecordTest : public ::testing::Test {
  protected:
-  explicit RecordTest(int cycles = kCycles) : cycles_(cycles) {
+  // main and sub2 answer at once; sub1 takes 20 ms.
+  explicit RecordTest(int cycles = kCycles) {
     tree.settings(kTimeSteps, cycles, 2);
     tree.projects(2, "#!/bin/sh\n");
-  }
-
-  // main and sub2 answer at once; sub1 takes 20 ms.
-  void start_agents() {
     for (int index = 0; index <= 2; ++index) {
-      players.agent(index, {"--last-cycle", std::to_string(cycles_)},
+      players.agent(index, {"--last-cycle", std::to_string(cycles)},
                     std::string(index == 1 ? "sleep 0.02; " : "") + "echo \"$1 $2 $3\" >> agent.log");
     }
   }
 
-  json report(const std::string& recording) {
+  json report() {
     const Exit exit = run_program({LOCKSTEPCTL_BINARY, "report", recording, "--json"}, tree.run());
     EXPECT_EQ(exit.status, 0) << exit.err;
     return json::parse(exit.out);
@@ -43,7 +40,7 @@ class RecordTest : public ::testing::Test {
 
   RunTree tree;
   Players players{tree};
-  int cycles_;
+  const std::string recording = (tree.run() / "../run.rec").string();
 };
 
 // Every stage seen in full, each project's request written and done; but
@@ -77,14 +74,12 @@ void expect_complete(const json& report, bool attached = false) {
 // launching stage, and the report lists each against sub2.
 TEST_F(RecordTest, TheSlowProjectHoldsTheRunAndEveryRequestIsSeenOnceWithItsDone) {
   std::filesystem::remove(tree.project(2) / "launch.sh");
-  start_agents();
-  const std::string recording = (tree.run() / "../run.rec").string();
   const Exit exit = run_program(
       {LOCKSTEPCTL_BINARY, "record", "--output", recording, "--capture-stderr", "--", LOCKSTEP_BINARY}, tree.run());
   ASSERT_EQ(exit.status, 0) << exit.err;
   EXPECT_EQ(std::count(exit.out.begin(), exit.out.end(), '\n'), kStages);  // the driver's progress lines
 
-  const json summary = report(recording);
+  const json summary = report();
   ASSERT_EQ(summary["stages"], kStages);
   std::string failures;
   for (const json& failure : summary["launch_failures"]) {
@@ -124,14 +119,12 @@ class LongRunTest : public RecordTest {
 // Attached while the run goes, the recorder sees the rest of it whole and
 // ends by itself after the last cycle end.
 TEST_F(LongRunTest, AttachedInTheMiddleItRecordsTheRestOfTheRun) {
-  start_agents();
   Background driver({LOCKSTEP_BINARY}, tree.run());
   ASSERT_TRUE(wait_until([&] { return read_file(tree.project(0) / "agent.log").find("2 1 1") != std::string::npos; }));
-  const std::string recording = (tree.run() / "../run.rec").string();
   const Exit exit = run_program({LOCKSTEPCTL_BINARY, "record", "--output", recording, tree.run().string()}, tree.run());
   ASSERT_EQ(exit.status, 0) << exit.err;
 
-  const json summary = report(recording);
+  const json summary = report();
   const json& first = summary["timeline"].front()["request"];
   EXPECT_GE(first["cycle"].get<int>(), 2);
   EXPECT_EQ(summary["timeline"].back()["request"], json({{"cycle", 8}, {"time_step", -1}, {"stage", 5}}));
@@ -141,8 +134,6 @@ TEST_F(LongRunTest, AttachedInTheMiddleItRecordsTheRestOfTheRun) {
 
 // kill -9 of the driver: the recording still tells what came before.
 TEST_F(LongRunTest, ARecordingCutShortByAKilledDriverStillReports) {
-  start_agents();
-  const std::string recording = (tree.run() / "../run.rec").string();
   Background recorder({LOCKSTEPCTL_BINARY, "record", "--output", recording, "--", "/bin/sh", "-c",
                        "echo $$ > driver.pid; exec " + std::string(LOCKSTEP_BINARY)},
                       tree.run());
@@ -152,7 +143,7 @@ TEST_F(LongRunTest, ARecordingCutShortByAKilledDriverStillReports) {
   ASSERT_TRUE(recorder.wait(kStall, &status));
   EXPECT_EQ(status, 128 + SIGKILL);
 
-  const json summary = report(recording);
+  const json summary = report();
   EXPECT_EQ(summary["driver_exit"]["signal"], SIGKILL);
   EXPECT_GE(summary["complete_stages"].get<int>(), 6);
   EXPECT_LT(summary["stages"].get<int>(), 8 * (kTimeSteps * 4 + 1));
