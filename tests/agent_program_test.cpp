@@ -15,40 +15,6 @@ namespace {
 using handshake::reset_record;
 using handshake::stage_record;
 
-// Logs the request's numbers, passed as arguments, when the environment
-// says the same and the command runs in the project directory.
-const std::string kLogCommand =
-    "[ \"$1 $2 $3 $(pwd)\" = \"$LOCKSTEP_CYCLE $LOCKSTEP_TIME_STEP $LOCKSTEP_STAGE $LOCKSTEP_PROJECT_DIR\" ] && "
-    "echo \"$1 $2 $3\" >> \"$LOCKSTEP_PROJECT_DIR/agent.log\"";
-
-// Every request of `cycles` cycles of `time_steps` time steps, as logged.
-std::string schedule(int cycles, int time_steps) {
-  std::string log;
-  for (int k = 1; k <= cycles; ++k) {
-    for (int t = 1; t <= time_steps; ++t) {
-      for (int s = 1; s <= 4; ++s) log += std::to_string(k) + " " + std::to_string(t) + " " + std::to_string(s) + "\n";
-    }
-    log += std::to_string(k) + " -1 5\n";
-  }
-  return log;
-}
-
-TEST(AgentProgramTest, EveryRequestOnceAndInOrderWhateverTheAnswerSpeed) {
-  RunTree tree;
-  tree.projects(3, "", "true");
-  tree.settings(2, 3, 3);
-  Players players(tree);
-  const std::string delays[] = {"", "sleep 0.01; ", "case $3 in 2|5) sleep 0.03;; esac; "};
-  for (int index = 0; index <= 2; ++index) players.agent(index, {"--last-cycle", "3"}, delays[index] + kLogCommand);
-  // Beside them a project of its own making, answering after random delays,
-  // in place or by rename.
-  players.play(3, 3, 27, {"--random", "SEED"});
-  const Exit exit = tree.lockstep();
-  ASSERT_EQ(exit.status, 0) << exit.err;
-  players.finish();
-  for (int index = 0; index <= 2; ++index) EXPECT_EQ(read_file(tree.project(index) / "agent.log"), schedule(3, 2));
-}
-
 class AgentAloneTest : public ::testing::Test {
  protected:
   // A project directory holding a pending request for cycle 1, time step 1,

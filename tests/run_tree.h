@@ -87,6 +87,24 @@ inline std::vector<std::string> agent(const std::filesystem::path& directory, co
   return argv;
 }
 
+// Logs the request's numbers, passed as arguments, when the environment
+// says the same and the command runs in the project directory.
+inline const std::string kLogCommand =
+    "[ \"$1 $2 $3 $PWD\" = \"$LOCKSTEP_CYCLE $LOCKSTEP_TIME_STEP $LOCKSTEP_STAGE $LOCKSTEP_PROJECT_DIR\" ] && "
+    "echo \"$1 $2 $3\" >> \"$LOCKSTEP_PROJECT_DIR/agent.log\"";
+
+// Every request of `cycles` cycles of `time_steps` time steps, as logged.
+inline std::string schedule(int cycles, int time_steps) {
+  std::string log;
+  for (int k = 1; k <= cycles; ++k) {
+    for (int t = 1; t <= time_steps; ++t) {
+      for (int s = 1; s <= 4; ++s) log += std::to_string(k) + " " + std::to_string(t) + " " + std::to_string(s) + "\n";
+    }
+    log += std::to_string(k) + " -1 5\n";
+  }
+  return log;
+}
+
 // The projects of a tree played by fake_project, each logging the requests
 // it served to requests.log in its directory, or served by agents.
 class Players {
