@@ -67,6 +67,8 @@ TEST_F(CheckTest, EachPlantedFaultIsNamedWithItsFixAndNothingChanges) {
       {"key missing", settings, "time_step=\n1\nnum_subprojects=\n2\n",
        "  analysis_settings.dat: key \"cycle_num=\" not found (the file ends at line 4)"},
       {"too many sub projects", settings, settings_text(3, 2, 101), "  num_subprojects is 101; the limit is 100"},
+      {"as many sub projects as allowed", settings, settings_text(3, 2, 100), "sub100: project directory ../sub**/ is missing",
+       98},
       {"negative sub projects", settings, settings_text(3, 2, -1),
        "  num_subprojects is -1, below 0: write 0 for the main project alone"},
       {"no cycles", settings, settings_text(3, 0, 2),
@@ -242,6 +244,8 @@ TEST(StatusTest, StoppedCompleteAndHugeRuns) {
       {"complete", 3, 2, handshake::cycle_end_record(2), "0\n", {"; 26 of 26 stages done\n", "\nthe run is complete\n"}},
       {"largest schedule", 2147483647, 2147483647, handshake::cycle_end_record(2147483647), "0\n",
        {"; 18446744058677166083 of 18446744058677166083 stages done\n"}},
+      {"no time steps", 0, 2, handshake::cycle_end_record(1), reset_record(),
+       {"position: cycle 1 of 2, closing time step; 0 of 2 stages done\n"}},
       {"outside the schedule", 3, 2, stage_record(5, 1, 1), reset_record(),
        {"position: outside the schedule of analysis_settings.dat\n"}},
   };

@@ -105,11 +105,15 @@ TEST_F(RecordTest, TheSlowProjectHoldsTheRunAndEveryRequestIsSeenOnceWithItsDone
                                    "import json, sys, xml.etree.ElementTree as tree\n"
                                    "svg = tree.parse(sys.argv[1]).getroot()\n"
                                    "trace = json.load(open(sys.argv[2]))['traceEvents']\n"
-                                   "print(svg.tag, sum(1 for e in trace if e['ph'] == 'X' and e['tid'] > 0))",
+                                   "print(svg.tag, sum(1 for e in trace if e['ph'] == 'X' and e['tid'] > 0),\n"
+                                   "      [e['args']['name'] for e in trace if e['name'] == 'thread_name'])",
                                    svg, chrome},
                                   tree.run());
   EXPECT_EQ(parsed.status, 0) << parsed.err;
-  EXPECT_EQ(parsed.out, "{http://www.w3.org/2000/svg}svg " + std::to_string(3 * kStages) + "\n");
+  EXPECT_EQ(parsed.out, "{http://www.w3.org/2000/svg}svg " + std::to_string(3 * kStages) +
+                            " ['driver', 'main', 'sub1', 'sub2']\n");
+  EXPECT_THAT(read_file(svg), HasSubstr(">sub1</text>"));
+  EXPECT_THAT(read_file(recording), HasSubstr("\"time_step\":2,\"cycle_num\":3}\n"));
 }
 
 // Long enough to be caught in the middle.

@@ -16,6 +16,7 @@ TEST(TextTest, WellFormedUtf8PassesEverythingElseIsEscaped) {
   const Case cases[] = {
       {"plain", "step.sh", "step.sh"},
       {"two to four bytes", "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80", "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"},
+      {"lowest of three and four bytes", "\xe0\xa0\x80\xf0\x90\x80\x80", "\xe0\xa0\x80\xf0\x90\x80\x80"},
       {"controls", "a\x1b[0m\tb\x7f", "a\\x1b[0m\\x09b\\x7f"},
       {"C1 control", "\xc2\x9b" "2J", "\\xc2\\x9b2J"},
       {"overlong", "\xc0\xaf", "\\xc0\\xaf"},

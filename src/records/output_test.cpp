@@ -37,18 +37,6 @@ TEST(FieldTest, IntegerFieldsAtTheirEdgesAndConcatenation) {
   EXPECT_EQ(concatenate({"  a ", " "}, 5), "  a  ");
 }
 
-TEST(FreeFormRecordTest, LayoutOfTextsAndIntegers) {
-  EXPECT_EQ(FreeFormRecord().text("-1000 0 0 0").line(), " -1000 0 0 0\n");
-  EXPECT_EQ(FreeFormRecord().text("1 ").integer(1).integer(2).integer(3).line(),
-            " 1            1           2           3\n");
-  // The separator blank stands before a text that starts with a blank: two
-  // blanks between the cycle number and the minus sign.
-  EXPECT_EQ(FreeFormRecord().text("1 ").integer(1).text(" -1  5").line(), " 1            1  -1  5\n");
-  EXPECT_EQ(FreeFormRecord().integer(-2147483648).line(), " -2147483648\n");
-  EXPECT_EQ(FreeFormRecord().text("  lead").text("b").line(), "   leadb\n");
-  EXPECT_EQ(FreeFormRecord().text("Parameter reading failed!").line(), " Parameter reading failed!\n");
-}
-
 // Fields too narrow for their value fill with asterisks.
 TEST(FixedFormRecordTest, Overflow) {
   EXPECT_EQ(FixedFormRecord().literal("cycle=").integer(10000, 4).literal(" step=").integer(1, 2).line(),

@@ -63,6 +63,27 @@ TEST(TimelineTest, StagesHoldersDriverShareAndACutShortLine) {
             "slowest stages:\n"
             "  cycle 1, time step 1, stage 1: 21.0 ms, held by sub1\n"
             "  cycle 1, time step 1, stage 2: 20.0 ms, held by main\n");
+  const std::string json_start = "{\n  \"run_directory\": \"/r/run\",\n  \"started\": \"x\",\n";
+  EXPECT_EQ(json_report(run).substr(0, json_start.size()), json_start);
+}
+
+// Too many stages for a bar each: shades per pixel column, none where a lane
+// was idle (here the driver, whose next request comes with the last done).
+TEST(TimelineTest, LongRunsAreShadedWithoutEmptyShades) {
+  std::string text = kHeader;
+  for (int i = 0; i < 600; ++i) {
+    for (const std::string project : {"0", "1"}) {
+      text += R"({"t":)" + std::to_string(i) + R"(,"event":"request","project":)" + project +
+              R"(,"cycle":1,"time_step":)" + std::to_string(i / 4 + 1) + R"(,"stage":)" + std::to_string(i % 4 + 1) + "}\n";
+    }
+    for (const std::string project : {"0", "1"}) {
+      text += R"({"t":)" + std::to_string(i + 1) + R"(,"event":"done","project":)" + project + "}\n";
+    }
+  }
+  const std::string svg = svg_timeline(read(text));
+  EXPECT_NE(svg.find("(shaded: share of each pixel's time)"), std::string::npos);
+  EXPECT_NE(svg.find("<title>100% busy</title>"), std::string::npos);
+  EXPECT_EQ(svg.find("<title>0% "), std::string::npos);
 }
 
 TEST(TimelineTest, RecordingsThatAreNotOnesAreRefusedAndOddLinesSkipped) {
