@@ -155,5 +155,16 @@ TEST_F(LongRunTest, ARecordingCutShortByAKilledDriverStillReports) {
   EXPECT_LT(summary["stages"].get<int>(), 8 * (kTimeSteps * 4 + 1));
 }
 
+// Out of descriptors, the recorder cannot watch the projects and says so.
+TEST(RecordAloneTest, WithoutADescriptorToWatchWithItEndsAtOnce) {
+  RunTree tree;
+  tree.projects(0);
+  tree.settings(1, 1, 0);
+  const Exit exit = run_program(
+      {"sh", "-c", "ulimit -n 4; exec " + std::string(LOCKSTEPCTL_BINARY) + " record --output ../run.rec ."}, tree.run());
+  EXPECT_EQ(exit.status, 1);
+  EXPECT_EQ(exit.err, "lockstepctl record: cannot watch the project directories: Too many open files\n");
+}
+
 }  // namespace
 }  // namespace lockstep::testing

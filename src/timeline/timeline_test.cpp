@@ -67,20 +67,28 @@ TEST(TimelineTest, StagesHoldersDriverShareAndACutShortLine) {
   EXPECT_EQ(json_report(run).substr(0, json_start.size()), json_start);
 }
 
-// Too many stages for a bar each: shades per pixel column, none where a lane
-// was idle (here the driver, whose next request comes with the last done).
-TEST(TimelineTest, LongRunsAreShadedWithoutEmptyShades) {
+// 600 stages: main answers in 0.25 s, sub1 in 1 s, the driver's next request
+// comes with sub1's done. Too many stages for a bar each: shades per pixel
+// column, none where a lane was idle (here the driver).
+TEST(TimelineTest, ALongRunIsShadedAndSummed) {
   std::string text = kHeader;
   for (int i = 0; i < 600; ++i) {
     for (const std::string project : {"0", "1"}) {
       text += R"({"t":)" + std::to_string(i) + R"(,"event":"request","project":)" + project +
               R"(,"cycle":1,"time_step":)" + std::to_string(i / 4 + 1) + R"(,"stage":)" + std::to_string(i % 4 + 1) + "}\n";
     }
-    for (const std::string project : {"0", "1"}) {
-      text += R"({"t":)" + std::to_string(i + 1) + R"(,"event":"done","project":)" + project + "}\n";
-    }
+    text += R"({"t":)" + std::to_string(i) + R"(.25,"event":"done","project":0})" "\n";
+    text += R"({"t":)" + std::to_string(i + 1) + R"(,"event":"done","project":1})" "\n";
   }
-  const std::string svg = svg_timeline(read(text));
+  const Timeline run = read(text);
+  // Ties among the slowest stages keep the run's order; the trend is each
+  // project's own.
+  EXPECT_NE(text_report(run).find("slowest stages:\n  cycle 1, time step 1, stage 1: 1000.0 ms, held by sub1\n"
+                                  "  cycle 1, time step 1, stage 2: 1000.0 ms"),
+            std::string::npos);
+  EXPECT_NE(json_report(run).find("\"main_s\": [\n      0.25,\n      0.25\n    ],\n    \"sub1_s\": [\n      1.0,"),
+            std::string::npos);
+  const std::string svg = svg_timeline(run);
   EXPECT_NE(svg.find("(shaded: share of each pixel's time)"), std::string::npos);
   EXPECT_NE(svg.find("<title>100% busy</title>"), std::string::npos);
   EXPECT_EQ(svg.find("<title>0% "), std::string::npos);
