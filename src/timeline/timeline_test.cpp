@@ -90,8 +90,11 @@ TEST(TimelineTest, ALongRunIsShadedAndSummed) {
             std::string::npos);
   const std::string svg = svg_timeline(run);
   EXPECT_NE(svg.find("(shaded: share of each pixel's time)"), std::string::npos);
-  EXPECT_NE(svg.find("<title>100% busy</title>"), std::string::npos);
+  EXPECT_NE(svg.find("<title>100% busy"), std::string::npos);
   EXPECT_EQ(svg.find("<title>0% "), std::string::npos);
+  // main, busy the first quarter of each second, fills up to nearly half of
+  // a pixel column's 0.56 s.
+  EXPECT_NE(svg.find("<title>50% busy"), std::string::npos);
 }
 
 TEST(TimelineTest, RecordingsThatAreNotOnesAreRefusedAndOddLinesSkipped) {
