@@ -1,11 +1,8 @@
 // lockstepctl check and status on run trees, good, faulty and frozen mid-run.
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <map>
 
 #include "handshake/go_files.h"

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <memory>
 #include <nlohmann/json.hpp>
 
 #include "run_tree.h"

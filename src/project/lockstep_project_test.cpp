@@ -11,7 +11,6 @@ namespace lockstep::project {
 namespace {
 
 using handshake::stage_record;
-using testing::write_file;
 
 // The C interface's codes, each for its case, with the request's numbers
 // handed out even when it comes out of order.
