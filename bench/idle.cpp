@@ -37,7 +37,7 @@ double opens_per_second(pid_t pid, const std::filesystem::path& scratch) {
                               std::to_string(pid)},
                              scratch);
   std::this_thread::sleep_for(kMeasured);
-  tracer.signal(SIGINT);  // strace writes its summary as it ends
+  kill(tracer.pid(), SIGINT);  // strace writes its summary as it ends
   tracer.wait(kMeasured);
   std::ifstream in(summary);
   long calls = 0;

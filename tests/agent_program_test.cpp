@@ -26,27 +26,33 @@ class AgentAloneTest : public ::testing::Test {
   TempDir dir;
 };
 
-// Started from the directory above, the command runs in the project's. A
+// Started from the directory above, the command runs in the project's with
+// /dev/null as its standard input; --command-dir and --stdin change that. A
 // failure leaves its request not done, unless --done-on-failure.
-TEST_F(AgentAloneTest, WhereTheCommandRunsAndWhatItsFailureLeaves) {
-  const Exit exit = run_program(agent(project(), {}, "pwd > where; exit 3"), dir.path());
+TEST_F(AgentAloneTest, HowTheCommandRunsAndWhatItsFailureLeaves) {
+  const auto serve = [&](const std::string& options) {
+    return run_program({"sh", "-c", "echo typed | " LOCKSTEPCTL_BINARY " agent --dir " + project().string() + options +
+                                        " -- /bin/sh -c 'pwd > where; cat > stdin; exit 3'"},
+                       dir.path());
+  };
+  const Exit exit = serve("");
   EXPECT_EQ(exit.status, 1);
   EXPECT_EQ(exit.err,
             "lockstepctl agent: /bin/sh failed on cycle 1, time step 1, stage 1: exit status 3; left not done\n"
             "lockstepctl agent: served 0 requests, 1 failed\n");
   EXPECT_EQ(read_file(project() / "go2.dat"), reset_record());
   EXPECT_EQ(read_file(project() / "where"), project().string() + "\n");
+  EXPECT_EQ(read_file(project() / "stdin"), "");
 
-  EXPECT_EQ(run_program(agent(project(), {"--command-dir", "."}, "pwd > where; exit 3"), dir.path()).status, 1);
+  EXPECT_EQ(serve(" --command-dir . --stdin").status, 1);
   EXPECT_EQ(read_file(dir.path() / "where"), dir.path().string() + "\n");
+  EXPECT_EQ(read_file(dir.path() / "stdin"), "typed\n");
 
   Background served(agent(project(), {"--done-on-failure"}, "kill -9 $$"), dir.path());
   EXPECT_TRUE(wait_until([&] { return read_file(project() / "go2.dat") == "0\n"; }));
   // Now waiting for the next request: SIGTERM ends it cleanly.
-  served.signal(SIGTERM);
-  int status = -1;
-  ASSERT_TRUE(served.wait(std::chrono::seconds(10), &status));
-  EXPECT_EQ(status, 0);
+  kill(served.pid(), SIGTERM);
+  EXPECT_EQ(served.wait(kStall), 0);
 }
 
 TEST_F(AgentAloneTest, UsageAndHelp) {
@@ -147,10 +153,8 @@ TEST_F(AgentAloneTest, AnInterruptedRequestIsNotDoneWhateverTheExitStatus) {
                     dir.path(), dir.path() / "err");
   ASSERT_TRUE(wait_until([&] { return !read_file(project() / "grandchild").empty(); }));
   const pid_t grandchild = std::stoi(read_file(project() / "grandchild"));
-  served.signal(SIGTERM);
-  int status = -1;
-  ASSERT_TRUE(served.wait(kStall, &status));
-  EXPECT_EQ(status, 128 + SIGTERM);
+  kill(served.pid(), SIGTERM);
+  ASSERT_EQ(served.wait(kStall), 128 + SIGTERM);
   EXPECT_EQ(read_file(dir.path() / "err"),
             "lockstepctl agent: stopped by signal 15 while /bin/sh served cycle 1, time step 1, stage 1; left not done\n"
             "lockstepctl agent: served 0 requests, 0 failed\n");
@@ -180,21 +184,6 @@ TEST_F(AgentAloneTest, OneAgentPerDirectoryAndNoneOutlivedByItsCommand) {
   EXPECT_EQ(read_file(project() / "agent.log"), "1 1 1\n");
 }
 
-// The command's standard input is /dev/null unless --stdin asks for the
-// agent's.
-TEST_F(AgentAloneTest, StandardInputOnlyWhenAsked) {
-  for (const bool keep : {false, true}) {
-    write_file(project() / "go2.dat", reset_record());
-    write_file(project() / "go.dat", handshake::cycle_end_record(1));
-    std::string command = "echo typed | " + std::string(LOCKSTEPCTL_BINARY) + " agent --dir " + project().string() +
-                          " --last-cycle 1" + (keep ? " --stdin" : "") +
-                          " -- sh -c 'cat > \"$LOCKSTEP_PROJECT_DIR/stdin\"'";
-    const Exit exit = run_program({"sh", "-c", command}, dir.path());
-    EXPECT_EQ(exit.status, 0) << exit.err;
-    EXPECT_EQ(read_file(project() / "stdin"), keep ? "typed\n" : "") << (keep ? "--stdin" : "by default");
-  }
-}
-
 // Out of descriptors, the agent says so within seconds and keeps trying.
 TEST_F(AgentAloneTest, AGoFileThatCannotBeOpenedIsReportedAndRetried) {
   const auto err = dir.path() / "err";
@@ -205,10 +194,8 @@ TEST_F(AgentAloneTest, AGoFileThatCannotBeOpenedIsReportedAndRetried) {
   const std::string message = "lockstepctl agent: cannot read " + project().string() +
                               "/go2.dat: Too many open files; still trying\n";
   EXPECT_TRUE(wait_until([&] { return read_file(err) == message; })) << read_file(err);
-  served.signal(SIGTERM);
-  int status = -1;
-  ASSERT_TRUE(served.wait(kStall, &status));
-  EXPECT_EQ(status, 0);
+  kill(served.pid(), SIGTERM);
+  EXPECT_EQ(served.wait(kStall), 0);
   EXPECT_EQ(read_file(project() / "go2.dat"), reset_record());
 }
 

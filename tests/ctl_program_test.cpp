@@ -1,4 +1,6 @@
 // lockstepctl check and status on run trees, good, faulty and frozen mid-run.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -180,25 +182,6 @@ TEST_F(CheckTest, ReadOnlyProjectDirectoryAndGoFile) {
                                   "make it writable (chmod u+w " + root + "/sub2/go2.dat)\n\nnot ready: 2 problems\n"));
 }
 
-// A driver at work in the run directory: check names it, --fix refuses to
-// touch the tree, status follows it; once it is gone status says so.
-TEST_F(CheckTest, ASecondDriverIsFoundAndFixWaitsForIt) {
-  auto driver = tree.stand_in_driver();
-  const std::string pid = std::to_string(driver->pid());
-  write_file(tree.project(1) / "go2.dat", reset_record());
-  const auto before = snapshot(tree.run().parent_path());
-  const Exit exit = check();
-  EXPECT_EQ(exit.status, 1);
-  EXPECT_THAT(exit.out, HasSubstr("\nlockstep is already running in this run directory (PID " + pid +
-                                  "): a second driver would lose stages; wait for it to end or stop it (kill " + pid + ")\n"));
-  const Exit fix = check({"--fix"});
-  EXPECT_EQ(fix.status, 1);
-  EXPECT_EQ(fix.err, "lockstepctl check: lockstep is running in " +
-                         std::filesystem::absolute(tree.run()).string() + " (PID " + pid +
-                         "); --fix changes nothing while it runs\n");
-  EXPECT_EQ(snapshot(tree.run().parent_path()), before);
-}
-
 // What a killed driver and killed projects leave behind, made ready for a
 // fresh start, with nothing else touched.
 TEST_F(CheckTest, FixPreparesACrashedTreeAndListsWhatItChanged) {
@@ -220,6 +203,51 @@ TEST_F(CheckTest, FixPreparesACrashedTreeAndListsWhatItChanged) {
   EXPECT_EQ(exit.status, 1);
   EXPECT_THAT(exit.out, HasSubstr("\nnot ready: 1 problem\n"));
   EXPECT_EQ(check({"--fix"}).out.substr(0, 18), "nothing to change\n");
+}
+
+// Nobody plays sub1: the driver waits for it. status names it, how long it
+// has held the run and where the run stands; check names the driver, and
+// --fix touches nothing while it runs.
+TEST(LiveRunTest, AProjectThatNeverAnswersHoldsTheRunAndTheToolsSayWhy) {
+  RunTree tree;
+  tree.projects(1, "#!/bin/sh\n");
+  tree.settings(1, 1, 1);
+  Players players(tree);
+  players.play(0, 0, 5);
+  Background driver({LOCKSTEP_BINARY}, tree.run());
+  ASSERT_TRUE(wait_until([&] {
+    return !read_file(tree.project(0) / "requests.log").empty() && read_file(tree.project(0) / "go2.dat") == "0\n";
+  }));
+  const std::string pid = std::to_string(driver.pid());
+  // Reset 90 seconds ago, as status sees it.
+  const auto held = tree.project(1) / "go2.dat";
+  const timespec times[2] = {{time(nullptr) - 90, 0}, {time(nullptr) - 90, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, held.c_str(), times, 0), 0);
+  const auto before = snapshot(tree.run().parent_path());
+  const Exit status = run_program({LOCKSTEPCTL_BINARY, "status", "."}, tree.run());
+  EXPECT_THAT(status.out, HasSubstr("\nlockstep: running (PID " + pid + ")\n"));
+  EXPECT_THAT(status.out, HasSubstr("request: cycle 1, time step 1, stage 1\n"
+                                    "position: cycle 1 of 1, time step 1 of 1, stage 1 of 4; 0 of 5 stages done\n"));
+  const std::string held_row = "main    yes\nsub1    no      ";
+  const std::size_t row = status.out.find(held_row);
+  ASSERT_NE(row, std::string::npos) << status.out;
+  const double held_for = std::strtod(status.out.c_str() + row + held_row.size(), nullptr);
+  EXPECT_GE(held_for, 90.0);
+  EXPECT_LT(held_for, 150.0);
+  EXPECT_THAT(status.out, HasSubstr("\nwaiting for: sub1\n"));
+
+  const Exit check = run_program({LOCKSTEPCTL_BINARY, "check", "run"}, tree.run().parent_path());
+  EXPECT_EQ(check.status, 1);
+  EXPECT_THAT(check.out, HasSubstr("\nlockstep is already running in this run directory (PID " + pid +
+                                   "): a second driver would lose stages; wait for it to end or stop it (kill " + pid +
+                                   ")\n"));
+  const Exit fix = run_program({LOCKSTEPCTL_BINARY, "check", "run", "--fix"}, tree.run().parent_path());
+  EXPECT_EQ(fix.status, 1);
+  EXPECT_EQ(fix.err, "lockstepctl check: lockstep is running in " + std::filesystem::absolute(tree.run()).string() +
+                         " (PID " + pid + "); --fix changes nothing while it runs\n");
+  EXPECT_EQ(snapshot(tree.run().parent_path()), before);
+  EXPECT_FALSE(driver.wait(std::chrono::seconds(0)));
+  EXPECT_EQ(read_file(tree.project(0) / "requests.log"), stage_record(1, 1, 1));
 }
 
 // Without a driver, status tells a finished run from a stopped one, counts

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "run_tree.h"
 
@@ -22,17 +23,17 @@ constexpr int kStages = kCycles * (kTimeSteps * 4 + 1);
 class RecordTest : public ::testing::Test {
  protected:
   // main and sub2 answer at once; sub1 takes 50 ms.
-  explicit RecordTest(int cycles = kCycles) {
-    tree.settings(kTimeSteps, cycles, 2);
+  RecordTest() {
+    tree.settings(kTimeSteps, kCycles, 2);
     tree.projects(2, "#!/bin/sh\n");
     for (int index = 0; index <= 2; ++index) {
-      players.agent(index, {"--last-cycle", std::to_string(cycles)},
+      players.agent(index, {"--last-cycle", std::to_string(kCycles)},
                     std::string(index == 1 ? "sleep 0.05; " : "") + kLogCommand);
     }
   }
 
-  json report() {
-    const Exit exit = run_program({LOCKSTEPCTL_BINARY, "report", recording, "--json"}, tree.run());
+  json report(const std::string& file) {
+    const Exit exit = run_program({LOCKSTEPCTL_BINARY, "report", file, "--json"}, tree.run());
     EXPECT_EQ(exit.status, 0) << exit.err;
     return json::parse(exit.out);
   }
@@ -70,15 +71,30 @@ void expect_complete(const json& report, bool attached = false) {
 }
 
 // sub2's interaction program is missing: the shell says so before every
-// launching stage, and the report lists each against sub2.
+// launching stage, and the report lists each against sub2. A second
+// recorder, attached in the middle of the run, records the rest of it whole
+// and ends by itself after the last cycle end.
 TEST_F(RecordTest, TheSlowProjectHoldsTheRunAndEveryRequestIsSeenOnceWithItsDone) {
   std::filesystem::remove(tree.project(2) / "launch.sh");
+  const std::string rest = (tree.run() / "../rest.rec").string();
+  Exit attached;
+  std::thread attach([&] {
+    if (!wait_until([&] { return read_file(tree.project(0) / "agent.log").find("1 1 2") != std::string::npos; })) return;
+    attached = run_program({LOCKSTEPCTL_BINARY, "record", "--output", rest, tree.run().string()}, tree.run());
+  });
   const Exit exit = run_program(
       {LOCKSTEPCTL_BINARY, "record", "--output", recording, "--capture-stderr", "--", LOCKSTEP_BINARY}, tree.run());
+  attach.join();
   ASSERT_EQ(exit.status, 0) << exit.err;
   EXPECT_EQ(std::count(exit.out.begin(), exit.out.end(), '\n'), kStages);  // the driver's progress lines
+  ASSERT_EQ(attached.status, 0) << attached.err;
+  const json rest_summary = report(rest);
+  EXPECT_LT(rest_summary["stages"].get<int>(), kStages);
+  EXPECT_EQ(rest_summary["timeline"].back()["request"], json({{"cycle", kCycles}, {"time_step", -1}, {"stage", 5}}));
+  EXPECT_EQ(rest_summary["complete_stages"], rest_summary["stages"]);
+  expect_complete(rest_summary, true);
 
-  const json summary = report();
+  const json summary = report(recording);
   ASSERT_EQ(summary["stages"], kStages);
   std::string failures;
   for (const json& failure : summary["launch_failures"]) {
@@ -115,43 +131,19 @@ TEST_F(RecordTest, TheSlowProjectHoldsTheRunAndEveryRequestIsSeenOnceWithItsDone
   EXPECT_THAT(read_file(recording), HasSubstr("\"time_step\":2,\"cycle_num\":3}\n"));
 }
 
-// Long enough to be caught in the middle.
-class LongRunTest : public RecordTest {
- protected:
-  LongRunTest() : RecordTest(8) {}
-};
-
-// Attached while the run goes, the recorder sees the rest of it whole and
-// ends by itself after the last cycle end.
-TEST_F(LongRunTest, AttachedInTheMiddleItRecordsTheRestOfTheRun) {
-  Background driver({LOCKSTEP_BINARY}, tree.run());
-  ASSERT_TRUE(wait_until([&] { return read_file(tree.project(0) / "agent.log").find("2 1 1") != std::string::npos; }));
-  const Exit exit = run_program({LOCKSTEPCTL_BINARY, "record", "--output", recording, tree.run().string()}, tree.run());
-  ASSERT_EQ(exit.status, 0) << exit.err;
-
-  const json summary = report();
-  const json& first = summary["timeline"].front()["request"];
-  EXPECT_GE(first["cycle"].get<int>(), 2);
-  EXPECT_EQ(summary["timeline"].back()["request"], json({{"cycle", 8}, {"time_step", -1}, {"stage", 5}}));
-  EXPECT_EQ(summary["complete_stages"], summary["stages"]);
-  expect_complete(summary, true);
-}
-
 // kill -9 of the driver: the recording still tells what came before.
-TEST_F(LongRunTest, ARecordingCutShortByAKilledDriverStillReports) {
+TEST_F(RecordTest, ARecordingCutShortByAKilledDriverStillReports) {
   Background recorder({LOCKSTEPCTL_BINARY, "record", "--output", recording, "--", "/bin/sh", "-c",
                        "echo $$ > driver.pid; exec " + std::string(LOCKSTEP_BINARY)},
                       tree.run());
   ASSERT_TRUE(wait_until([&] { return read_file(tree.project(1) / "agent.log").size() >= 6 * 6; }));
   kill(std::stoi(read_file(tree.run() / "driver.pid")), SIGKILL);
-  int status = -1;
-  ASSERT_TRUE(recorder.wait(kStall, &status));
-  EXPECT_EQ(status, 128 + SIGKILL);
+  ASSERT_EQ(recorder.wait(kStall), 128 + SIGKILL);
 
-  const json summary = report();
+  const json summary = report(recording);
   EXPECT_EQ(summary["driver_exit"]["signal"], SIGKILL);
   EXPECT_GE(summary["complete_stages"].get<int>(), 6);
-  EXPECT_LT(summary["stages"].get<int>(), 8 * (kTimeSteps * 4 + 1));
+  EXPECT_LT(summary["stages"].get<int>(), kStages);
 }
 
 // Out of descriptors, the recorder cannot watch the projects and says so.

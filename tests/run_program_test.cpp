@@ -18,11 +18,16 @@ std::string progress(int k, int t, int s) {
   return line;
 }
 
-// The launch script logs its arguments and what main's go2.dat holds then.
+// The launch script logs its arguments and what main's go2.dat holds then,
+// and rewrites the settings and main's interaction file: the driver read
+// them once, at the start.
 TEST(RunProgramTest, TwoCyclesOfOneTimeStepWithTwelveSubProjects) {
   constexpr int kLast = 12;
   RunTree tree;
-  tree.projects(kLast, "#!/bin/sh\necho \"$0 $# $1 $2 $3 $4 $(cat ../main/go2.dat)\" >> launches.log\n");
+  tree.projects(kLast,
+                "#!/bin/sh\necho \"$0 $# $1 $2 $3 $4 $(cat ../main/go2.dat)\" >> launches.log\n"
+                "printf 'time_step=\\n9\\ncycle_num=\\n9\\nnum_subprojects=\\n0\\n' > analysis_settings.dat\n"
+                "echo other.sh > ../main/CalculateInteraction.dat\n");
   tree.settings(1, 2, kLast);
   Players players(tree);
   players.play(0, kLast, 10);
@@ -81,6 +86,8 @@ TEST(StartUpTest, RefusedSettingsEmptySchedulesAndUnreadableInteractionFiles) {
       {"negative cycles", schedule(1, -3), 0, ""},
       {"time step -1", schedule(-1, 5), 0, ""},
       {"one cycle end, not waited for", schedule(0, 1), 0, "", progress(1, 1, 1), [](RunTree&) {}, cycle_end_record(1)},
+      {"100 sub projects allowed, sub 3's directory missing", settings_text(1, 0, 100), 29,
+       "recio: severe (29): file not found, unit 10, file %s/../sub3/CalculateInteraction.dat"},
       {"no cycles, sub 2's directory missing", schedule(1, 0), 29,
        "recio: severe (29): file not found, unit 10, file %s/../sub2/CalculateInteraction.dat", "",
        [](RunTree& t) { std::filesystem::remove_all(t.project(2)); }},
@@ -109,25 +116,12 @@ TEST(StartUpTest, RefusedSettingsEmptySchedulesAndUnreadableInteractionFiles) {
     if (const auto at = err.find("%s"); at != std::string::npos) {
       err.replace(at, 2, std::filesystem::canonical(tree.run()).string());
     }
-    EXPECT_EQ(err.find('\n') == std::string::npos ? exit.first_error_line() : exit.err, err);
+    EXPECT_EQ(err.find('\n') == std::string::npos ? exit.err.substr(0, exit.err.find('\n')) : exit.err, err);
     EXPECT_EQ(exit.out, c.out);
     EXPECT_TRUE(std::filesystem::exists(tree.run() / "analysis_settings.dat"));  // created when missing
     EXPECT_EQ(read_file(tree.project(0) / "go.dat"), c.go);
     EXPECT_EQ(read_file(tree.project(0) / "go2.dat"), c.go.empty() ? "0\n" : reset_record());
   }
-}
-
-TEST(RunProgramTest, HundredSubProjectsShareTheStarDirectory) {
-  RunTree tree;
-  tree.projects(99);
-  write_file(tree.run() / "../sub**/CalculateInteraction.dat", "p\n");
-  write_file(tree.run() / "../sub**/go2.dat", "0\n");
-  tree.settings(0, 1, 100);
-  const Exit exit = tree.lockstep();
-  ASSERT_EQ(exit.status, 0) << exit.err;
-  EXPECT_EQ(read_file(tree.run() / "../sub**/go.dat"), cycle_end_record(1));
-  EXPECT_EQ(read_file(tree.run() / "../sub**/go2.dat"), reset_record());
-  EXPECT_EQ(read_file(tree.project(99) / "go.dat"), cycle_end_record(1));
 }
 
 }  // namespace

@@ -63,16 +63,6 @@ class RunTree {
 
   Exit lockstep() const { return run_program({LOCKSTEP_BINARY}, run()); }
 
-  // A process that `lockstepctl` takes for a driver working in run/; it
-  // ends with the object.
-  std::unique_ptr<Background> stand_in_driver() const {
-    auto driver =
-        std::make_unique<Background>(std::vector<std::string>{"bash", "-c", "exec -a lockstep sleep 600"}, run());
-    const std::string comm = "/proc/" + std::to_string(driver->pid()) + "/comm";
-    EXPECT_TRUE(wait_until([&] { return read_file(comm) == "sleep\n"; }));
-    return driver;
-  }
-
  private:
   TempDir root_;
 };
@@ -128,11 +118,7 @@ class Players {
 
   // Every player has ended by itself, with status 0.
   void finish() {
-    for (auto& player : players_) {
-      int status = -1;
-      ASSERT_TRUE(player->wait(kStall, &status));
-      EXPECT_EQ(status, 0);
-    }
+    for (auto& player : players_) EXPECT_EQ(player->wait(kStall), 0);
   }
 
  private:

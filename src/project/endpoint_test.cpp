@@ -38,25 +38,39 @@ TEST(GoRecordParseTest, OnlyCompleteDriverRecordsCount) {
   EXPECT_TRUE(end.cycle_end() && !stage.cycle_end());
 }
 
-TEST(EndpointTest, ActsOnlyOnARequestAfterTheResetAndReportsByRename) {
+// A project directory and what a project sees of it.
+class EndpointTest : public ::testing::Test {
+ protected:
+  // An endpoint on the directory once its go files hold `go2` and `go`.
+  std::unique_ptr<Endpoint> open(const std::string& go2_content, const std::string& go_content,
+                                 const WaitSettings& settings = {}) {
+    write_file(go2, go2_content);
+    testing::plant(go, go_content);
+    std::string error;
+    auto endpoint = Endpoint::open(dir.path().string(), error, settings);
+    EXPECT_TRUE(endpoint) << error;
+    return endpoint;
+  }
+
   testing::TempDir dir;
-  const auto go = dir.path() / "go.dat";
-  const auto go2 = dir.path() / "go2.dat";
-  write_file(go2, "0\n");
-  write_file(go, stage_record(1, 1, 1));
-  std::string error;
+  const std::filesystem::path go = dir.path() / "go.dat";
+  const std::filesystem::path go2 = dir.path() / "go2.dat";
+  const std::string where = dir.path().string();
+  Request request;
+};
+
+TEST_F(EndpointTest, ActsOnlyOnARequestAfterTheResetAndReportsByRename) {
   // Polled every millisecond, so that each look below is a new one.
-  const auto endpoint = Endpoint::open(dir.path().string(), error, {WaitMode::kPolling, std::chrono::milliseconds{1}});
-  ASSERT_TRUE(endpoint) << error;
+  const auto endpoint = open("0\n", stage_record(1, 1, 1), {WaitMode::kPolling, std::chrono::milliseconds{1}});
   EXPECT_EQ(endpoint->describe_mode(), "polling (local), at most every 1 ms");
   // Not a directory: refused.
+  std::string error;
   EXPECT_FALSE(Endpoint::open(go.string(), error));
   EXPECT_EQ(error, "project directory " + go.string() + ": not a directory");
 
   // A request with go2.dat still done is the one already served; the reset
   // without a request is the driver between its two writes.
   std::atomic<int> polls = 0;
-  Request request;
   const auto stop_after = [&](int limit) { return [&, limit] { return ++polls >= limit; }; };
   EXPECT_EQ(endpoint->wait(request, stop_after(20)), WaitResult::kStopped);
   write_file(go2, reset_record());
@@ -70,9 +84,7 @@ TEST(EndpointTest, ActsOnlyOnARequestAfterTheResetAndReportsByRename) {
   });
   EXPECT_EQ(endpoint->wait(request), WaitResult::kRequest);
   driver.join();
-  EXPECT_EQ(request.cycle, 2);
-  EXPECT_EQ(request.time_step, 3);
-  EXPECT_EQ(request.stage, 4);
+  EXPECT_EQ(request, (Request{2, 3, 4}));
 
   struct stat before {};
   ASSERT_EQ(stat(go2.c_str(), &before), 0);
@@ -84,7 +96,7 @@ TEST(EndpointTest, ActsOnlyOnARequestAfterTheResetAndReportsByRename) {
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 2) << "temporary file left";
 }
 
-TEST(EndpointTest, RequestsComeInTheDriversOrder) {
+TEST(RequestOrderTest, RequestsComeInTheDriversOrder) {
   const Request order[] = {{1, 1, 1}, {1, 1, 4},  {1, 2, 1},          {1, 2147483647, 4}, {1, -1, 5},
                            {2, 1, 1}, {2, -1, 5}, {2147483647, 1, 1}, {2147483647, -1, 5}};
   for (std::size_t i = 0; i < std::size(order); ++i) {
@@ -97,54 +109,38 @@ TEST(EndpointTest, RequestsComeInTheDriversOrder) {
 // The driver moving on under a project: a request served after the driver
 // stopped waiting, after the tree was reset, after another process reported
 // it, and a request earlier than the last one served.
-TEST(EndpointTest, NothingIsReportedDoneOnceTheDriverHasMovedOn) {
-  testing::TempDir dir;
-  const auto go = dir.path() / "go.dat";
-  const auto go2 = dir.path() / "go2.dat";
-  std::string error;
-  const auto endpoint = Endpoint::open(dir.path().string(), error);
-  ASSERT_TRUE(endpoint) << error;
-  Request request;
-  EXPECT_EQ(endpoint->report_done(), DoneResult::kError);
+TEST_F(EndpointTest, NothingIsReportedDoneOnceTheDriverHasMovedOn) {
+  struct Case {
+    std::string go2, go;  // written after the request was handed out
+    std::string error;
+  };
+  const std::string late = "cycle 1, time step 1, stage 1 was served too late in " + where +
+                           ": the driver no longer waits for it and ";
+  const Case cases[] = {
+      {reset_record(), stage_record(1, 1, 2), late + "now asks for cycle 1, time step 1, stage 2; not reported done"},
+      {reset_record(), reset_record(), late + "has reset the go files; not reported done"},
+      {"0\n", stage_record(1, 1, 1), "cycle 1, time step 1, stage 1 in " + where +
+                                          " was reported done meanwhile by another process"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.error);
+    const auto own = open(reset_record(), stage_record(1, 1, 1));
+    ASSERT_EQ(own->wait(request), WaitResult::kRequest);
+    write_file(go2, c.go2);
+    write_file(go, c.go);
+    EXPECT_EQ(own->report_done(), DoneResult::kOverrun);
+    EXPECT_EQ(own->error(), c.error);
+    EXPECT_EQ(read_file(go2), c.go2);
+  }
 
+  // A driver restarted from the start: the request is handed out, and named.
+  const auto endpoint = open("0\n", "");
+  EXPECT_EQ(endpoint->report_done(), DoneResult::kError);
   const auto hand_out = [&](const std::string& record) {
     write_file(go2, reset_record());
     write_file(go, record);
     return endpoint->wait(request);
   };
-  struct Case {
-    std::string after_handing_out;  // go2.dat, then go.dat; empty: untouched
-    std::string go2, go;
-    std::string error;
-  };
-  const std::string where = " in " + dir.path().string();
-  const Case cases[] = {
-      {"next request", reset_record(), stage_record(1, 1, 2),
-       "cycle 1, time step 1, stage 1 was served too late" + where +
-           ": the driver no longer waits for it and now asks for cycle 1, time step 1, stage 2; not reported done"},
-      {"reset only", reset_record(), reset_record(),
-       "cycle 1, time step 1, stage 1 was served too late" + where +
-           ": the driver no longer waits for it and has reset the go files; not reported done"},
-      {"done by another", "0\n", stage_record(1, 1, 1),
-       "cycle 1, time step 1, stage 1" + where + " was reported done meanwhile by another process"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.after_handing_out);
-    testing::TempDir fresh;
-    const auto own = Endpoint::open(fresh.path().string(), error);
-    write_file(fresh.path() / "go2.dat", reset_record());
-    write_file(fresh.path() / "go.dat", stage_record(1, 1, 1));
-    ASSERT_EQ(own->wait(request), WaitResult::kRequest);
-    write_file(fresh.path() / "go2.dat", c.go2);
-    write_file(fresh.path() / "go.dat", c.go);
-    EXPECT_EQ(own->report_done(), DoneResult::kOverrun);
-    std::string expected = c.error;
-    expected.replace(expected.find(where), where.size(), " in " + fresh.path().string());
-    EXPECT_EQ(own->error(), expected);
-    EXPECT_EQ(read_file(fresh.path() / "go2.dat"), c.go2);
-  }
-
-  // A driver restarted from the start: the request is handed out, and named.
   ASSERT_EQ(hand_out(stage_record(1, 2, 1)), WaitResult::kRequest);
   ASSERT_EQ(endpoint->report_done(), DoneResult::kDone);
   EXPECT_EQ(hand_out(stage_record(1, 2, 1)), WaitResult::kOutOfOrder);
@@ -158,7 +154,7 @@ TEST(EndpointTest, NothingIsReportedDoneOnceTheDriverHasMovedOn) {
   EXPECT_EQ(hand_out(cycle_end_record(1)), WaitResult::kRequest);
 }
 
-TEST(EndpointTest, GoFilesThatHoldNoRequestAreErrors) {
+TEST_F(EndpointTest, GoFilesThatHoldNoRequestAreErrors) {
   const std::pair<std::string, std::string> cases[] = {
       {"<fifo>", "/go.dat is a FIFO, not a regular file"},
       {"-> /dev/zero", "/go.dat is a character device, not a regular file"},
@@ -168,29 +164,21 @@ TEST(EndpointTest, GoFilesThatHoldNoRequestAreErrors) {
   };
   for (const auto& [content, message] : cases) {
     SCOPED_TRACE(message);
-    testing::TempDir dir;
-    write_file(dir.path() / "go2.dat", reset_record());
-    testing::plant(dir.path() / "go.dat", content);
-    std::string error;
-    const auto endpoint = Endpoint::open(dir.path().string(), error);
-    Request request;
+    const auto endpoint = open(reset_record(), content);
     EXPECT_EQ(endpoint->wait(request), WaitResult::kError);
-    EXPECT_EQ(endpoint->error(), dir.path().string() + message);
+    EXPECT_EQ(endpoint->error(), where + message);
   }
 }
 
-TEST(EndpointTest, OneLockHolderPerDirectory) {
-  testing::TempDir dir;
-  std::string error;
-  auto first = Endpoint::open(dir.path().string(), error);
-  const auto second = Endpoint::open(dir.path().string(), error);
+TEST_F(EndpointTest, OneLockHolderPerDirectory) {
+  auto first = open("0\n", "");
+  const auto second = open("0\n", "");
   ASSERT_TRUE(first->lock()) << first->error();
   EXPECT_FALSE(second->lock());
   char host[256] = {};
   gethostname(host, sizeof host - 1);
-  EXPECT_EQ(second->error(), dir.path().string() + " is already served by PID " + std::to_string(getpid()) +
-                                 " on host " + host + " (it holds " + dir.path().string() +
-                                 "/.lockstep.lock); stop that one first");
+  EXPECT_EQ(second->error(), where + " is already served by PID " + std::to_string(getpid()) + " on host " + host +
+                                 " (it holds " + where + "/.lockstep.lock); stop that one first");
   // Released when its holder goes, as the kernel does when a holder dies.
   first.reset();
   EXPECT_TRUE(second->lock()) << second->error();

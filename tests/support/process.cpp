@@ -113,8 +113,6 @@ void hand_out(const std::filesystem::path& project, const std::string& request) 
   write_file(project / "go.dat", request);
 }
 
-std::string Exit::first_error_line() const { return err.substr(0, err.find('\n')); }
-
 bool wait_until(const std::function<bool()>& condition, const std::function<std::string()>& progress,
                 std::chrono::seconds stall) {
   std::string last = progress ? progress() : "";
@@ -165,16 +163,11 @@ Background::~Background() {
   }
 }
 
-void Background::signal(int signal_number) {
-  if (pid_ > 0) kill(pid_, signal_number);
-}
-
-bool Background::wait(std::chrono::seconds timeout, int* status) {
+std::optional<int> Background::wait(std::chrono::seconds timeout) {
   int raw_status = 0;
-  if (!wait_until([&] { return waitpid(pid_, &raw_status, WNOHANG) == pid_; }, {}, timeout)) return false;
+  if (!wait_until([&] { return waitpid(pid_, &raw_status, WNOHANG) == pid_; }, {}, timeout)) return std::nullopt;
   pid_ = -1;
-  if (status != nullptr) *status = WIFEXITED(raw_status) ? WEXITSTATUS(raw_status) : -1;
-  return true;
+  return WIFEXITED(raw_status) ? WEXITSTATUS(raw_status) : -1;
 }
 
 }  // namespace lockstep::testing

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -43,8 +44,6 @@ struct Exit {
   std::string err;
   long max_rss_kib = 0;     // the program's peak resident memory
   double cpu_seconds = 0;   // user and system time of the program and its children
-  // The first line of standard error, without its line feed.
-  std::string first_error_line() const;
 };
 
 // How long a test waits for something that shows no progress. Waits end on
@@ -72,10 +71,9 @@ class Background {
   ~Background();
   Background(const Background&) = delete;
   Background& operator=(const Background&) = delete;
-  // Waits for the program to end by itself; false when it is still running
-  // after `timeout`.
-  bool wait(std::chrono::seconds timeout, int* status = nullptr);
-  void signal(int signal_number);
+  // Waits for the program to end by itself and returns its exit status, -1
+  // when killed by a signal; nothing when it still runs after `timeout`.
+  std::optional<int> wait(std::chrono::seconds timeout);
   pid_t pid() const { return pid_; }
 
  private:
