@@ -6,14 +6,17 @@
 #include <optional>
 #include <string>
 
-#include "buffer_file_system.h"
+#include "memory_file_system.h"
 #include "records/input.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 2) return 0;
   const std::size_t chunk = data[0] % 17;
   const unsigned pattern = data[1];
-  lockstep::fuzz::BufferFileSystem fs(std::string(reinterpret_cast<const char*>(data) + 2, size - 2), chunk);
+  lockstep::testing::MemoryFileSystem fs;
+  fs.logging = false;
+  fs.read_chunk = chunk;
+  fs.set_file("analysis_settings.dat", std::string(reinterpret_cast<const char*>(data) + 2, size - 2));
   lockstep::records::InputFile file(fs);
   if (!file.open(23, "analysis_settings.dat", lockstep::records::Access::kUnspecified).ok()) std::abort();
   for (unsigned step = 0; step < 1000; ++step) {

@@ -5,11 +5,13 @@
 #include <optional>
 #include <string>
 
-#include "buffer_file_system.h"
+#include "memory_file_system.h"
 #include "config/settings.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  lockstep::fuzz::BufferFileSystem fs(std::string(reinterpret_cast<const char*>(data), size), 0);
+  lockstep::testing::MemoryFileSystem fs;
+  fs.logging = false;
+  fs.set_file("analysis_settings.dat", std::string(reinterpret_cast<const char*>(data), size));
   std::optional<lockstep::config::Settings> settings;
   const lockstep::records::Status status = lockstep::config::read_settings(fs, settings);
   if (!status.ok() && settings) std::abort();

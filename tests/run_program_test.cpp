@@ -1,8 +1,6 @@
 // The driver stepping run trees, from start-up to the end of the run.
 #include <gtest/gtest.h>
 
-#include <functional>
-
 #include "handshake/go_files.h"
 #include "run_tree.h"
 
@@ -58,58 +56,48 @@ TEST(RunProgramTest, TwoCyclesOfOneTimeStepWithTwelveSubProjects) {
 
 // Runs that end at start-up or after one cycle end: settings refused, an
 // empty schedule, an interaction file that cannot be read. Nothing is asked
-// of the projects beyond the schedule.
+// of the projects beyond the schedule, and an endless settings file does
+// not fill the driver's memory.
 TEST(StartUpTest, RefusedSettingsEmptySchedulesAndUnreadableInteractionFiles) {
   struct Case {
     const char* name;
-    std::string settings;  // "<none>": no file; "<directory>": a directory in its place
+    std::string settings;  // planted as analysis_settings.dat
     int status;
     std::string err;  // its first line, or all of it when it has several; "%s": the run directory's full path
     std::string out = {};
-    std::function<void(RunTree&)> plant = [](RunTree&) {};
+    std::string path = {}, content = {};  // planted in the tree as well
     std::string go = {};  // main's, "" when none was written
   };
   const auto schedule = [](int time_step, int cycle_num) { return settings_text(time_step, cycle_num, 2); };
   const std::string settings_file = " unit 23, file %s/analysis_settings.dat";
   const std::string interaction_file = " unit 10, file %s/../sub1/CalculateInteraction.dat";
   const Case cases[] = {
-      {"settings missing", "<none>", 24,
+      {"settings missing", "<missing>", 24,
        "recio: severe (24): end-of-file during read," + settings_file +
            "\n    in fixed-width text read, record 1\n    in settings reader, key \"time_step=\"\n    in run start-up\n"},
       {"key past the search limit", "cycle_num=\n1\nnum_subprojects=\n0\n" + std::string(20000, '\n'), 0, "",
        " Parameter reading failed!\n"},
-      {"malformed value", "time_step=\n4.0\n", 59, "recio: severe (59): list-directed I/O syntax error," + settings_file},
       {"settings a directory", "<directory>", 30, "recio: severe (30): open failure," + settings_file},
+      {"settings an endless device", "-> /dev/zero", 39, "recio: severe (39): error during read," + settings_file},
       {"more than 100 sub projects", settings_text(1, 1, 101), 2,
        "lockstep: num_subprojects is 101 in analysis_settings.dat; the limit is 100\n"},
       {"no cycles", schedule(1, 0), 0, ""},
       {"negative cycles", schedule(1, -3), 0, ""},
       {"time step -1", schedule(-1, 5), 0, ""},
-      {"one cycle end, not waited for", schedule(0, 1), 0, "", progress(1, 1, 1), [](RunTree&) {}, cycle_end_record(1)},
+      {"one cycle end, not waited for", schedule(0, 1), 0, "", progress(1, 1, 1), "", "", cycle_end_record(1)},
       {"100 sub projects allowed, sub 3's directory missing", settings_text(1, 0, 100), 29,
        "recio: severe (29): file not found, unit 10, file %s/../sub3/CalculateInteraction.dat"},
-      {"no cycles, sub 2's directory missing", schedule(1, 0), 29,
-       "recio: severe (29): file not found, unit 10, file %s/../sub2/CalculateInteraction.dat", "",
-       [](RunTree& t) { std::filesystem::remove_all(t.project(2)); }},
       {"interaction file missing", schedule(1, 1), 24, "recio: severe (24): end-of-file during read," + interaction_file,
-       "", [](RunTree& t) { std::filesystem::remove(t.project(1) / "CalculateInteraction.dat"); }},
+       "", "sub1/CalculateInteraction.dat", "<missing>"},
       {"project directory is a file", schedule(1, 1), 43,
-       "recio: severe (43): file name specification error," + interaction_file, "",
-       [](RunTree& t) {
-         std::filesystem::remove_all(t.project(1));
-         write_file(t.project(1), "");
-       }},
+       "recio: severe (43): file name specification error," + interaction_file, "", "sub1", ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     RunTree tree;
     tree.projects(2);
-    if (c.settings == "<directory>") {
-      std::filesystem::create_directory(tree.run() / "analysis_settings.dat");
-    } else if (c.settings != "<none>") {
-      tree.settings(c.settings);
-    }
-    c.plant(tree);
+    plant(tree.run() / "analysis_settings.dat", c.settings);
+    if (!c.path.empty()) plant(tree.run().parent_path() / c.path, c.content);
     const Exit exit = tree.lockstep();
     EXPECT_EQ(exit.status, c.status);
     std::string err = c.err;
@@ -118,6 +106,7 @@ TEST(StartUpTest, RefusedSettingsEmptySchedulesAndUnreadableInteractionFiles) {
     }
     EXPECT_EQ(err.find('\n') == std::string::npos ? exit.err.substr(0, exit.err.find('\n')) : exit.err, err);
     EXPECT_EQ(exit.out, c.out);
+    EXPECT_LT(exit.max_rss_kib, 400 * 1024);
     EXPECT_TRUE(std::filesystem::exists(tree.run() / "analysis_settings.dat"));  // created when missing
     EXPECT_EQ(read_file(tree.project(0) / "go.dat"), c.go);
     EXPECT_EQ(read_file(tree.project(0) / "go2.dat"), c.go.empty() ? "0\n" : reset_record());

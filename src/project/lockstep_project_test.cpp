@@ -25,8 +25,7 @@ TEST(CInterfaceTest, DistinctCodesForEachWayTheDriverMovesOn) {
   ASSERT_NE(project, nullptr) << error;
   EXPECT_EQ(lockstep_project_lock(project), LOCKSTEP_PROJECT_OK);
   EXPECT_EQ(lockstep_project_lock(second), LOCKSTEP_PROJECT_ERROR);
-  const std::string served = dir.path().string() + " is already served by PID ";
-  EXPECT_EQ(std::string(lockstep_project_error(second)).substr(0, served.size()), served);
+  EXPECT_NE(std::string(lockstep_project_error(second)).find(" is already served by PID "), std::string::npos);
   lockstep_project_close(second);
 
   int cycle = 0, time_step = 0, stage = 0;

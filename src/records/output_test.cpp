@@ -28,8 +28,6 @@ TEST(FieldTest, IntegerFieldsAtTheirEdgesAndConcatenation) {
   for (const Case& c : cases) {
     EXPECT_EQ(format_integer(c.value, c.width), c.expected) << c.value << " in " << c.width;
   }
-  EXPECT_EQ(format_integer_or_full(100000, 5), "100000");
-  EXPECT_EQ(format_integer_or_full(12, 5), "   12");
   // Concatenation fills or cuts.
   EXPECT_EQ(concatenate({"../sub", "3", "/"}, 8), "../sub3/");
   EXPECT_EQ(concatenate({"ab", "cd"}, 6), "abcd  ");

@@ -6,12 +6,6 @@
 
 namespace lockstep::testing {
 
-std::optional<std::string> MemoryFileSystem::file(const std::string& path) const {
-  const auto found = files_.find(path);
-  if (found == files_.end()) return std::nullopt;
-  return found->second;
-}
-
 int MemoryFileSystem::call(const std::string& operation, const std::string& path, const std::string& mode) {
   if (logging) log_.push_back(operation + " " + path + mode);
   const auto failure = failures_.find({operation, path});
@@ -39,7 +33,8 @@ ssize_t MemoryFileSystem::read(int fd, char* buffer, std::size_t size) {
   auto& [path, position] = found->second;
   if (before_read) before_read(path);
   const std::string& content = files_[path];
-  const std::size_t n = std::min(content.size() > position ? content.size() - position : 0, size);
+  const std::size_t n = std::min({content.size() > position ? content.size() - position : 0, size,
+                                   read_chunk > 0 ? read_chunk : size});
   std::memcpy(buffer, content.data() + position, n);
   position += n;
   return static_cast<ssize_t>(n);

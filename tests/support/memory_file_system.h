@@ -20,7 +20,9 @@ class MemoryFileSystem final : public records::FileSystem {
 
   void add_directory(const std::string& path) { directories_.insert(path); }
   void set_file(const std::string& path, std::string content) { files_[path] = std::move(content); }
-  std::optional<std::string> file(const std::string& path) const;
+  std::optional<std::string> file(const std::string& path) const {
+    return files_.count(path) != 0 ? std::optional(files_.at(path)) : std::nullopt;
+  }
 
   // The next `count` opens, writes or closes of `path` fail with `os_error`.
   void fail_opens(const std::string& path, int count, int os_error) { failures_[{"open", path}] = {count, os_error}; }
@@ -29,6 +31,8 @@ class MemoryFileSystem final : public records::FileSystem {
 
   // Called before every read of a file, with its path.
   std::function<void(const std::string&)> before_read;
+  // The most a read returns; 0 for as much as is asked for.
+  std::size_t read_chunk = 0;
 
   // "open PATH MODE", "write PATH", "close PATH", in order, while `logging`.
   bool logging = true;

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -19,17 +20,19 @@ namespace lockstep::testing {
 namespace {
 
 // The programs under test (lockstep, lockstepctl) run behind the words of
-// LOCKSTEP_TEST_WRAPPER when it is set, for instance under valgrind.
-std::vector<std::string> wrapped(const std::vector<std::string>& argv) {
+// LOCKSTEP_TEST_WRAPPER when it is set, for instance under valgrind, also
+// when another program (setpriv) starts them.
+std::vector<std::string> wrapped(std::vector<std::string> argv) {
   const char* wrapper = std::getenv("LOCKSTEP_TEST_WRAPPER");
-  if (wrapper == nullptr || std::filesystem::path(argv.front()).filename().string().rfind("lockstep", 0) != 0) {
-    return argv;
-  }
+  const auto program = std::find_if(argv.begin(), argv.end(), [](const std::string& word) {
+    return std::filesystem::path(word).filename().string().rfind("lockstep", 0) == 0;
+  });
+  if (wrapper == nullptr || program == argv.end()) return argv;
   std::vector<std::string> words;
   std::istringstream split(wrapper);
   for (std::string word; split >> word;) words.push_back(word);
-  words.insert(words.end(), argv.begin(), argv.end());
-  return words;
+  argv.insert(program, words.begin(), words.end());
+  return argv;
 }
 
 // Standard input is /dev/null; an empty `out` or `err` keeps the test's own.
@@ -55,8 +58,8 @@ pid_t spawn(const std::vector<std::string>& command, const std::filesystem::path
 }
 
 std::string size_of(const std::string& path) {
-  struct stat info {};
-  return ::stat(path.c_str(), &info) == 0 ? std::to_string(info.st_size) : "";
+  std::error_code missing;
+  return std::to_string(std::filesystem::file_size(path, missing));
 }
 
 }  // namespace
@@ -94,7 +97,12 @@ void make_executable(const std::filesystem::path& path) {
 }
 
 void plant(const std::filesystem::path& path, const std::string& content) {
-  if (content == "<not executable>") return std::filesystem::permissions(path, std::filesystem::perms::owner_read);
+  using std::filesystem::perms;
+  if (content == "<read-only>") {
+    const perms read_and_search = perms::owner_read | perms::owner_exec | perms::group_read | perms::group_exec |
+                                  perms::others_read | perms::others_exec;
+    return std::filesystem::permissions(path, std::filesystem::is_directory(path) ? read_and_search : perms::owner_read);
+  }
   std::filesystem::remove_all(path);
   if (content == "<fifo>") {
     if (mkfifo(path.c_str(), 0666) != 0) throw std::runtime_error("mkfifo failed");

@@ -31,8 +31,9 @@ void write_file(const std::filesystem::path& path, const std::string& content);
 void make_executable(const std::filesystem::path& path);
 // Puts `content` at `path`: "<missing>" removes what is there, "<fifo>"
 // makes a FIFO, "<directory>" a directory, "-> TARGET" a symbolic link,
-// "<not executable>" leaves the file readable only; anything else is
-// written as the file's bytes.
+// "<read-only>" leaves a file readable only by its owner and a directory
+// readable and searchable only; anything else is written as the file's
+// bytes.
 void plant(const std::filesystem::path& path, const std::string& content);
 // Writes `request` into the project directory's go.dat as the driver does:
 // go.dat reset first, then go2.dat, then the request.
