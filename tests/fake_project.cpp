@@ -5,7 +5,6 @@
 // It ends after REQUESTS requests. --random answers each request after 0 to
 // 2 ms and reports done in place or by rename, at random.
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -25,10 +24,6 @@ void write_in_place(const std::string& path, const std::string& content) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 4) {
-    std::fprintf(stderr, "usage: fake_project DIR LOG REQUESTS [--rename] [--random SEED]\n");
-    return 2;
-  }
   const std::string go = std::string(argv[1]) + "/go.dat";
   const std::string go2 = std::string(argv[1]) + "/go2.dat";
   const long requests = std::strtol(argv[3], nullptr, 10);

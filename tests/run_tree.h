@@ -18,16 +18,24 @@ namespace lockstep::testing {
 using ::testing::HasSubstr;
 
 // Every request one project receives in a run of `cycles` cycles of
-// `time_steps` time steps, as go.dat holds them, in order.
-inline std::string all_requests(int cycles, int time_steps) {
+// `time_steps` time steps, in order, each as `line` writes it.
+template <typename Line>
+std::string each_request(int cycles, int time_steps, Line line) {
   std::string all;
   for (int k = 1; k <= cycles; ++k) {
     for (int t = 1; t <= time_steps; ++t) {
-      for (int s = 1; s <= 4; ++s) all += handshake::stage_record(k, t, s);
+      for (int s = 1; s <= 4; ++s) all += line(k, t, s);
     }
-    all += handshake::cycle_end_record(k);
+    all += line(k, -1, 5);
   }
   return all;
+}
+
+// Every request of such a run as go.dat holds it.
+inline std::string all_requests(int cycles, int time_steps) {
+  return each_request(cycles, time_steps, [](int k, int t, int s) {
+    return t == -1 ? handshake::cycle_end_record(k) : handshake::stage_record(k, t, s);
+  });
 }
 
 // analysis_settings.dat holding these values.
@@ -83,16 +91,11 @@ inline const std::string kLogCommand =
     "[ \"$1 $2 $3 $PWD\" = \"$LOCKSTEP_CYCLE $LOCKSTEP_TIME_STEP $LOCKSTEP_STAGE $LOCKSTEP_PROJECT_DIR\" ] && "
     "echo \"$1 $2 $3\" >> \"$LOCKSTEP_PROJECT_DIR/agent.log\"";
 
-// Every request of `cycles` cycles of `time_steps` time steps, as logged.
+// Every request of such a run as kLogCommand logs it.
 inline std::string schedule(int cycles, int time_steps) {
-  std::string log;
-  for (int k = 1; k <= cycles; ++k) {
-    for (int t = 1; t <= time_steps; ++t) {
-      for (int s = 1; s <= 4; ++s) log += std::to_string(k) + " " + std::to_string(t) + " " + std::to_string(s) + "\n";
-    }
-    log += std::to_string(k) + " -1 5\n";
-  }
-  return log;
+  return each_request(cycles, time_steps, [](int k, int t, int s) {
+    return std::to_string(k) + " " + std::to_string(t) + " " + std::to_string(s) + "\n";
+  });
 }
 
 // The projects of a tree played by fake_project, each logging the requests

@@ -17,6 +17,7 @@ struct Settings {
   std::int32_t num_subprojects = 0;  // sub projects, indices 1 to num_subprojects
   // The closing time step, time_step + 1 in 32-bit arithmetic.
   std::int32_t closing_time_step() const;
+  bool operator==(const Settings&) const = default;
 };
 
 inline constexpr int kSearchLimit = 10000;

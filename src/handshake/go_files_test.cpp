@@ -62,8 +62,8 @@ TEST_F(GoFileWriterTest, ResetThenRequestInProjectOrder) {
 TEST_F(GoFileWriterTest, Failures) {
   GoFileWriter go = writer(1);
   fs.set_file("../sub1/go.dat", "an old and much longer request line\n");
-  fs.fail_opens("../sub1/go.dat", GoFileWriter::kImmediateAttempts, ENOENT);
-  fs.fail_writes("../main/go2.dat", 3, ENOSPC);
+  fs.fail("open", "../sub1/go.dat", GoFileWriter::kImmediateAttempts, ENOENT);
+  fs.fail("write", "../main/go2.dat", 3, ENOSPC);
   ASSERT_TRUE(go.reset_all().ok());
   EXPECT_EQ(fs.file("../sub1/go.dat"), reset_record());
   EXPECT_EQ(fs.file("../main/go2.dat"), reset_record());
@@ -71,7 +71,7 @@ TEST_F(GoFileWriterTest, Failures) {
   EXPECT_EQ(warnings.str(), "");
 
   // 100 immediate attempts, then pauses of 1, 2, 4, ... capped at 100 ms.
-  fs.fail_opens("../sub1/go2.dat", 150, ENOENT);
+  fs.fail("open", "../sub1/go2.dat", 150, ENOENT);
   ASSERT_TRUE(go.reset_all().ok());
   EXPECT_EQ(fs.file("../sub1/go2.dat"), reset_record());
   EXPECT_EQ(pacer.pauses, 150 - GoFileWriter::kImmediateAttempts);
@@ -79,7 +79,7 @@ TEST_F(GoFileWriterTest, Failures) {
             "lockstep: cannot write ../sub1/go2.dat: No such file or directory; retrying until it can be written\n"
             "lockstep: wrote ../sub1/go2.dat again after 4.4 s of failures\n");
 
-  fs.fail_closes("../main/go.dat", 1, EIO);
+  fs.fail("close", "../main/go.dat", 1, EIO);
   const std::size_t logged = fs.log().size();
   const records::Status status = go.reset_all();
   EXPECT_EQ(status.number(), records::error::kWriteError);

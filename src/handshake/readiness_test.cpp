@@ -49,11 +49,11 @@ TEST_F(ReadinessTest, HowManyPausesAWaitTakes) {
     fs.logging = false;
     pacer.pauses = 0;
     projects(c.go2);
-    fs.fail_opens("../main/go2.dat", c.failing_opens, ENOENT);
+    fs.fail("open", "../main/go2.dat", c.failing_opens, ENOENT);
     ASSERT_TRUE(wait().ok());
     EXPECT_EQ(pacer.pauses, c.pauses);
   }
-  fs.fail_closes("../main/go2.dat", 1, EIO);
+  fs.fail("close", "../main/go2.dat", 1, EIO);
   EXPECT_EQ(wait().number(), records::error::kReadError);
 }
 

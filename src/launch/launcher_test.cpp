@@ -19,27 +19,22 @@ std::string shell_line(int index, const std::string& record, std::int32_t cycle 
 }
 
 TEST(LauncherTest, CommandLines) {
-  struct Case {
-    const char* name;
-    std::string line;
-    std::string expected;
-  };
   const std::string thirty(30, 'x');
-  const Case cases[] = {
-      {"main", shell_line(0, "couple.sh"), R"("../main/couple.sh"  0     1     2     3)"},
-      {"sub 10", shell_line(10, "couple.sh"), R"("../sub10/couple.sh"  10     1     2     3)"},
-      {"leading blanks", shell_line(0, "  run it"), R"("../main/  run it"  0     1     2     3)"},
-      {"thirty characters", shell_line(0, thirty), "\"../main/" + thirty + "\"  0     1     2     3"},
-      {"blank record", shell_line(2, ""), R"("../sub2/"  2     1     2     3)"},
-      {"double quote", shell_line(0, "a\"b"), R"("../main/a\"b"  0     1     2     3)"},
-      {"dollar", shell_line(0, "$HOME"), R"("../main/\$HOME"  0     1     2     3)"},
-      {"backquote", shell_line(0, "a`id`"), R"("../main/a\`id\`"  0     1     2     3)"},
-      {"backslash", shell_line(0, "a\\b"), R"("../main/a\\b"  0     1     2     3)"},
-      {"five-digit cycle", shell_line(0, "p", 12345, 1, 4), R"("../main/p"  0 12345     1     4)"},
-      {"cycle above 99999", shell_line(0, "p", 100000, 123456, 1), R"("../main/p"  0 100000 123456     1)"},
-      {"sub 100", shell_line(100, "p"), R"("../sub**/p"  100     1     2     3)"},
+  const std::pair<std::string, std::string> cases[] = {
+      {shell_line(0, "couple.sh"), R"("../main/couple.sh"  0     1     2     3)"},
+      {shell_line(10, "couple.sh"), R"("../sub10/couple.sh"  10     1     2     3)"},
+      {shell_line(0, "  run it"), R"("../main/  run it"  0     1     2     3)"},
+      {shell_line(0, thirty), "\"../main/" + thirty + "\"  0     1     2     3"},
+      {shell_line(2, ""), R"("../sub2/"  2     1     2     3)"},
+      {shell_line(0, "a\"b"), R"("../main/a\"b"  0     1     2     3)"},
+      {shell_line(0, "$HOME"), R"("../main/\$HOME"  0     1     2     3)"},
+      {shell_line(0, "a`id`"), R"("../main/a\`id\`"  0     1     2     3)"},
+      {shell_line(0, "a\\b"), R"("../main/a\\b"  0     1     2     3)"},
+      {shell_line(0, "p", 12345, 1, 4), R"("../main/p"  0 12345     1     4)"},
+      {shell_line(0, "p", 100000, 123456, 1), R"("../main/p"  0 100000 123456     1)"},
+      {shell_line(100, "p"), R"("../sub**/p"  100     1     2     3)"},
   };
-  for (const Case& c : cases) EXPECT_EQ(c.line, c.expected) << c.name;
+  for (const auto& [line, expected] : cases) EXPECT_EQ(line, expected);
 }
 
 }  // namespace

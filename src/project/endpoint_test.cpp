@@ -1,7 +1,6 @@
 #include "project/endpoint.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -21,17 +20,13 @@ using testing::write_file;
 
 TEST(GoRecordParseTest, OnlyCompleteDriverRecordsCount) {
   using Kind = GoRecord::Kind;
-  struct Case {
-    std::string content;
-    Kind kind;
-  };
-  const Case cases[] = {
+  const std::pair<std::string, Kind> cases[] = {
       {stage_record(3, 12, 2), Kind::kRequest}, {cycle_end_record(25), Kind::kRequest}, {reset_record(), Kind::kReset},
       {"1 2 3 4\r\n", Kind::kRequest},          {"0 0 0 0\n", Kind::kOther},            {"", Kind::kIncomplete},
       {" 1            3", Kind::kIncomplete},   {"0\n", Kind::kMalformed},              {"1 2 3\n", Kind::kMalformed},
       {"1 2 3 4 5\n", Kind::kMalformed},        {"1 2 x 4\n", Kind::kMalformed},        {"1 2 3 99999999999\n", Kind::kMalformed},
   };
-  for (const Case& c : cases) EXPECT_EQ(parse_go_record(c.content).kind, c.kind) << '"' << c.content << '"';
+  for (const auto& [content, kind] : cases) EXPECT_EQ(parse_go_record(content).kind, kind) << '"' << content << '"';
   const Request end = parse_go_record(cycle_end_record(25)).request;
   const Request stage = parse_go_record(stage_record(3, 12, 2)).request;
   EXPECT_EQ(describe(end) + "; " + describe(stage), "the cycle-end request of cycle 25; cycle 3, time step 12, stage 2");
@@ -86,12 +81,9 @@ TEST_F(EndpointTest, ActsOnlyOnARequestAfterTheResetAndReportsByRename) {
   driver.join();
   EXPECT_EQ(request, (Request{2, 3, 4}));
 
-  struct stat before {};
-  ASSERT_EQ(stat(go2.c_str(), &before), 0);
+  const ino_t before = testing::inode(go2);
   ASSERT_EQ(endpoint->report_done(), DoneResult::kDone) << endpoint->error();
-  struct stat after {};
-  ASSERT_EQ(stat(go2.c_str(), &after), 0);
-  EXPECT_NE(after.st_ino, before.st_ino);
+  EXPECT_NE(testing::inode(go2), before);
   EXPECT_EQ(read_file(go2), "0\n");
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 2) << "temporary file left";
 }

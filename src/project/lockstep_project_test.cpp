@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <string>
 
 #include "handshake/go_files.h"
@@ -31,13 +32,13 @@ TEST(CInterfaceTest, DistinctCodesForEachWayTheDriverMovesOn) {
   int cycle = 0, time_step = 0, stage = 0;
   hand_out(stage_record(1, 2, 3));
   EXPECT_EQ(lockstep_project_wait(project, &cycle, &time_step, &stage), LOCKSTEP_PROJECT_OK);
-  EXPECT_EQ(std::to_string(cycle) + " " + std::to_string(time_step) + " " + std::to_string(stage), "1 2 3");
+  EXPECT_EQ((std::array{cycle, time_step, stage}), (std::array{1, 2, 3}));
   hand_out(stage_record(1, 2, 4));
   EXPECT_EQ(lockstep_project_done(project), LOCKSTEP_PROJECT_OVERRUN);
 
   hand_out(stage_record(1, 1, 1));
   EXPECT_EQ(lockstep_project_wait(project, &cycle, &time_step, &stage), LOCKSTEP_PROJECT_OUT_OF_ORDER);
-  EXPECT_EQ(std::to_string(cycle) + " " + std::to_string(time_step) + " " + std::to_string(stage), "1 1 1");
+  EXPECT_EQ((std::array{cycle, time_step, stage}), (std::array{1, 1, 1}));
   EXPECT_EQ(lockstep_project_done(project), LOCKSTEP_PROJECT_OK);
 
   lockstep_project_close(project);

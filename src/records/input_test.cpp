@@ -145,7 +145,7 @@ TEST_F(InputTest, OpenFailuresMapTheSystemReasonAndOnlyAccessReadCreatesNothing)
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     fs.set_file("f", "1\n");
-    fs.fail_opens("f", c.opens_failing, c.os_error);
+    fs.fail("open", "f", c.opens_failing, c.os_error);
     InputFile file(fs);
     EXPECT_EQ(file.open(unit::kProjectFile, "f", c.access).code(), c.code);
     EXPECT_EQ(file.is_open(), c.code == 0);

@@ -47,17 +47,14 @@ TEST(OutputFileTest, ReplacementKeepsTheFileAndNewFilesFollowTheUmask) {
   testing::TempDir dir;
   const std::string path = (dir.path() / "go.dat").string();
   testing::write_file(path, "a much longer previous line that must vanish\nand a second\n");
-  struct stat before {};
-  ASSERT_EQ(stat(path.c_str(), &before), 0);
+  const ino_t before = testing::inode(path);
   PosixFileSystem fs;
   OutputFile file(fs);
   ASSERT_TRUE(file.open_for_replacement(unit::kProjectFile, path).ok());
   ASSERT_TRUE(file.write(" -1000 0 0 0\n").ok());
   ASSERT_TRUE(file.close().ok());
-  struct stat after {};
-  ASSERT_EQ(stat(path.c_str(), &after), 0);
   EXPECT_EQ(testing::read_file(path), " -1000 0 0 0\n");
-  EXPECT_EQ(after.st_ino, before.st_ino);
+  EXPECT_EQ(testing::inode(path), before);
 
   const std::string fresh = (dir.path() / "new.dat").string();
   const mode_t old_mask = umask(027);
@@ -65,8 +62,7 @@ TEST(OutputFileTest, ReplacementKeepsTheFileAndNewFilesFollowTheUmask) {
   umask(old_mask);
   ASSERT_TRUE(opened.ok());
   ASSERT_TRUE(file.close().ok());
-  ASSERT_EQ(stat(fresh.c_str(), &after), 0);
-  EXPECT_EQ(after.st_mode & 0777, 0640u);
+  EXPECT_EQ(std::filesystem::status(fresh).permissions(), std::filesystem::perms{0640});
 }
 
 TEST(OutputFileTest, FailuresCarryTheSystemReason) {
@@ -77,10 +73,10 @@ TEST(OutputFileTest, FailuresCarryTheSystemReason) {
   EXPECT_EQ(missing.os_error(), ENOENT);
   EXPECT_EQ(missing.trail(), std::vector<std::string>{"open for replacement: No such file or directory"});
 
-  fs.fail_writes("go.dat", 1, ENOSPC);
+  fs.fail("write", "go.dat", 1, ENOSPC);
   ASSERT_TRUE(file.open_for_replacement(unit::kProjectFile, "go.dat").ok());
   EXPECT_EQ(file.write("x\n").number(), error::kWriteError);
-  fs.fail_closes("go.dat", 1, EIO);
+  fs.fail("close", "go.dat", 1, EIO);
   EXPECT_EQ(file.close().os_error(), EIO);
 }
 

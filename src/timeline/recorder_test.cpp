@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
+#include <utility>
 
 #include "handshake/go_files.h"
 #include "process.h"
@@ -22,21 +22,18 @@ TEST(RecorderTest, EventsInTheOrderTheyHappenedWhateverItMissedBetweenLooks) {
   const auto go2 = dir.path() / "go2.dat";
   const auto hand_out = [&](int stage) { testing::hand_out(dir.path(), stage_record(1, 1, stage)); };
   write_file(go2, "0\n");
-  std::ostringstream out;
-  Recorder recorder({{0, dir.path().string(), true}}, [&out](const std::string& line) { out << line; });
+  // Each event written as its kind, "?" when inferred, "2" when of go2.dat.
+  std::string kinds;
+  Recorder recorder({{0, dir.path().string(), true}}, [&kinds](const std::string& line) {
+    const auto at = line.find("\"event\":\"") + 9;
+    kinds += line.substr(at, line.find('"', at) - at) + (line.find("inferred") != std::string::npos ? "?" : "");
+    kinds += line.find("\"file\":\"go2.dat\"") != std::string::npos ? "2 " : " ";
+  });
   std::string error;
   ASSERT_TRUE(recorder.start(error)) << error;
   const auto events = [&] {
     recorder.look();
-    std::string kinds;
-    std::istringstream lines(out.str());
-    for (std::string line; std::getline(lines, line);) {
-      const auto at = line.find("\"event\":\"") + 9;
-      kinds += line.substr(at, line.find('"', at) - at) + (line.find("inferred") != std::string::npos ? "?" : "");
-      kinds += line.find("\"file\":\"go2.dat\"") != std::string::npos ? "2 " : " ";
-    }
-    out.str("");
-    return kinds;
+    return std::exchange(kinds, "");
   };
 
   hand_out(1);

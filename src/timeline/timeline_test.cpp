@@ -63,8 +63,6 @@ TEST(TimelineTest, StagesHoldersDriverShareAndACutShortLine) {
             "slowest stages:\n"
             "  cycle 1, time step 1, stage 1: 21.0 ms, held by sub1\n"
             "  cycle 1, time step 1, stage 2: 20.0 ms, held by main\n");
-  const std::string json_start = "{\n  \"run_directory\": \"/r/run\",\n  \"started\": \"x\",\n";
-  EXPECT_EQ(json_report(run).substr(0, json_start.size()), json_start);
 }
 
 // 600 stages: main answers in 0.25 s, sub1 in 1 s, the driver's next request

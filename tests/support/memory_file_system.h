@@ -24,10 +24,11 @@ class MemoryFileSystem final : public records::FileSystem {
     return files_.count(path) != 0 ? std::optional(files_.at(path)) : std::nullopt;
   }
 
-  // The next `count` opens, writes or closes of `path` fail with `os_error`.
-  void fail_opens(const std::string& path, int count, int os_error) { failures_[{"open", path}] = {count, os_error}; }
-  void fail_writes(const std::string& path, int count, int os_error) { failures_[{"write", path}] = {count, os_error}; }
-  void fail_closes(const std::string& path, int count, int os_error) { failures_[{"close", path}] = {count, os_error}; }
+  // The next `count` calls of `operation` ("open", "write" or "close") on
+  // `path` fail with `os_error`.
+  void fail(const std::string& operation, const std::string& path, int count, int os_error) {
+    failures_[{operation, path}] = {count, os_error};
+  }
 
   // Called before every read of a file, with its path.
   std::function<void(const std::string&)> before_read;

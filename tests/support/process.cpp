@@ -96,6 +96,11 @@ void make_executable(const std::filesystem::path& path) {
                                std::filesystem::perm_options::add);
 }
 
+ino_t inode(const std::filesystem::path& path) {
+  struct stat info {};
+  return ::stat(path.c_str(), &info) == 0 ? info.st_ino : 0;
+}
+
 void plant(const std::filesystem::path& path, const std::string& content) {
   using std::filesystem::perms;
   if (content == "<read-only>") {

@@ -29,6 +29,8 @@ class TempDir {
 std::string read_file(const std::filesystem::path& path);
 void write_file(const std::filesystem::path& path, const std::string& content);
 void make_executable(const std::filesystem::path& path);
+// The file's inode number; 0 when there is no such file.
+ino_t inode(const std::filesystem::path& path);
 // Puts `content` at `path`: "<missing>" removes what is there, "<fifo>"
 // makes a FIFO, "<directory>" a directory, "-> TARGET" a symbolic link,
 // "<read-only>" leaves a file readable only by its owner and a directory
