@@ -24,14 +24,13 @@ namespace {
 // when another program (setpriv) starts them.
 std::vector<std::string> wrapped(std::vector<std::string> argv) {
   const char* wrapper = std::getenv("LOCKSTEP_TEST_WRAPPER");
-  const auto program = std::find_if(argv.begin(), argv.end(), [](const std::string& word) {
-    return std::filesystem::path(word).filename().string().rfind("lockstep", 0) == 0;
+  auto program = std::find_if(argv.begin(), argv.end(), [](const std::string& word) {
+    const std::string name = std::filesystem::path(word).filename().string();
+    return name == "lockstep" || name == "lockstepctl";
   });
   if (wrapper == nullptr || program == argv.end()) return argv;
-  std::vector<std::string> words;
   std::istringstream split(wrapper);
-  for (std::string word; split >> word;) words.push_back(word);
-  argv.insert(program, words.begin(), words.end());
+  for (std::string word; split >> word;) program = argv.insert(program, word) + 1;
   return argv;
 }
 
@@ -55,11 +54,6 @@ pid_t spawn(const std::vector<std::string>& command, const std::filesystem::path
   args.push_back(nullptr);
   execvp(args[0], args.data());
   _exit(127);
-}
-
-std::string size_of(const std::string& path) {
-  std::error_code missing;
-  return std::to_string(std::filesystem::file_size(path, missing));
 }
 
 }  // namespace
@@ -151,7 +145,11 @@ Exit run_program(const std::vector<std::string>& argv, const std::filesystem::pa
   int raw_status = 0;
   rusage usage{};
   if (!wait_until([&] { return wait4(pid, &raw_status, WNOHANG, &usage) == pid; },
-                  [&] { return size_of(out) + " " + size_of(err); }, stall)) {
+                  [&] {  // both only grow
+                    std::error_code missing;
+                    return std::to_string(std::filesystem::file_size(out, missing) + std::filesystem::file_size(err, missing));
+                  },
+                  stall)) {
     kill(pid, SIGKILL);
     wait4(pid, &raw_status, 0, &usage);
   }
