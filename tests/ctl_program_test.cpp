@@ -223,6 +223,7 @@ TEST(LiveRunTest, AProjectThatNeverAnswersHoldsTheRunAndTheToolsSayWhy) {
   EXPECT_LT(held_for, 150.0);
   EXPECT_THAT(status.out, HasSubstr("\nwaiting for: sub1\n"));
 
+  // As the driver's user: another one may not see which directory it works in.
   const Exit check = run_program({LOCKSTEPCTL_BINARY, "check", "run"}, tree.run().parent_path());
   EXPECT_EQ(check.status, 1);
   EXPECT_THAT(check.out, HasSubstr("\nlockstep is already running in this run directory (PID " + pid +

@@ -21,7 +21,8 @@ class MemoryFileSystem final : public records::FileSystem {
   void add_directory(const std::string& path) { directories_.insert(path); }
   void set_file(const std::string& path, std::string content) { files_[path] = std::move(content); }
   std::optional<std::string> file(const std::string& path) const {
-    return files_.count(path) != 0 ? std::optional(files_.at(path)) : std::nullopt;
+    const auto found = files_.find(path);
+    return found != files_.end() ? std::optional(found->second) : std::nullopt;
   }
 
   // The next `count` calls of `operation` ("open", "write" or "close") on
