@@ -59,6 +59,7 @@ munged --foreground --force --key-file="$work/munge.key" --socket="$work/munge.s
   --pid-file="$work/munged.pid" --log-file="$work/munged.log" --seed-file="$work/munged.seed" \
   >>"$work/munged.log" 2>&1 &
 daemons+=($!)
+watch_daemon $! "$work/munged.log"
 wait_until "[ -S '$work/munge.socket' ]"
 
 host=$(hostname -s)
@@ -93,8 +94,10 @@ PartitionName=test Nodes=$host Default=YES MaxTime=INFINITE State=UP
 CONF
 slurmctld -D -i -f "$SLURM_CONF" >>"$work/slurmctld.log" 2>&1 &
 daemons+=($!)
+watch_daemon $! "$work/slurmctld.log"
 slurmd -D -f "$SLURM_CONF" >>"$work/slurmd.log" 2>&1 &
 daemons+=($!)
+watch_daemon $! "$work/slurmd.log"
 wait_until "sinfo -h -o %T | grep -qx idle"
 
 # The run tree of the script: the main project served by the solver, sub 1

@@ -14,6 +14,8 @@ cycles=20
 time_steps=5
 layout=(main:0:4:C++ sub1:4:4:Fortran sub2:8:4:Python)
 
+# What this and the README's test command need from Debian, installed once.
+"$repo/packaging/install-dependencies.sh"
 echo "building lockstep and the example (the first time takes a few minutes)"
 configure_log=$(mktemp)
 cmake --preset release -S "$repo" >"$configure_log" 2>&1 || { cat "$configure_log"; exit 1; }
