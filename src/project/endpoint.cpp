@@ -297,6 +297,7 @@ WaitResult Endpoint::poll(Request& request) {
   error_.clear();
   if (!pending(request)) return error_.empty() ? WaitResult::kStopped : WaitResult::kError;
   const std::optional<Request> previous = std::exchange(handed_out_, request);
+  handed_out_before_ = previous;
   if (previous && !comes_after(request, *previous)) {
     error_ = "the driver asks for " + describe(request) + ", which does not come after " + describe(*previous) +
              ", the last request served here: was the driver restarted?";

@@ -150,6 +150,9 @@ class LOCKSTEP_API Endpoint {
   WaitMode mode() const { return watch_fd_ >= 0 ? WaitMode::kChanges : WaitMode::kPolling; }
   // "inotify", or "polling (nfs), at most every 20 ms".
   std::string describe_mode() const;
+  // The last request handed out, and the one handed out before it.
+  const std::optional<Request>& handed_out() const { return handed_out_; }
+  const std::optional<Request>& handed_out_before() const { return handed_out_before_; }
   // The reason for the last kError, kOutOfOrder, kOverrun or failed lock.
   const std::string& error() const { return error_; }
 
@@ -169,6 +172,7 @@ class LOCKSTEP_API Endpoint {
   std::string error_;
   std::optional<std::chrono::steady_clock::time_point> malformed_since_;
   std::optional<Request> handed_out_;
+  std::optional<Request> handed_out_before_;
   std::unique_ptr<DirectoryLock> lock_;
   std::function<void(const std::string&)> report_trouble_;
   std::optional<std::chrono::steady_clock::time_point> trouble_since_;

@@ -5,10 +5,7 @@
 #include <string>
 
 #include "project/endpoint.h"
-
-struct lockstep_project {
-  std::unique_ptr<lockstep::project::Endpoint> endpoint;
-};
+#include "project/handle.h"
 
 extern "C" {
 
@@ -24,15 +21,17 @@ lockstep_project* lockstep_project_open(const char* directory, char* error, int 
     }
     return nullptr;
   }
-  return new lockstep_project{std::move(endpoint)};
+  return new lockstep_project{std::move(endpoint), {}};
 }
 
 int lockstep_project_lock(lockstep_project* project) {
+  project->field_error.clear();
   return project->endpoint->lock() ? LOCKSTEP_PROJECT_OK : LOCKSTEP_PROJECT_ERROR;
 }
 
 int lockstep_project_wait(lockstep_project* project, int* cycle, int* time_step, int* stage) {
   using lockstep::project::WaitResult;
+  project->field_error.clear();
   lockstep::project::Request request;
   const WaitResult result = project->endpoint->wait(request);
   if (result != WaitResult::kRequest && result != WaitResult::kOutOfOrder) return LOCKSTEP_PROJECT_ERROR;
@@ -44,6 +43,7 @@ int lockstep_project_wait(lockstep_project* project, int* cycle, int* time_step,
 
 int lockstep_project_done(lockstep_project* project) {
   using lockstep::project::DoneResult;
+  project->field_error.clear();
   switch (project->endpoint->report_done()) {
     case DoneResult::kDone: return LOCKSTEP_PROJECT_OK;
     case DoneResult::kOverrun: return LOCKSTEP_PROJECT_OVERRUN;
@@ -52,7 +52,9 @@ int lockstep_project_done(lockstep_project* project) {
   return LOCKSTEP_PROJECT_ERROR;
 }
 
-const char* lockstep_project_error(const lockstep_project* project) { return project->endpoint->error().c_str(); }
+const char* lockstep_project_error(const lockstep_project* project) {
+  return (project->field_error.empty() ? project->endpoint->error() : project->field_error).c_str();
+}
 
 void lockstep_project_close(lockstep_project* project) { delete project; }
 

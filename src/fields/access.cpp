@@ -1,0 +1,94 @@
+#include "fields/access.h"
+
+#include <charconv>
+
+namespace lockstep::fields {
+namespace {
+
+std::string shape_text(const std::vector<std::int64_t>& shape) {
+  std::string text = "(";
+  for (std::size_t i = 0; i < shape.size(); ++i) text += (i > 0 ? ", " : "") + std::to_string(shape[i]);
+  return text + (shape.size() == 1 ? ",)" : ")");
+}
+
+}  // namespace
+
+std::optional<int> project_index(const std::string& directory) {
+  std::string name = directory;
+  while (name.size() > 1 && name.back() == '/') name.pop_back();
+  name = name.substr(name.rfind('/') == std::string::npos ? 0 : name.rfind('/') + 1);
+  if (name == "main") return 0;
+  if (name == "sub**") return 100;
+  if (name.size() < 4 || name.size() > 5 || name.compare(0, 3, "sub") != 0 || name[3] == '0') return std::nullopt;
+  int index = 0;
+  const auto [end, error] = std::from_chars(name.data() + 3, name.data() + name.size(), index);
+  if (error != std::errc() || end != name.data() + name.size()) return std::nullopt;
+  return index;
+}
+
+std::string project_directory(int project) {
+  if (project == 0) return "../main";
+  return project >= 100 ? "../sub**" : "../sub" + std::to_string(project);
+}
+
+Outcome put_field(const std::string& name, const std::string& path, const Stamp& stamp, const Values& values,
+                  std::string& error) {
+  if (error = check_name(name); !error.empty()) return Outcome::kError;
+  if (values.shape.size() > kMaxRank) {
+    error = "field \"" + name + "\" has " + std::to_string(values.shape.size()) + " dimensions; at most " +
+            std::to_string(kMaxRank);
+    return Outcome::kError;
+  }
+  std::size_t count = 0;
+  if (!value_count(values.shape, count)) {
+    error = "field \"" + name + "\" has an invalid shape " + shape_text(values.shape);
+    return Outcome::kError;
+  }
+  Header header{values.type, values.column_major && values.shape.size() > 1, values.shape, stamp};
+  return write_field(path, header, values.data, error) ? Outcome::kOk : Outcome::kError;
+}
+
+Outcome get_field(const std::string& name, const std::string& path,
+                  const std::function<std::string(const std::optional<Stamp>&)>& check,
+                  const Destination& destination, Header& header, std::string& error) {
+  if (error = check_name(name); !error.empty()) return Outcome::kError;
+  std::string stale;
+  const ReadOutcome outcome = read_field(
+      path, header,
+      [&](const Header& found, std::string& reason) -> void* {
+        if (stale = check(found.stamp); !stale.empty()) return nullptr;
+        return destination(found, reason);
+      },
+      error);
+  if (outcome == ReadOutcome::kMissing) stale = check(std::nullopt);
+  if (!stale.empty()) {
+    error = stale;
+    return Outcome::kStale;
+  }
+  if (outcome == ReadOutcome::kRead) return Outcome::kOk;
+  error = "field \"" + name + "\": " + error;
+  return Outcome::kError;
+}
+
+Destination into(const Values& values, std::vector<char>& scratch) {
+  return [&values, &scratch](const Header& header, std::string& error) -> void* {
+    if (header.type != values.type || header.shape != values.shape) {
+      error = "it holds " + type_name(header.type) + " values of shape " + shape_text(header.shape) +
+              ", not the " + type_name(values.type) + " values of shape " + shape_text(values.shape) + " asked for";
+      return nullptr;
+    }
+    const bool same_order = header.column_major == values.column_major || header.shape.size() < 2;
+    if (same_order) return values.data;
+    std::size_t count = 0;
+    value_count(header.shape, count);
+    scratch.resize(count * element_size(header.type));
+    return scratch.data();
+  };
+}
+
+void finish_into(const Values& values, const Header& header, const std::vector<char>& scratch) {
+  if (header.column_major == values.column_major || header.shape.size() < 2) return;
+  reorder(header.shape, element_size(header.type), values.column_major, scratch.data(), values.data);
+}
+
+}  // namespace lockstep::fields

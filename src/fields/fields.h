@@ -1,0 +1,5 @@
+// Fields for solvers and interaction programs written in C++.
+#pragma once
+
+#include "interaction.h"
+#include "solver.h"

@@ -1,0 +1,139 @@
+#include "fields/store.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "records/file_system.h"
+#include "records/status.h"
+
+namespace lockstep::fields {
+namespace {
+
+bool write_all(int fd, const char* data, std::size_t size, int& os_error) {
+  while (size > 0) {
+    const ssize_t written = ::write(fd, data, size);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      os_error = errno;
+      return false;
+    }
+    data += written;
+    size -= static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+// Reads up to `size` bytes; fewer only at the end of the file.
+ssize_t read_all(int fd, char* data, std::size_t size) {
+  std::size_t have = 0;
+  while (have < size) {
+    const ssize_t got = ::read(fd, data + have, size - have);
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      return -1;
+    }
+    if (got == 0) break;
+    have += static_cast<std::size_t>(got);
+  }
+  return static_cast<ssize_t>(have);
+}
+
+bool make_directory(const std::string& path, std::string& error) {
+  if (::mkdir(path.c_str(), 0777) == 0 || errno == EEXIST) return true;
+  error = "cannot create " + path + ": " + records::os_error_text(errno);
+  return false;
+}
+
+std::string parent(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
+}  // namespace
+
+std::string field_path(const std::string& project_directory, Role role, const std::string& name) {
+  return project_directory + (role == Role::kOutput ? "/fields/out/" : "/fields/in/") + name + ".npy";
+}
+
+bool write_field(const std::string& path, const Header& header, const void* data, std::string& error) {
+  const std::string directory = parent(path);
+  if (!make_directory(parent(directory), error) || !make_directory(directory, error)) return false;
+  std::size_t count = 0;
+  if (!value_count(header.shape, count)) {
+    error = "cannot write " + path + ": the shape holds too many values";
+    return false;
+  }
+  const std::string temporary = directory + "/." + path.substr(directory.size() + 1) + "." +
+                                std::to_string(::getpid()) + ".tmp";
+  records::PosixFileSystem fs;
+  records::Descriptor file(fs, ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  if (!file.valid()) {
+    error = "cannot write " + temporary + ": " + records::os_error_text(errno);
+    return false;
+  }
+  const std::string prefix = encode_header(header);
+  int os_error = 0;
+  bool written = write_all(file.get(), prefix.data(), prefix.size(), os_error) &&
+                 write_all(file.get(), static_cast<const char*>(data), count * element_size(header.type), os_error);
+  if (written) {
+    const int closed = file.close();
+    written = closed == 0;
+    os_error = -closed;
+  }
+  if (written && ::rename(temporary.c_str(), path.c_str()) != 0) {
+    error = "cannot rename " + temporary + " to " + path + ": " + records::os_error_text(errno);
+    ::unlink(temporary.c_str());
+    return false;
+  }
+  if (!written) {
+    error = "cannot write " + temporary + ": " + records::os_error_text(os_error);
+    file.reset();
+    ::unlink(temporary.c_str());
+  }
+  return written;
+}
+
+ReadOutcome read_field(const std::string& path, Header& header,
+                       const std::function<void*(const Header&, std::string& error)>& destination,
+                       std::string& error) {
+  records::PosixFileSystem fs;
+  // O_NONBLOCK: a FIFO planted there must not hang the reader.
+  records::Descriptor file(fs, ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!file.valid()) {
+    if (errno == ENOENT) return ReadOutcome::kMissing;
+    error = "cannot read " + path + ": " + records::os_error_text(errno);
+    return ReadOutcome::kError;
+  }
+  struct stat info {};
+  if (::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+    error = "cannot read " + path + ": not a regular file";
+    return ReadOutcome::kError;
+  }
+  std::string prefix(std::min<std::size_t>(kHeaderLimit, static_cast<std::size_t>(info.st_size)), '\0');
+  std::size_t offset = 0;
+  if (read_all(file.get(), prefix.data(), prefix.size()) != static_cast<ssize_t>(prefix.size()) ||
+      !decode_header(prefix, header, offset, error)) {
+    error = path + ": " + (error.empty() ? "cannot be read" : error);
+    return ReadOutcome::kError;
+  }
+  std::size_t count = 0;
+  if (!value_count(header.shape, count) ||
+      static_cast<std::size_t>(info.st_size) != offset + count * element_size(header.type)) {
+    error = path + ": " + std::to_string(info.st_size) + " bytes do not match its header (" +
+            std::to_string(count) + " values of " + type_name(header.type) + ")";
+    return ReadOutcome::kError;
+  }
+  void* values = destination(header, error);
+  if (values == nullptr) return ReadOutcome::kError;
+  const std::size_t size = count * element_size(header.type);
+  const std::size_t already = prefix.size() - offset;
+  std::copy_n(prefix.data() + offset, std::min(already, size), static_cast<char*>(values));
+  if (size > already &&
+      read_all(file.get(), static_cast<char*>(values) + already, size - already) != static_cast<ssize_t>(size - already)) {
+    error = "cannot read " + path + ": it changed while being read";
+    return ReadOutcome::kError;
+  }
+  return ReadOutcome::kRead;
+}
+
+}  // namespace lockstep::fields

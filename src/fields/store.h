@@ -1,0 +1,28 @@
+// Field files on disk: written whole to a temporary file beside the field
+// and renamed over it, so that a reader sees the old field or the new one,
+// never a mix; read with their size checked against their header.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "format.h"
+
+namespace lockstep::fields {
+
+// "DIR/fields/out/NAME.npy" or "DIR/fields/in/NAME.npy".
+std::string field_path(const std::string& project_directory, Role role, const std::string& name);
+
+// Writes the header and `data` (the values in the header's order); creates
+// the fields directories when missing. False with the reason in `error`.
+bool write_field(const std::string& path, const Header& header, const void* data, std::string& error);
+
+enum class ReadOutcome { kRead, kMissing, kError };
+
+// Reads the header, asks `destination` where the values go (it may refuse by
+// returning nullptr, having set `error`), and reads them there.
+ReadOutcome read_field(const std::string& path, Header& header,
+                       const std::function<void*(const Header&, std::string& error)>& destination,
+                       std::string& error);
+
+}  // namespace lockstep::fields

@@ -1,0 +1,92 @@
+#include "fields/store.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "process.h"
+
+namespace lockstep::fields {
+namespace {
+
+using testing::TempDir;
+
+Header doubles(std::int64_t count, std::int32_t version) {
+  return {Type::kFloat64, false, {count}, {0, Role::kOutput, {version, 1, 1}}};
+}
+
+ReadOutcome read_into(const std::string& path, Header& header, std::vector<double>& values, std::string& error) {
+  return read_field(
+      path, header,
+      [&](const Header& found, std::string&) -> void* {
+        values.resize(static_cast<std::size_t>(found.shape.at(0)));
+        return values.data();
+      },
+      error);
+}
+
+TEST(FieldStoreTest, AReaderSeesOneWholeVersionWhileAWriterReplacesTheField) {
+  TempDir dir;
+  const std::string path = field_path(dir.path().string(), Role::kOutput, "big");
+  constexpr std::int64_t kCount = 1 << 18;
+  std::string error;
+  std::vector<double> values(kCount, 1.0);
+  ASSERT_TRUE(write_field(path, doubles(kCount, 1), values.data(), error)) << error;
+
+  std::atomic<bool> stop{false};
+  std::thread writer([&] {
+    std::vector<double> next(kCount);
+    for (std::int32_t version = 2; !stop; ++version) {
+      std::fill(next.begin(), next.end(), static_cast<double>(version));
+      std::string write_error;
+      ASSERT_TRUE(write_field(path, doubles(kCount, version), next.data(), write_error)) << write_error;
+    }
+  });
+  int reads = 0;
+  std::int32_t newest = 0;
+  for (; reads < 200; ++reads) {
+    Header header;
+    std::vector<double> seen;
+    ASSERT_EQ(read_into(path, header, seen, error), ReadOutcome::kRead) << error;
+    const double version = header.stamp.request.cycle;
+    EXPECT_GE(header.stamp.request.cycle, newest);
+    newest = header.stamp.request.cycle;
+    ASSERT_EQ(std::count(seen.begin(), seen.end(), version), kCount) << "a mix of versions in read " << reads;
+  }
+  stop = true;
+  writer.join();
+  EXPECT_GT(newest, 1);
+}
+
+TEST(FieldStoreTest, MissingCutAndOddFilesAreToldApart) {
+  TempDir dir;
+  const std::string path = field_path(dir.path().string(), Role::kInput, "x");
+  Header header;
+  std::vector<double> values;
+  std::string error;
+  EXPECT_EQ(read_into(path, header, values, error), ReadOutcome::kMissing);
+
+  const double three[] = {1, 2, 3};
+  ASSERT_TRUE(write_field(path, doubles(3, 1), three, error)) << error;
+  EXPECT_EQ(testing::read_file(dir.path() / "fields/in/x.npy").size(), 64u + 24u);
+  ASSERT_EQ(read_into(path, header, values, error), ReadOutcome::kRead);
+  EXPECT_EQ(values, (std::vector<double>{1, 2, 3}));
+  // No temporary file is left beside the field.
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path() / "fields/in"), {}), 1);
+
+  testing::plant(path, testing::read_file(path).substr(0, 64 + 16));
+  EXPECT_EQ(read_into(path, header, values, error), ReadOutcome::kError);
+  EXPECT_EQ(error, path + ": 80 bytes do not match its header (3 values of float64)");
+  testing::plant(path, "<fifo>");
+  EXPECT_EQ(read_into(path, header, values, error), ReadOutcome::kError);
+  EXPECT_EQ(error, "cannot read " + path + ": not a regular file");
+  testing::plant(dir.path() / "fields/in", "<read-only>");
+  if (::geteuid() != 0) {
+    EXPECT_FALSE(write_field(path, doubles(3, 2), three, error));
+    EXPECT_EQ(error.rfind("cannot write " + dir.path().string() + "/fields/in/.x.npy.", 0), 0u) << error;
+  }
+}
+
+}  // namespace
+}  // namespace lockstep::fields
