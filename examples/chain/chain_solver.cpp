@@ -1,13 +1,14 @@
 // One project's solver for the chain example: integrates its block of masses
 // stage by stage as lockstep requests, with the neighbours' boundary
-// displacements that the interaction program copies in before each stage.
+// displacements that lockstep-exchange copies in before each stage.
 //
 //   chain_solver DIR FIRST COUNT LAST_CYCLE
 //
 // It ends after the cycle-end request of LAST_CYCLE.
-// Files in DIR: left.out / right.out (this block's boundary displacements at
-// the next stage, for the neighbours), left.in / right.in (the neighbours'),
-// chain.csv (one row per cycle end). A missing .in file is a wall.
+// Fields: outputs "first" and "last" (this block's boundary displacements at
+// the next stage, for the neighbours), inputs "left" and "right" (the
+// neighbours', where the block has them; the chain's ends are walls). In
+// DIR: chain.csv, one row per cycle end.
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -15,6 +16,7 @@
 #include <string>
 
 #include "chain_model.h"
+#include "fields/solver.h"
 #include "project/endpoint.h"
 
 namespace {
@@ -25,19 +27,24 @@ std::string exact(double value) {
   return text;
 }
 
-// The neighbour's displacement, or 0 (the wall) when there is no neighbour.
-double neighbour(const std::string& path) {
-  std::ifstream in(path);
-  std::string text;
-  if (!(in >> text)) return 0.0;
-  return std::strtod(text.c_str(), nullptr);
+// The neighbour's displacement, or 0 (the wall) when there is none.
+double neighbour(lockstep::fields::SolverFields& fields, const char* name, bool present) {
+  double value = 0.0;
+  if (!present) return value;
+  if (fields.get(name, {lockstep::fields::Type::kFloat64, {1}, false, &value}) != lockstep::fields::Outcome::kOk) {
+    std::cerr << "chain_solver: " << fields.error() << "\n";
+    std::exit(1);
+  }
+  return value;
 }
 
-void export_boundary(const std::string& directory, const chain::Rk4Block& block) {
-  std::ofstream(directory + "/left.out.tmp") << exact(block.stage_first()) << "\n";
-  std::ofstream(directory + "/right.out.tmp") << exact(block.stage_last()) << "\n";
-  std::rename((directory + "/left.out.tmp").c_str(), (directory + "/left.out").c_str());
-  std::rename((directory + "/right.out.tmp").c_str(), (directory + "/right.out").c_str());
+void export_boundary(lockstep::fields::SolverFields& fields, const chain::Rk4Block& block) {
+  for (auto [name, value] : {std::pair{"first", block.stage_first()}, std::pair{"last", block.stage_last()}}) {
+    if (fields.put(name, {lockstep::fields::Type::kFloat64, {1}, false, &value}) != lockstep::fields::Outcome::kOk) {
+      std::cerr << "chain_solver: " << fields.error() << "\n";
+      std::exit(1);
+    }
+  }
 }
 
 }  // namespace
@@ -58,13 +65,20 @@ int main(int argc, char** argv) {
     std::cerr << "chain_solver: " << (endpoint ? endpoint->error() : error) << "\n";
     return 1;
   }
+  const auto fields = lockstep::fields::SolverFields::open(*endpoint, error);
+  if (!fields) {
+    std::cerr << "chain_solver: " << error << "\n";
+    return 1;
+  }
+  const bool has_left = first > 0;
+  const bool has_right = first + count < chain::kMasses;
   chain::Rk4Block block(first, count);
   std::ofstream csv(directory + "/chain.csv");
   csv << "cycle,time,energy";
   for (std::size_t j = 0; j < count; ++j) csv << ",u" << first + j;
   for (std::size_t j = 0; j < count; ++j) csv << ",v" << first + j;
   csv << "\n" << std::flush;
-  export_boundary(directory, block);
+  export_boundary(*fields, block);
 
   long steps = 0;
   for (;;) {
@@ -80,9 +94,9 @@ int main(int argc, char** argv) {
       for (const double v : block.velocities()) csv << "," << exact(v);
       csv << "\n" << std::flush;
     } else {
-      block.stage(request.stage - 1, neighbour(directory + "/left.in"), neighbour(directory + "/right.in"));
+      block.stage(request.stage - 1, neighbour(*fields, "left", has_left), neighbour(*fields, "right", has_right));
       if (request.stage == 4) ++steps;
-      export_boundary(directory, block);
+      export_boundary(*fields, block);
     }
     if (endpoint->report_done() != lockstep::project::DoneResult::kDone) {
       std::cerr << "chain_solver: " << endpoint->error() << "\n";

@@ -1,5 +1,5 @@
 ! One project's solver for the chain example, in Fortran on the library's
-! module: the same model and arithmetic as chain_model.h, the same files as
+! module: the same model and arithmetic as chain_model.h, the same fields as
 ! chain_solver.cpp.
 !
 !   chain_solver_fortran DIR FIRST COUNT LAST_CYCLE
@@ -57,7 +57,7 @@ program chain_solver_fortran
       write (csv, '(*(a, es25.16e3))') (',', u(j), j = 1, count), (',', v(j), j = 1, count)
       flush (csv)
     else
-      call rk4_stage(stage, neighbour('left.in'), neighbour('right.in'))
+      call rk4_stage(stage, neighbour('left', first > 0), neighbour('right', first + count < masses))
       if (stage == 4) steps = steps + 1
       call export_boundary()
     end if
@@ -124,32 +124,21 @@ contains
   end function
 
   ! The neighbour's displacement, or 0 (the wall) when there is none.
-  real(dp) function neighbour(name)
+  real(dp) function neighbour(name, present)
     character(len=*), intent(in) :: name
-    integer :: unit, status
+    logical, intent(in) :: present
+    real(dp) :: value(1)
     neighbour = 0.0_dp
-    open (newunit=unit, file=trim(directory) // '/' // name, status='old', action='read', iostat=status)
-    if (status /= 0) return
-    read (unit, *, iostat=status) neighbour
-    if (status /= 0) neighbour = 0.0_dp
-    close (unit)
+    if (.not. present) return
+    if (project%get(name, value) /= LOCKSTEP_PROJECT_OK) error stop project%error()
+    neighbour = value(1)
   end function
 
   ! This block's boundary displacements at the next stage, for the
-  ! neighbours; each written whole, then renamed into place.
+  ! neighbours.
   subroutine export_boundary()
-    call write_value('left.out', stage_u(1))
-    call write_value('right.out', stage_u(count))
-  end subroutine
-
-  subroutine write_value(name, value)
-    character(len=*), intent(in) :: name
-    real(dp), intent(in) :: value
-    integer :: unit
-    open (newunit=unit, file=trim(directory) // '/' // name // '.tmp', status='replace', action='write')
-    write (unit, '(es25.16e3)') value
-    close (unit)
-    call rename(trim(directory) // '/' // name // '.tmp', trim(directory) // '/' // name)
+    if (project%put('first', stage_u(1:1)) /= LOCKSTEP_PROJECT_OK) error stop project%error()
+    if (project%put('last', stage_u(count:count)) /= LOCKSTEP_PROJECT_OK) error stop project%error()
   end subroutine
 
 end program chain_solver_fortran

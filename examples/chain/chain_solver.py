@@ -66,21 +66,9 @@ class Rk4Block:
         return energy
 
 
-def neighbour(path):
-    """The neighbour's displacement, or 0 (the wall) when there is none."""
-    try:
-        with open(path) as file:
-            return float(file.read().split()[0])
-    except (OSError, IndexError, ValueError):
-        return 0.0
-
-
-def export_boundary(directory, block):
-    for name, value in (("left.out", block.stage_u[0]), ("right.out", block.stage_u[-1])):
-        path = os.path.join(directory, name)
-        with open(path + ".tmp", "w") as file:
-            file.write(f"{value:.17g}\n")
-        os.replace(path + ".tmp", path)
+def export_boundary(project, block):
+    project.put("first", [block.stage_u[0]])
+    project.put("last", [block.stage_u[-1]])
 
 
 def main():
@@ -93,18 +81,19 @@ def main():
     with lockstep.Project(directory) as project, open(os.path.join(directory, "chain.csv"), "w") as csv:
         names = [f"u{first + j}" for j in range(count)] + [f"v{first + j}" for j in range(count)]
         print(",".join(["cycle", "time", "energy"] + names), file=csv, flush=True)
-        export_boundary(directory, block)
+        export_boundary(project, block)
         for request in project.requests(last_cycle=last_cycle):
             if request.cycle_end:
                 values = [steps * TIME_STEP, block.internal_energy()] + block.u + block.v
                 print(",".join([str(request.cycle)] + [f"{x:.17g}" for x in values]), file=csv, flush=True)
                 continue
-            left = neighbour(os.path.join(directory, "left.in"))
-            right = neighbour(os.path.join(directory, "right.in"))
+            # The chain's ends are walls: no neighbour, displacement 0.
+            left = project.get("left")[0] if first > 0 else 0.0
+            right = project.get("right")[0] if first + count < MASSES else 0.0
             block.stage(request.stage - 1, left, right)
             if request.stage == 4:
                 steps += 1
-            export_boundary(directory, block)
+            export_boundary(project, block)
 
 
 if __name__ == "__main__":

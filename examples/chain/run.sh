@@ -33,6 +33,7 @@ rm -rf "$tree"
 mkdir -p "$tree/run"
 printf 'time_step=\n%d\ncycle_num=\n%d\nnum_subprojects=\n%d\n' "$time_steps" "$cycles" $((${#layout[@]} - 1)) \
   >"$tree/run/analysis_settings.dat"
+cp "$here/exchange.dat" "$tree/run/"
 
 solvers=()
 languages=()
@@ -43,8 +44,9 @@ for block in "${layout[@]}"; do
   IFS=: read -r directory first count language <<<"$block"
   blocks+=("$directory:$first:$count")
   mkdir -p "$tree/$directory"
-  cp "$here/exchange.sh" "$tree/$directory/"
-  echo exchange.sh >"$tree/$directory/CalculateInteraction.dat"
+  # The ready interaction program, through a link that CalculateInteraction.dat names.
+  ln -s "$build/src/lockstep-exchange" "$tree/$directory/exchange"
+  echo exchange >"$tree/$directory/CalculateInteraction.dat"
   echo 0 >"$tree/$directory/go2.dat"
   solver=$(solver_command "$language")
   if [ "$language" != C++ ] && [ "$solver" = "$build/examples/chain_solver" ]; then
@@ -58,7 +60,7 @@ done
 # The first stage's exchange needs every solver's starting boundary.
 for block in "${layout[@]}"; do
   directory=${block%%:*}
-  until [ -f "$tree/$directory/right.out" ]; do sleep 0.01; done
+  until [ -f "$tree/$directory/fields/out/last.npy" ]; do sleep 0.01; done
 done
 
 echo "lockstep: $cycles cycles of $time_steps time steps, $(IFS=,; echo "${languages[*]}" | sed 's/,/, /g')"

@@ -10,9 +10,10 @@ namespace {
 TEST(FieldFormatTest, HeaderIsNumpysWithTheStampInItsPadding) {
   const Header header{Type::kFloat64, false, {3, 2}, {1, Role::kInput, {5, 2, 3}}};
   const std::string bytes = encode_header(header);
-  ASSERT_EQ(bytes.size(), 128u);
-  EXPECT_EQ(bytes.substr(0, 10), std::string("\x93NUMPY\x01\x00\x76\x00", 10));
-  EXPECT_EQ(bytes.substr(10, 125 - 10),
+  // Values start at a multiple of 64 bytes, as NumPy aligns them.
+  ASSERT_EQ(bytes.size(), 192u);
+  EXPECT_EQ(bytes.substr(0, 10), std::string("\x93NUMPY\x01\x00\xb6\x00", 10));
+  EXPECT_EQ(bytes.substr(10, 126),
             "{'descr': '<f8', 'fortran_order': False, 'shape': (3, 2), } # lockstep field: project=1 role=input "
             "cycle=5 time_step=2 stage=3");
   EXPECT_EQ(bytes.back(), '\n');
@@ -21,7 +22,7 @@ TEST(FieldFormatTest, HeaderIsNumpysWithTheStampInItsPadding) {
   std::size_t offset = 0;
   std::string error;
   ASSERT_TRUE(decode_header(bytes, decoded, offset, error)) << error;
-  EXPECT_EQ(offset, 128u);
+  EXPECT_EQ(offset, 192u);
   EXPECT_EQ(decoded.shape, header.shape);
   EXPECT_EQ(decoded.stamp, header.stamp);
 
@@ -34,10 +35,15 @@ TEST(FieldFormatTest, HeaderIsNumpysWithTheStampInItsPadding) {
 
 TEST(FieldFormatTest, WhatIsNotAFieldFileSaysWhy) {
   const std::string good = encode_header({Type::kFloat64, false, {4}, {2, Role::kOutput, {1, 1, 1}}});
+  // The header with one text replaced, its padding adjusted so that its
+  // length stays right.
   const auto replaced = [&](const std::string& from, const std::string& to) {
     std::string bytes = good;
     bytes.replace(bytes.find(from), from.size(), to);
-    return bytes;
+    const auto end = bytes.find_last_not_of(" \n") + 1;
+    bytes.resize(end);
+    bytes.append(good.size() - 1 - end, ' ');
+    return bytes + '\n';
   };
   const std::pair<std::string, std::string> cases[] = {
       {"", "not a field file (no NumPy .npy header)"},

@@ -69,15 +69,15 @@ TEST(FieldStoreTest, MissingCutAndOddFilesAreToldApart) {
 
   const double three[] = {1, 2, 3};
   ASSERT_TRUE(write_field(path, doubles(3, 1), three, error)) << error;
-  EXPECT_EQ(testing::read_file(dir.path() / "fields/in/x.npy").size(), 64u + 24u);
+  EXPECT_EQ(testing::read_file(dir.path() / "fields/in/x.npy").size(), 192u + 24u);
   ASSERT_EQ(read_into(path, header, values, error), ReadOutcome::kRead);
   EXPECT_EQ(values, (std::vector<double>{1, 2, 3}));
   // No temporary file is left beside the field.
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path() / "fields/in"), {}), 1);
 
-  testing::plant(path, testing::read_file(path).substr(0, 64 + 16));
+  testing::plant(path, testing::read_file(path).substr(0, 192 + 16));
   EXPECT_EQ(read_into(path, header, values, error), ReadOutcome::kError);
-  EXPECT_EQ(error, path + ": 80 bytes do not match its header (3 values of float64)");
+  EXPECT_EQ(error, path + ": 208 bytes do not match its header (3 values of float64)");
   testing::plant(path, "<fifo>");
   EXPECT_EQ(read_into(path, header, values, error), ReadOutcome::kError);
   EXPECT_EQ(error, "cannot read " + path + ": not a regular file");

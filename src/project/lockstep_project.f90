@@ -10,7 +10,7 @@
 !   call project%close()
 module lockstep_project
   use, intrinsic :: iso_c_binding, only: c_ptr, c_null_ptr, c_associated, c_char, c_int, c_size_t, &
-                                         c_null_char, c_f_pointer
+                                         c_null_char, c_f_pointer, c_int64_t, c_double, c_int32_t, c_loc
   implicit none
   private
 
@@ -21,6 +21,14 @@ module lockstep_project
   integer, parameter, public :: LOCKSTEP_PROJECT_OUT_OF_ORDER = -2
   ! done: the driver no longer waits for the request; nothing was written.
   integer, parameter, public :: LOCKSTEP_PROJECT_OVERRUN = -3
+  ! put / get: the field is not the one this request needs.
+  integer, parameter, public :: LOCKSTEP_FIELD_STALE = -4
+  ! get: how recent an input must be; this stage unless asked otherwise.
+  integer, parameter, public :: LOCKSTEP_ACCEPT_STAGE = 0
+  integer, parameter, public :: LOCKSTEP_ACCEPT_TIME_STEP = 1
+  integer, parameter, public :: LOCKSTEP_ACCEPT_ANY = 2
+
+  integer(c_int), parameter :: c_float64 = 1, c_int32 = 2, c_int64 = 3, c_column_major = 1
 
   type, public :: lockstep_project_t
     private
@@ -31,6 +39,12 @@ module lockstep_project
     procedure :: wait => project_wait
     procedure :: done => project_done
     procedure :: error => project_error
+    ! Fields: real(8), integer(4) and integer(8) arrays of rank 1 and 2,
+    ! stored in Fortran's order, so that Python sees a(i, j) as a[i-1, j-1].
+    generic :: put => put_real_1, put_real_2, put_int32_1, put_int32_2, put_int64_1, put_int64_2
+    generic :: get => get_real_1, get_real_2, get_int32_1, get_int32_2, get_int64_1, get_int64_2
+    procedure, private :: put_real_1, put_real_2, put_int32_1, put_int32_2, put_int64_1, put_int64_2
+    procedure, private :: get_real_1, get_real_2, get_int32_1, get_int32_2, get_int64_1, get_int64_2
     procedure :: close => project_close
   end type
 
@@ -66,6 +80,24 @@ module lockstep_project
       import :: c_ptr
       type(c_ptr), value :: project
     end subroutine
+    integer(c_int) function c_put(project, name, type, rank, shape, order, values) &
+        bind(c, name='lockstep_project_put')
+      import :: c_ptr, c_char, c_int, c_int64_t
+      type(c_ptr), value :: project
+      character(kind=c_char), intent(in) :: name(*)
+      integer(c_int), value :: type, rank, order
+      integer(c_int64_t), intent(in) :: shape(*)
+      type(c_ptr), value :: values
+    end function
+    integer(c_int) function c_get(project, name, type, rank, shape, order, values, accept) &
+        bind(c, name='lockstep_project_get')
+      import :: c_ptr, c_char, c_int, c_int64_t
+      type(c_ptr), value :: project
+      character(kind=c_char), intent(in) :: name(*)
+      integer(c_int), value :: type, rank, order, accept
+      integer(c_int64_t), intent(in) :: shape(*)
+      type(c_ptr), value :: values
+    end function
     integer(c_size_t) function c_strlen(text) bind(c, name='strlen')
       import :: c_ptr, c_size_t
       type(c_ptr), value :: text
@@ -151,6 +183,119 @@ contains
     call c_f_pointer(reason, text, [length])
     allocate (character(len=length) :: message)
     message = transfer(text, message)
+  end function
+
+  integer function put_real_1(project, field, values) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    character(len=*), intent(in) :: field
+    real(c_double), contiguous, target, intent(in) :: values(:)
+    status = field_call(project, field, c_float64, shape(values, kind=c_int64_t), c_loc(values), .true.)
+  end function
+
+  integer function get_real_1(project, field, values, accept) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    character(len=*), intent(in) :: field
+    real(c_double), contiguous, target, intent(inout) :: values(:)
+    integer, intent(in), optional :: accept
+    status = field_call(project, field, c_float64, shape(values, kind=c_int64_t), c_loc(values), .false., accept)
+  end function
+
+  integer function put_real_2(project, field, values) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    character(len=*), intent(in) :: field
+    real(c_double), contiguous, target, intent(in) :: values(:, :)
+    status = field_call(project, field, c_float64, shape(values, kind=c_int64_t), c_loc(values), .true.)
+  end function
+
+  integer function get_real_2(project, field, values, accept) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    character(len=*), intent(in) :: field
+    real(c_double), contiguous, target, intent(inout) :: values(:, :)
+    integer, intent(in), optional :: accept
+    status = field_call(project, field, c_float64, shape(values, kind=c_int64_t), c_loc(values), .false., accept)
+  end function
+
+  integer function put_int32_1(project, field, values) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    character(len=*), intent(in) :: field
+    integer(c_int32_t), contiguous, target, intent(in) :: values(:)
+    status = field_call(project, field, c_int32, shape(values, kind=c_int64_t), c_loc(values), .true.)
+  end function
+
+  integer function get_int32_1(project, field, values, accept) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    character(len=*), intent(in) :: field
+    integer(c_int32_t), contiguous, target, intent(inout) :: values(:)
+    integer, intent(in), optional :: accept
+    status = field_call(project, field, c_int32, shape(values, kind=c_int64_t), c_loc(values), .false., accept)
+  end function
+
+  integer function put_int32_2(project, field, values) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    character(len=*), intent(in) :: field
+    integer(c_int32_t), contiguous, target, intent(in) :: values(:, :)
+    status = field_call(project, field, c_int32, shape(values, kind=c_int64_t), c_loc(values), .true.)
+  end function
+
+  integer function get_int32_2(project, field, values, accept) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    character(len=*), intent(in) :: field
+    integer(c_int32_t), contiguous, target, intent(inout) :: values(:, :)
+    integer, intent(in), optional :: accept
+    status = field_call(project, field, c_int32, shape(values, kind=c_int64_t), c_loc(values), .false., accept)
+  end function
+
+  integer function put_int64_1(project, field, values) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    character(len=*), intent(in) :: field
+    integer(c_int64_t), contiguous, target, intent(in) :: values(:)
+    status = field_call(project, field, c_int64, shape(values, kind=c_int64_t), c_loc(values), .true.)
+  end function
+
+  integer function get_int64_1(project, field, values, accept) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    character(len=*), intent(in) :: field
+    integer(c_int64_t), contiguous, target, intent(inout) :: values(:)
+    integer, intent(in), optional :: accept
+    status = field_call(project, field, c_int64, shape(values, kind=c_int64_t), c_loc(values), .false., accept)
+  end function
+
+  integer function put_int64_2(project, field, values) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    character(len=*), intent(in) :: field
+    integer(c_int64_t), contiguous, target, intent(in) :: values(:, :)
+    status = field_call(project, field, c_int64, shape(values, kind=c_int64_t), c_loc(values), .true.)
+  end function
+
+  integer function get_int64_2(project, field, values, accept) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    character(len=*), intent(in) :: field
+    integer(c_int64_t), contiguous, target, intent(inout) :: values(:, :)
+    integer, intent(in), optional :: accept
+    status = field_call(project, field, c_int64, shape(values, kind=c_int64_t), c_loc(values), .false., accept)
+  end function
+
+  ! One put or get through the C interface, values in Fortran's order.
+  integer function field_call(project, field, type, extents, values, put, accept) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    character(len=*), intent(in) :: field
+    integer(c_int), intent(in) :: type
+    integer(c_int64_t), intent(in) :: extents(:)
+    type(c_ptr), intent(in) :: values
+    logical, intent(in) :: put
+    integer, intent(in), optional :: accept
+    integer(c_int) :: rule
+    status = LOCKSTEP_PROJECT_ERROR
+    if (.not. c_associated(project%handle)) return
+    if (put) then
+      status = c_put(project%handle, trim(field) // c_null_char, type, int(size(extents), c_int), extents, &
+                     c_column_major, values)
+    else
+      rule = LOCKSTEP_ACCEPT_STAGE
+      if (present(accept)) rule = int(accept, c_int)
+      status = c_get(project%handle, trim(field) // c_null_char, type, int(size(extents), c_int), extents, &
+                     c_column_major, values, rule)
+    end if
   end function
 
   subroutine project_close(project)

@@ -1,5 +1,6 @@
 // lockstep._lockstep: the endpoint for Python. lockstep/__init__.py builds
 // the public classes on it.
+#include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
@@ -9,6 +10,8 @@
 #include <string>
 #include <tuple>
 
+#include "fields/interaction.h"
+#include "fields/solver.h"
 #include "project/endpoint.h"
 
 namespace py = pybind11;
@@ -16,6 +19,8 @@ namespace py = pybind11;
 namespace lockstep::python {
 namespace {
 
+using fields::Accept;
+using fields::Outcome;
 using project::DoneResult;
 using project::Endpoint;
 using project::Request;
@@ -23,6 +28,84 @@ using project::WaitResult;
 
 // (cycle, time_step, stage, out_of_order)
 using Pending = std::tuple<int, int, int, bool>;
+
+// lockstep.Error, or the subclass `kind`, defined in lockstep/__init__.py,
+// with the library's message.
+[[noreturn]] void throw_error(const std::string& message, const char* kind = "Error") {
+  const py::object error = py::module_::import("lockstep").attr(kind);
+  PyErr_SetString(error.ptr(), message.c_str());
+  throw py::error_already_set();
+}
+
+void check(Outcome outcome, const std::string& message) {
+  if (outcome == Outcome::kStale) throw_error(message, "StaleFieldError");
+  if (outcome == Outcome::kError) throw_error(message);
+}
+
+Accept accept_rule(const std::string& accept) {
+  if (accept == "stage") return Accept::kStage;
+  if (accept == "time_step") return Accept::kTimeStep;
+  if (accept == "any") return Accept::kAny;
+  throw_error("accept=\"" + accept + "\": use \"stage\", \"time_step\" or \"any\"");
+}
+
+// An array of float64, int32 or int64 values, contiguous in either order
+// (the package converts anything else before it gets here).
+fields::Values values_of(const py::array& array) {
+  fields::Values values;
+  if (array.dtype().is(py::dtype::of<double>())) {
+    values.type = fields::Type::kFloat64;
+  } else if (array.dtype().is(py::dtype::of<std::int32_t>())) {
+    values.type = fields::Type::kInt32;
+  } else if (array.dtype().is(py::dtype::of<std::int64_t>())) {
+    values.type = fields::Type::kInt64;
+  } else {
+    throw_error("a field holds float64, int32 or int64 values, not " + py::str(array.dtype()).cast<std::string>());
+  }
+  const bool row_major = (array.flags() & py::array::c_style) != 0;
+  values.column_major = !row_major;
+  for (py::ssize_t axis = 0; axis < array.ndim(); ++axis) values.shape.push_back(array.shape(axis));
+  values.data = const_cast<void*>(array.data());
+  return values;
+}
+
+py::dtype dtype_of(fields::Type type) {
+  switch (type) {
+    case fields::Type::kInt32: return py::dtype::of<std::int32_t>();
+    case fields::Type::kInt64: return py::dtype::of<std::int64_t>();
+    case fields::Type::kFloat64: break;
+  }
+  return py::dtype::of<double>();
+}
+
+// Reads a field through `read` (given a destination) into a new array of
+// the file's type, shape and order; the GIL is released while reading.
+template <typename Read>
+py::array read_array(Read read, const std::string& error) {
+  py::array array;
+  fields::Header header;
+  Outcome outcome;
+  {
+    py::gil_scoped_release release;
+    outcome = read(
+        [&array](const fields::Header& found, std::string&) -> void* {
+          py::gil_scoped_acquire acquire;
+          std::vector<py::ssize_t> shape(found.shape.begin(), found.shape.end());
+          std::vector<py::ssize_t> strides(shape.size());
+          auto step = static_cast<py::ssize_t>(fields::element_size(found.type));
+          for (std::size_t i = 0; i < shape.size(); ++i) {
+            const std::size_t axis = found.column_major ? i : shape.size() - 1 - i;
+            strides[axis] = step;
+            step *= std::max<py::ssize_t>(shape[axis], 1);
+          }
+          array = py::array(dtype_of(found.type), shape, strides);
+          return array.mutable_data();
+        },
+        header);
+  }
+  check(outcome, error);
+  return array;
+}
 
 class Project {
  public:
@@ -80,26 +163,84 @@ class Project {
     throw_error(endpoint_->error());
   }
 
+  void put(const std::string& name, const py::array& array) {
+    const fields::Values values = values_of(array);
+    Outcome outcome;
+    {
+      py::gil_scoped_release release;
+      outcome = fields().put(name, values);
+    }
+    check(outcome, fields().error());
+  }
+
+  py::array get(const std::string& name, const std::string& accept) {
+    const Accept rule = accept_rule(accept);
+    fields::SolverFields& solver = fields();
+    return read_array([&](const fields::Destination& to, fields::Header& header) { return solver.get(name, to, header, rule); },
+                      solver.error());
+  }
+
   std::string error() const { return endpoint_->error(); }
   std::string mode() const { return endpoint_->describe_mode(); }
   std::string directory() const { return endpoint_->directory(); }
 
  private:
-  // lockstep.Error, defined in lockstep/__init__.py, with the library's
-  // message.
-  [[noreturn]] static void throw_error(const std::string& message) {
-    const py::object error = py::module_::import("lockstep").attr("Error");
-    PyErr_SetString(error.ptr(), message.c_str());
-    throw py::error_already_set();
+  fields::SolverFields& fields() {
+    if (!fields_) {
+      std::string error;
+      fields_ = fields::SolverFields::open(*endpoint_, error);
+      if (!fields_) throw_error(error);
+    }
+    return *fields_;
   }
 
   std::unique_ptr<Endpoint> endpoint_;
+  std::unique_ptr<fields::SolverFields> fields_;
+};
+
+// An interaction program's context, from its arguments and working
+// directory.
+class Interaction {
+ public:
+  explicit Interaction(const std::vector<std::string>& arguments) {
+    std::vector<const char*> argv;
+    for (const std::string& argument : arguments) argv.push_back(argument.c_str());
+    std::string error;
+    fields_ = fields::InteractionFields::open(static_cast<int>(argv.size()), argv.data(), error);
+    if (!fields_) throw_error(error);
+  }
+
+  py::array get(int source, const std::string& name, const std::string& accept) {
+    const Accept rule = accept_rule(accept);
+    return read_array(
+        [&](const fields::Destination& to, fields::Header& header) { return fields_->get(source, name, to, header, rule); },
+        fields_->error());
+  }
+
+  void put(const std::string& name, const py::array& array) {
+    const fields::Values values = values_of(array);
+    Outcome outcome;
+    {
+      py::gil_scoped_release release;
+      outcome = fields_->put(name, values);
+    }
+    check(outcome, fields_->error());
+  }
+
+  int project() const { return fields_->project(); }
+  std::tuple<int, int, int> request() const {
+    return {fields_->request().cycle, fields_->request().time_step, fields_->request().stage};
+  }
+
+ private:
+  std::unique_ptr<fields::InteractionFields> fields_;
 };
 
 }  // namespace
 }  // namespace lockstep::python
 
 PYBIND11_MODULE(_lockstep, module) {
+  using lockstep::python::Interaction;
   using lockstep::python::Project;
   module.doc() = "The lockstep endpoint; use the classes of the lockstep package.";
   py::class_<Project>(module, "Endpoint")
@@ -107,7 +248,15 @@ PYBIND11_MODULE(_lockstep, module) {
       .def("lock", &Project::lock)
       .def("wait", &Project::wait, py::arg("timeout") = py::none())
       .def("done", &Project::done)
+      .def("put", &Project::put, py::arg("name"), py::arg("values"))
+      .def("get", &Project::get, py::arg("name"), py::arg("accept"))
       .def("error", &Project::error)
       .def_property_readonly("mode", &Project::mode)
       .def_property_readonly("directory", &Project::directory);
+  py::class_<Interaction>(module, "Interaction")
+      .def(py::init<const std::vector<std::string>&>(), py::arg("arguments"))
+      .def("get", &Interaction::get, py::arg("source"), py::arg("name"), py::arg("accept"))
+      .def("put", &Interaction::put, py::arg("name"), py::arg("values"))
+      .def_property_readonly("project", &Interaction::project)
+      .def_property_readonly("request", &Interaction::request);
 }

@@ -14,14 +14,22 @@ each one out, and reports it done::
 
 Each request that ``requests`` yields is reported done when the loop body
 finishes it without an exception; a body that raises leaves it not done.
+
+Solvers exchange data as fields: ``project.put("right", values)`` publishes
+an output, ``project.get("left")`` reads an input as a NumPy array, checked
+to have been written by this project's interaction program for the request
+being served (``StaleFieldError`` otherwise). An interaction program builds
+its context with ``lockstep.Interaction()``.
 """
 
 from __future__ import annotations
 
 from dataclasses import dataclass
-from typing import Iterator, Optional
+from typing import Any, Iterator, List, Optional
 
-__all__ = ["Error", "OutOfOrderError", "OverrunError", "Project", "Request"]
+import numpy
+
+__all__ = ["Error", "Interaction", "OutOfOrderError", "OverrunError", "Project", "Request", "StaleFieldError"]
 
 
 class Error(RuntimeError):
@@ -42,6 +50,32 @@ class OutOfOrderError(Error):
 class OverrunError(Error):
     """The driver no longer waits for the request (it stopped waiting, or the
     tree was reset); nothing was reported done."""
+
+
+class StaleFieldError(Error):
+    """A field is not the one this request needs: its stamp names an earlier
+    (or later) request, another project, or no file was written. The message
+    names the field, the request its file was written for, the one it should
+    have been written for, and the likely cause."""
+
+
+_ACCEPT = ("stage", "time_step", "any")
+
+
+def _as_field(values: Any) -> "numpy.ndarray":
+    """The values as an array a field holds: float64, int32 or int64,
+    contiguous in C or Fortran order."""
+    array = numpy.asarray(values)
+    if array.dtype not in (numpy.float64, numpy.int32, numpy.int64):
+        if array.dtype.kind in "iub":
+            array = array.astype(numpy.int64)
+        elif array.dtype.kind == "f":
+            array = array.astype(numpy.float64)
+        else:
+            raise Error(f"a field holds float64, int32 or int64 values, not {array.dtype}")
+    if not (array.flags.c_contiguous or array.flags.f_contiguous):
+        array = numpy.ascontiguousarray(array)
+    return array
 
 
 @dataclass(frozen=True)
@@ -65,6 +99,7 @@ class Request:
 
 
 from ._lockstep import Endpoint as _Endpoint  # noqa: E402  (needs Error defined)
+from ._lockstep import Interaction as _Interaction  # noqa: E402
 
 
 class Project:
@@ -122,6 +157,21 @@ class Project:
         if outcome == "overrun":
             raise OverrunError(self._open().error())
 
+    def put(self, name: str, values: Any) -> None:
+        """Publishes the output ``name``, stamped with the request being
+        served, or as a starting output before the first request."""
+        self._open().put(name, _as_field(values))
+
+    def get(self, name: str, accept: str = "stage") -> "numpy.ndarray":
+        """The input ``name`` that this project's interaction program wrote
+        for the request being served (in a cycle-end request: for the
+        cycle's last stage). ``accept="time_step"`` takes one written in the
+        same time step, ``accept="any"`` one written at any time (a
+        constant). Raises StaleFieldError when it is not such a field."""
+        if accept not in _ACCEPT:
+            raise Error(f'accept="{accept}": use "stage", "time_step" or "any"')
+        return self._open().get(name, accept)
+
     def requests(self, last_cycle: int) -> Iterator[Request]:
         """The requests up to the cycle-end request of ``last_cycle``, each
         reported done when the loop body has finished it (unless the body
@@ -143,3 +193,37 @@ class Project:
         if self._endpoint is None:
             raise Error("the project directory is closed")
         return self._endpoint
+
+
+class Interaction:
+    """The context of an interaction program that lockstep started, as
+    ``PROGRAM PROJECT CYCLE TIME_STEP STAGE`` in the driver's working
+    directory: ``project`` (the index), ``request`` (the stage), ``get``
+    another project's newest output, ``put`` this project's inputs.
+    Raises Error when the arguments or the tree are not lockstep's."""
+
+    def __init__(self, argv: Optional[List[str]] = None) -> None:
+        import sys
+
+        arguments = list(sys.argv[1:] if argv is None else argv)
+        self._context = _Interaction([str(argument) for argument in arguments])
+
+    @property
+    def project(self) -> int:
+        return self._context.project
+
+    @property
+    def request(self) -> Request:
+        return Request(*self._context.request)
+
+    def get(self, project: int, name: str, accept: str = "stage") -> "numpy.ndarray":
+        """Project ``project``'s output ``name``, checked to be its newest:
+        written in the stage before this one (before the first stage: its
+        starting output). Raises StaleFieldError otherwise."""
+        if accept not in _ACCEPT:
+            raise Error(f'accept="{accept}": use "stage", "time_step" or "any"')
+        return self._context.get(project, name, accept)
+
+    def put(self, name: str, values: Any) -> None:
+        """This project's input ``name``, stamped with this stage."""
+        self._context.put(name, _as_field(values))

@@ -1,0 +1,105 @@
+#include "exchange/table.h"
+
+#include <charconv>
+#include <fstream>
+#include <sstream>
+
+#include "fields/format.h"
+
+namespace lockstep::exchange {
+namespace {
+
+bool parse_index(std::string_view text, std::size_t& value) {
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  return !text.empty() && error == std::errc() && end == text.data() + text.size();
+}
+
+// "name" or "name[first:last]".
+bool parse_output(const std::string& text, Copy& copy, std::string& error) {
+  const std::size_t open = text.find('[');
+  copy.output = text.substr(0, open);
+  if (open != std::string::npos) {
+    const std::size_t colon = text.find(':', open);
+    std::size_t first = 0, last = 0;
+    if (text.back() != ']' || colon == std::string::npos ||
+        !parse_index(std::string_view(text).substr(open + 1, colon - open - 1), first) ||
+        !parse_index(std::string_view(text).substr(colon + 1, text.size() - colon - 2), last) || last <= first) {
+      error = "\"" + text + "\" is no slice: write NAME[FIRST:LAST] with FIRST < LAST, counted from 0";
+      return false;
+    }
+    copy.first = first;
+    copy.last = last;
+  }
+  error = fields::check_name(copy.output);
+  return error.empty();
+}
+
+}  // namespace
+
+std::optional<int> parse_project(const std::string& name) {
+  if (name == "main") return 0;
+  std::size_t index = 0;
+  if (name.size() < 4 || name.compare(0, 3, "sub") != 0 || name[3] == '0' ||
+      !parse_index(std::string_view(name).substr(3), index) || index > 100) {
+    return std::nullopt;
+  }
+  return static_cast<int>(index);
+}
+
+Table parse_table(const std::string& text) {
+  Table table;
+  std::istringstream lines(text);
+  std::string line;
+  for (int number = 1; std::getline(lines, line); ++number) {
+    if (const std::size_t hash = line.find('#'); hash != std::string::npos) line.resize(hash);
+    std::istringstream words(line);
+    std::vector<std::string> word;
+    for (std::string w; words >> w;) word.push_back(w);
+    if (word.empty()) continue;
+    const std::string where = std::string(kTableFile) + ":" + std::to_string(number) + ": ";
+    if (word.size() != 4) {
+      table.errors.push_back(where + "a line holds four words, FROM OUTPUT TO INPUT, not " +
+                             std::to_string(word.size()));
+      continue;
+    }
+    Copy copy;
+    copy.line = number;
+    std::string error;
+    const std::optional<int> from = parse_project(word[0]);
+    const std::optional<int> to = parse_project(word[2]);
+    if (!from || !to) {
+      table.errors.push_back(where + "\"" + (from ? word[2] : word[0]) +
+                             "\" is no project: write main, sub1, sub2, ...");
+      continue;
+    }
+    copy.from = *from;
+    copy.to = *to;
+    copy.input = word[3];
+    if (!parse_output(word[1], copy, error) || !(error = fields::check_name(copy.input)).empty()) {
+      table.errors.push_back(where + error);
+      continue;
+    }
+    table.copies.push_back(copy);
+  }
+  return table;
+}
+
+bool read_table(const std::string& path, Table& table, std::string& error) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    error = "cannot read " + path + ": " + (errno == ENOENT ? std::string("no such file") : "not readable") +
+            "; lockstep-exchange takes its table from the driver's working directory";
+    return false;
+  }
+  std::string text(kTableLimit + 1, '\0');
+  file.read(text.data(), static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<std::size_t>(file.gcount()));
+  if (text.size() > kTableLimit) {
+    error = path + " is longer than " + std::to_string(kTableLimit) + " bytes";
+    return false;
+  }
+  table = parse_table(text);
+  return true;
+}
+
+}  // namespace lockstep::exchange

@@ -1,0 +1,42 @@
+#include "exchange/table.h"
+
+#include <gtest/gtest.h>
+
+namespace lockstep::exchange {
+namespace {
+
+TEST(ExchangeTableTest, LinesCommentsSlicesAndEveryErrorWithItsLine) {
+  const Table table = parse_table(
+      "# from output to input\n"
+      "sub1  u[0:1]  main right   # the chain's boundary\n"
+      "\n"
+      "main  u       sub12 left\n"
+      "main  u  sub1\n"
+      "side  u  sub1 left\n"
+      "main  u[2:1]  sub1 left\n"
+      "main  u  sub0 left\n"
+      "main  ../u  sub1 left\n");
+  ASSERT_EQ(table.copies.size(), 2u);
+  const Copy& slice = table.copies[0];
+  EXPECT_EQ(slice.line, 2);
+  EXPECT_EQ(slice.from, 1);
+  EXPECT_EQ(slice.output, "u");
+  EXPECT_EQ(slice.first, 0u);
+  EXPECT_EQ(slice.last, 1u);
+  EXPECT_EQ(slice.to, 0);
+  EXPECT_EQ(slice.input, "right");
+  EXPECT_EQ(table.copies[1].to, 12);
+  EXPECT_FALSE(table.copies[1].first);
+  const std::vector<std::string> errors = {
+      "exchange.dat:5: a line holds four words, FROM OUTPUT TO INPUT, not 3",
+      "exchange.dat:6: \"side\" is no project: write main, sub1, sub2, ...",
+      "exchange.dat:7: \"u[2:1]\" is no slice: write NAME[FIRST:LAST] with FIRST < LAST, counted from 0",
+      "exchange.dat:8: \"sub0\" is no project: write main, sub1, sub2, ...",
+      "exchange.dat:9: the field name \"../u\" is not allowed: use letters, digits, '_', '-' and '.', not starting "
+      "with '.'",
+  };
+  EXPECT_EQ(table.errors, errors);
+}
+
+}  // namespace
+}  // namespace lockstep::exchange
