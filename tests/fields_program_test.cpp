@@ -1,0 +1,64 @@
+// The chain example's C++ solver in a real run whose interaction programs
+// (lockstep-exchange behind a wrapper) go wrong in one stage: the solver
+// that would read the stale input stops with the error that names it.
+#include <fstream>
+
+#include "run_tree.h"
+
+namespace lockstep::testing {
+namespace {
+
+// The chain's table: each block's boundary to its neighbour.
+constexpr const char* kTable =
+    "main last sub1 left\nsub1 first main right\nsub1 last sub2 left\nsub2 first sub1 right\n";
+
+// A run of 3 cycles of 2 time steps over the chain's three blocks, each
+// project's interaction program the shell `wrapper` around lockstep-exchange
+// ($EXCHANGE); sub1's solver's exit status and stderr.
+Exit run_with(const std::string& wrapper) {
+  RunTree tree;
+  tree.settings(2, 3, 2);
+  tree.projects(2, "#!/bin/sh\nEXCHANGE=" + std::string(EXCHANGE_BINARY) + "\n" + wrapper, "exchange.sh");
+  write_file(tree.run() / "exchange.dat", kTable);
+  std::vector<std::unique_ptr<Background>> solvers;
+  for (int index = 0; index <= 2; ++index) {
+    solvers.push_back(std::make_unique<Background>(
+        std::vector<std::string>{CHAIN_SOLVER_BINARY, tree.project(index).string(), std::to_string(4 * index), "4",
+                                 "3"},
+        tree.run(), tree.project(index) / "solver.err"));
+  }
+  for (int index = 0; index <= 2; ++index) {
+    EXPECT_TRUE(wait_until([&] { return std::filesystem::exists(tree.project(index) / "fields/out/last.npy"); }));
+  }
+  Background driver({LOCKSTEP_BINARY}, tree.run(), tree.run() / "lockstep.err");
+  Exit sub1;
+  sub1.status = solvers[1]->wait(kStall).value_or(-2);
+  sub1.err = read_file(tree.project(1) / "solver.err");
+  return sub1;
+}
+
+TEST(FieldsRunTest, AStaleInputStopsTheSolverThatReadsItNamingStageAndProject) {
+  const struct {
+    const char* name;
+    std::string wrapper;
+    std::string error;
+  } cases[] = {
+      {"every program copies: the run completes", "exec $EXCHANGE \"$@\"\n", ""},
+      {"sub1's program fails in one stage", "[ \"$*\" = \"1 2 1 3\" ] && exit 1\nexec $EXCHANGE \"$@\"\n",
+       "chain_solver: input \"right\" of sub1 is stale: its file was written for cycle 2, time step 1, stage 2, but "
+       "cycle 2, time step 1, stage 3 needs it written for cycle 2, time step 1, stage 3; the interaction program of "
+       "sub1 did not write it in cycle 2, time step 1, stage 3: it failed or did not run\n"},
+      {"sub1's program is missing", "[ \"$1\" = 1 ] && exit 127\nexec $EXCHANGE \"$@\"\n",
+       "chain_solver: input \"right\" of sub1 has never been written: the interaction program of sub1 did not write "
+       "it, by cycle 1, time step 1, stage 1 (it failed, did not run, or does not write this field)\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const Exit sub1 = run_with(c.wrapper);
+    EXPECT_EQ(sub1.status, c.error.empty() ? 0 : 1);
+    EXPECT_EQ(sub1.err, c.error);
+  }
+}
+
+}  // namespace
+}  // namespace lockstep::testing
