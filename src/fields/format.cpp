@@ -31,7 +31,8 @@ std::string_view trim(std::string_view text) {
 
 // The text after `'key':` up to the next top-level comma or brace.
 bool dictionary_value(std::string_view dictionary, std::string_view key, std::string_view& value) {
-  const std::string quoted = "'" + std::string(key) + "'";
+  std::string quoted(1, '\'');
+  quoted.append(key).push_back('\'');
   std::size_t at = dictionary.find(quoted);
   if (at == std::string_view::npos) return false;
   at = dictionary.find(':', at + quoted.size());
@@ -72,7 +73,8 @@ bool parse_shape(std::string_view text, std::vector<std::int64_t>& shape) {
 
 // "key=value" words of the stamp comment.
 bool stamp_value(std::string_view stamp, std::string_view key, std::string_view& value) {
-  const std::string word = " " + std::string(key) + "=";
+  std::string word(1, ' ');
+  word.append(key).push_back('=');
   const std::size_t at = stamp.find(word);
   if (at == std::string_view::npos) return false;
   value = stamp.substr(at + word.size());
