@@ -1,7 +1,7 @@
 // The chain example's C++ solver in a real run whose interaction programs
 // (lockstep-exchange behind a wrapper) go wrong in one stage: the solver
 // that would read the stale input stops with the error that names it.
-#include <fstream>
+#include <nlohmann/json.hpp>
 
 #include "run_tree.h"
 
@@ -15,8 +15,7 @@ constexpr const char* kTable =
 // A run of 3 cycles of 2 time steps over the chain's three blocks, each
 // project's interaction program the shell `wrapper` around lockstep-exchange
 // ($EXCHANGE); sub1's solver's exit status and stderr.
-Exit run_with(const std::string& wrapper) {
-  RunTree tree;
+Exit run_with(RunTree& tree, const std::string& wrapper) {
   tree.settings(2, 3, 2);
   tree.projects(2, "#!/bin/sh\nEXCHANGE=" + std::string(EXCHANGE_BINARY) + "\n" + wrapper, "exchange.sh");
   write_file(tree.run() / "exchange.dat", kTable);
@@ -54,10 +53,50 @@ TEST(FieldsRunTest, AStaleInputStopsTheSolverThatReadsItNamingStageAndProject) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    const Exit sub1 = run_with(c.wrapper);
+    RunTree tree;
+    const Exit sub1 = run_with(tree, c.wrapper);
     EXPECT_EQ(sub1.status, c.error.empty() ? 0 : 1);
     EXPECT_EQ(sub1.err, c.error);
   }
+}
+
+TEST(FieldsRunTest, TheToolsShowAFieldsStampAndValuesAndTheTablesFaults) {
+  RunTree tree;
+  ASSERT_EQ(run_with(tree, "exec $EXCHANGE \"$@\"\n").status, 0);
+  const auto ctl = [&](const std::vector<std::string>& arguments) {
+    std::vector<std::string> argv = {LOCKSTEPCTL_BINARY};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    return run_program(argv, tree.run());
+  };
+  const Exit shown = ctl({"field", "show", "../sub2/fields/in/left.npy"});
+  EXPECT_EQ(shown.status, 0);
+  EXPECT_THAT(shown.out, ::testing::MatchesRegex("field: \\.\\./sub2/fields/in/left\\.npy\n"
+                                                 "stamp: input of sub2 for cycle 3, time step 2, stage 4\n"
+                                                 "type:  float64\n"
+                                                 "shape: \\(1,\\), row-major\n"
+                                                 "values:\n"
+                                                 "  -?[0-9.e-]+\n"));
+  const nlohmann::json json = nlohmann::json::parse(ctl({"field", "show", "--json", "../main/fields/out/last.npy"}).out);
+  EXPECT_EQ(json["request"], (nlohmann::json{{"cycle", 3}, {"time_step", 2}, {"stage", 4}}));
+  EXPECT_EQ(json["role"], "output");
+  EXPECT_EQ(json["values"].size(), 1u);
+  const Exit odd = ctl({"field", "show", "analysis_settings.dat"});
+  EXPECT_EQ(odd.status, 1);
+  EXPECT_EQ(odd.err, "lockstepctl field: analysis_settings.dat: not a field file (no NumPy .npy header)\n");
+
+  EXPECT_THAT(ctl({"status"}).out, HasSubstr("newest outputs:\n  main    cycle 3, time step 2, stage 4 ("));
+
+  write_file(tree.run() / "exchange.dat", std::string(kTable) + "sub3 last main left\nmain middle sub1 x\nmain\n");
+  std::filesystem::remove(tree.project(2) / "exchange.sh");
+  std::filesystem::create_symlink("/nonexistent/lockstep-exchange", tree.project(2) / "exchange.sh");
+  const Exit check = ctl({"check"});
+  EXPECT_EQ(check.status, 1);
+  EXPECT_THAT(check.out, HasSubstr("exchange.dat:7: a line holds four words, FROM OUTPUT TO INPUT, not 1\n"));
+  EXPECT_THAT(check.out, HasSubstr("exchange.dat:5: sub3 is not in this run (2 sub projects); fix the line or "
+                                   "num_subprojects=\n"));
+  EXPECT_THAT(check.out, HasSubstr("main: warning: exchange.dat:6: its output \"middle\" has not been published"));
+  EXPECT_THAT(check.out, HasSubstr("sub2: exchange.sh links to /nonexistent/lockstep-exchange, which does not "
+                                   "exist: link it to the installed lockstep-exchange\n"));
 }
 
 }  // namespace

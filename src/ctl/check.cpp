@@ -13,6 +13,7 @@
 
 #include "config/project_tree.h"
 #include "ctl/command_line.h"
+#include "ctl/exchange_check.h"
 #include "ctl/text.h"
 #include "ctl/tree.h"
 #include "records/status.h"
@@ -28,7 +29,9 @@ constexpr const char* kCheckFooter =
     "links out of the run tree, an empty go2.dat left by a killed lockstep), done\n"
     "values that would hold up the first stage, go.dat files left holding a request,\n"
     "and a lockstep already running in RUN_DIR on this machine (other machines cannot\n"
-    "be looked at).\n"
+    "be looked at). With an exchange.dat in RUN_DIR: its lines that cannot be read,\n"
+    "projects it names outside the run, outputs not yet published, and links to\n"
+    "lockstep-exchange that lead nowhere.\n"
     "\n"
     "--fix prepares the tree for a fresh start after a crash: every go2.dat reports\n"
     "done and the temporary files a killed project left are removed; nothing else is\n"
@@ -177,7 +180,8 @@ int check_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
     }
     if (!fix(before, as_json ? err : out, err)) return 1;
   }
-  const TreeState tree = inspect_tree(run_directory, true);
+  TreeState tree = inspect_tree(run_directory, true);
+  check_exchange(tree);
   out << (as_json ? check_json(tree) : check_text(tree));
   return tree.problem_count() == 0 ? 0 : 1;
 }

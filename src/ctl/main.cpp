@@ -5,6 +5,7 @@
 
 #include "ctl/agent.h"
 #include "ctl/check.h"
+#include "ctl/field.h"
 #include "ctl/record.h"
 #include "ctl/report.h"
 #include "ctl/status.h"
@@ -17,6 +18,7 @@ constexpr const char* kHelp =
     "Subcommands:\n"
     "  agent   serve a project directory by running a command once per request\n"
     "  check   check a run tree before a run\n"
+    "  field   show a field file: its stamp, type, shape and values\n"
     "  record  record every request and done report of a run, with its time\n"
     "  report  summarise a recording: where the run's time went, as text, SVG or a trace\n"
     "  status  show what a running lockstep is waiting for\n"
@@ -29,6 +31,7 @@ int main(int argc, char** argv) {
   const std::string subcommand = argc > 1 ? argv[1] : "";
   if (subcommand == "agent") return lockstep::ctl::agent_main(argc - 2, argv + 2, std::cout, std::cerr);
   if (subcommand == "check") return lockstep::ctl::check_main(argc - 2, argv + 2, std::cout, std::cerr);
+  if (subcommand == "field") return lockstep::ctl::field_main(argc - 2, argv + 2, std::cout, std::cerr);
   if (subcommand == "record") return lockstep::ctl::record_main(argc - 2, argv + 2, std::cout, std::cerr);
   if (subcommand == "report") return lockstep::ctl::report_main(argc - 2, argv + 2, std::cout, std::cerr);
   if (subcommand == "status") return lockstep::ctl::status_main(argc - 2, argv + 2, std::cout, std::cerr);

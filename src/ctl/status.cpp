@@ -12,6 +12,7 @@
 #include "ctl/command_line.h"
 #include "ctl/text.h"
 #include "ctl/tree.h"
+#include "fields/store.h"
 
 namespace lockstep::ctl {
 namespace {
@@ -19,7 +20,8 @@ namespace {
 constexpr const char* kStatusFooter =
     "Read from the run tree without touching it: whether lockstep runs in RUN_DIR on\n"
     "this machine, the current request, the position in the schedule, which projects\n"
-    "have reported done, and for how long each other project has held the run.";
+    "have reported done, for how long each other project has held the run, and the\n"
+    "request each project's newest output field was written for.";
 
 std::string seconds_since(std::chrono::system_clock::time_point since) {
   const double seconds = std::chrono::duration<double>(std::chrono::system_clock::now() - since).count();
@@ -54,6 +56,38 @@ struct View {
   std::string text;
   bool finished = false;  // the run is complete, or no driver is running it
 };
+
+// For each project that publishes fields, the request its newest output
+// was written for; nothing when none does.
+std::string newest_outputs(const TreeState& tree) {
+  constexpr std::size_t kLookLimit = 1000;  // field files looked at per project
+  std::ostringstream out;
+  for (const ProjectState& project : tree.projects) {
+    const std::filesystem::path directory = tree.run_directory / project.directory / "fields" / "out";
+    std::error_code error;
+    std::optional<project::Request> newest;
+    std::string name;
+    std::size_t looked = 0;
+    for (auto entry = std::filesystem::directory_iterator(directory, error);
+         !error && entry != std::filesystem::directory_iterator() && looked < kLookLimit; entry.increment(error)) {
+      const std::filesystem::path& path = entry->path();
+      if (path.extension() != ".npy" || path.filename().string().front() == '.') continue;
+      ++looked;
+      fields::Header header;
+      std::string reason;
+      if (fields::read_header(path.string(), header, reason) != fields::ReadOutcome::kRead) continue;
+      if (!newest || project::comes_after(header.stamp.request, *newest)) {
+        newest = header.stamp.request;
+        name = path.stem().string();
+      }
+    }
+    if (!newest) continue;
+    out << "  " << std::left << std::setw(8) << project.name() << fields::describe_request(*newest) << " (\""
+        << text::printable(name) << "\")\n";
+  }
+  const std::string lines = out.str();
+  return lines.empty() ? "" : "\nnewest outputs:\n" + lines;
+}
 
 View status_view(const TreeState& tree, bool colour) {
   const auto paint = [colour](const std::string& text, const char* code) {
@@ -114,6 +148,7 @@ View status_view(const TreeState& tree, bool colour) {
       holders += (holders.empty() ? "" : ", ") + project.name();
     }
   }
+  out << newest_outputs(tree);
   if (complete) {
     out << "\nthe run is complete\n";
   } else if (!running) {

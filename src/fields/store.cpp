@@ -123,6 +123,7 @@ ReadOutcome read_field(const std::string& path, Header& header,
             std::to_string(count) + " values of " + type_name(header.type) + ")";
     return ReadOutcome::kError;
   }
+  if (!destination) return ReadOutcome::kRead;
   void* values = destination(header, error);
   if (values == nullptr) return ReadOutcome::kError;
   const std::size_t size = count * element_size(header.type);
@@ -134,6 +135,10 @@ ReadOutcome read_field(const std::string& path, Header& header,
     return ReadOutcome::kError;
   }
   return ReadOutcome::kRead;
+}
+
+ReadOutcome read_header(const std::string& path, Header& header, std::string& error) {
+  return read_field(path, header, nullptr, error);
 }
 
 }  // namespace lockstep::fields

@@ -25,4 +25,7 @@ ReadOutcome read_field(const std::string& path, Header& header,
                        const std::function<void*(const Header&, std::string& error)>& destination,
                        std::string& error);
 
+// Reads only the header (the file's size checked against it).
+ReadOutcome read_header(const std::string& path, Header& header, std::string& error);
+
 }  // namespace lockstep::fields

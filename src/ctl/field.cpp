@@ -1,0 +1,138 @@
+#include "ctl/field.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "ctl/command_line.h"
+#include "ctl/text.h"
+#include "fields/store.h"
+
+namespace lockstep::ctl {
+namespace {
+
+constexpr const char* kFooter =
+    "PATH is a field file, such as ../sub1/fields/in/left.npy. The values are shown\n"
+    "in the file's order, at most --limit of them (all with --limit 0).\n"
+    "\n"
+    "Exit status: 0, 1 when PATH is no field file, 2 on a usage error.";
+
+// One value as text: integers exactly, floats so that they read back the same.
+std::string value_text(const std::vector<char>& values, fields::Type type, std::size_t at) {
+  char text[40];
+  switch (type) {
+    case fields::Type::kFloat64: {
+      double value = 0;
+      std::memcpy(&value, values.data() + at * 8, 8);
+      std::snprintf(text, sizeof text, "%.17g", value);
+      break;
+    }
+    case fields::Type::kInt32: {
+      std::int32_t value = 0;
+      std::memcpy(&value, values.data() + at * 4, 4);
+      std::snprintf(text, sizeof text, "%" PRId32, value);
+      break;
+    }
+    case fields::Type::kInt64: {
+      std::int64_t value = 0;
+      std::memcpy(&value, values.data() + at * 8, 8);
+      std::snprintf(text, sizeof text, "%" PRId64, value);
+      break;
+    }
+  }
+  return text;
+}
+
+// JSON has no NaN or infinity: those become null.
+nlohmann::json json_value(const std::vector<char>& values, fields::Type type, std::size_t at) {
+  if (type == fields::Type::kFloat64) {
+    double value = 0;
+    std::memcpy(&value, values.data() + at * 8, 8);
+    return value;
+  }
+  if (type == fields::Type::kInt32) {
+    std::int32_t value = 0;
+    std::memcpy(&value, values.data() + at * 4, 4);
+    return value;
+  }
+  std::int64_t value = 0;
+  std::memcpy(&value, values.data() + at * 8, 8);
+  return value;
+}
+
+std::string shape_text(const std::vector<std::int64_t>& shape) {
+  std::string text = "(";
+  for (std::size_t i = 0; i < shape.size(); ++i) text += (i > 0 ? ", " : "") + std::to_string(shape[i]);
+  return text + (shape.size() == 1 ? ",)" : ")");
+}
+
+}  // namespace
+
+int field_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
+  std::string path;
+  bool as_json = false;
+  std::size_t limit = 100;
+  CLI::App app("Shows a field file: who wrote it for which request, its type, shape and values.",
+               "lockstepctl field");
+  set_up(app);
+  app.require_subcommand(1);
+  CLI::App* show = app.add_subcommand("show", "show a field file");
+  show->footer(kFooter);
+  show->add_option("PATH", path, "the field file")->required()->type_name("");
+  show->add_flag("--json", as_json, "print it as JSON");
+  show->add_option("--limit", limit, "show at most this many values (default 100; 0: all)")->type_name("N");
+  if (const auto status = parse(app, words(argc, argv), out, err)) return *status;
+
+  fields::Header header;
+  std::vector<char> values;
+  std::string error;
+  const fields::ReadOutcome outcome = fields::read_field(
+      path, header,
+      [&values](const fields::Header& found, std::string&) -> void* {
+        std::size_t count = 0;
+        fields::value_count(found.shape, count);
+        values.resize(count * fields::element_size(found.type));
+        return values.data();
+      },
+      error);
+  if (outcome != fields::ReadOutcome::kRead) {
+    err << "lockstepctl field: "
+        << (outcome == fields::ReadOutcome::kMissing ? "cannot read " + path + ": no such file" : error) << "\n";
+    return 1;
+  }
+  const std::size_t count = values.size() / fields::element_size(header.type);
+  const std::size_t shown = limit == 0 ? count : std::min(count, limit);
+  const auto& request = header.stamp.request;
+  if (as_json) {
+    nlohmann::json json = {
+        {"path", path},
+        {"project", header.stamp.project},
+        {"role", header.stamp.role == fields::Role::kOutput ? "output" : "input"},
+        {"request", {{"cycle", request.cycle}, {"time_step", request.time_step}, {"stage", request.stage}}},
+        {"type", fields::type_name(header.type)},
+        {"shape", header.shape},
+        {"order", header.column_major ? "column-major" : "row-major"},
+        {"count", count},
+        {"values", nlohmann::json::array()},
+    };
+    for (std::size_t i = 0; i < shown; ++i) json["values"].push_back(json_value(values, header.type, i));
+    out << json.dump(2) << "\n";
+    return 0;
+  }
+  out << "field: " << text::printable(path) << "\n"
+      << "stamp: " << fields::describe(header.stamp) << "\n"
+      << "type:  " << fields::type_name(header.type) << "\n"
+      << "shape: " << shape_text(header.shape) << ", " << (header.column_major ? "column-major" : "row-major")
+      << "\n"
+      << "values" << (shown < count ? " (the first " + std::to_string(shown) + " of " + std::to_string(count) + ")" : "")
+      << ":\n";
+  for (std::size_t i = 0; i < shown; ++i) {
+    out << (i % 8 == 0 ? "  " : " ") << value_text(values, header.type, i) << (i % 8 == 7 || i + 1 == shown ? "\n" : "");
+  }
+  return 0;
+}
+
+}  // namespace lockstep::ctl
