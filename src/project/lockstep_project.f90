@@ -48,7 +48,24 @@ module lockstep_project
     procedure :: close => project_close
   end type
 
-  public :: lockstep_open
+  ! An interaction program's context: the project it serves and its stage,
+  ! from the program's arguments and the settings in its working directory.
+  type, public :: lockstep_interaction_t
+    private
+    type(c_ptr) :: handle = c_null_ptr
+    character(len=:), allocatable :: open_error
+  contains
+    procedure :: request => interaction_request
+    procedure :: error => interaction_error
+    procedure :: close => interaction_close
+    ! get: another project's newest output; put: this project's input.
+    generic :: get => iget_real_1, iget_real_2, iget_int32_1, iget_int32_2, iget_int64_1, iget_int64_2
+    generic :: put => iput_real_1, iput_real_2, iput_int32_1, iput_int32_2, iput_int64_1, iput_int64_2
+    procedure, private :: iget_real_1, iget_real_2, iget_int32_1, iget_int32_2, iget_int64_1, iget_int64_2
+    procedure, private :: iput_real_1, iput_real_2, iput_int32_1, iput_int32_2, iput_int64_1, iput_int64_2
+  end type
+
+  public :: lockstep_open, lockstep_interaction_open
 
   integer(c_int), parameter :: error_capacity = 4096
 
@@ -98,6 +115,45 @@ module lockstep_project
       integer(c_int64_t), intent(in) :: shape(*)
       type(c_ptr), value :: values
     end function
+    type(c_ptr) function c_interaction_open(argc, argv, error, error_size) bind(c, name='lockstep_interaction_open')
+      import :: c_ptr, c_char, c_int
+      integer(c_int), value :: argc
+      type(c_ptr), intent(in) :: argv(*)
+      character(kind=c_char), intent(out) :: error(*)
+      integer(c_int), value :: error_size
+    end function
+    subroutine c_interaction_request(interaction, project, cycle, time_step, stage) &
+        bind(c, name='lockstep_interaction_request')
+      import :: c_ptr, c_int
+      type(c_ptr), value :: interaction
+      integer(c_int), intent(out) :: project, cycle, time_step, stage
+    end subroutine
+    integer(c_int) function c_interaction_get(interaction, source, name, type, rank, shape, order, values, accept) &
+        bind(c, name='lockstep_interaction_get')
+      import :: c_ptr, c_char, c_int, c_int64_t
+      type(c_ptr), value :: interaction
+      integer(c_int), value :: source, type, rank, order, accept
+      character(kind=c_char), intent(in) :: name(*)
+      integer(c_int64_t), intent(in) :: shape(*)
+      type(c_ptr), value :: values
+    end function
+    integer(c_int) function c_interaction_put(interaction, name, type, rank, shape, order, values) &
+        bind(c, name='lockstep_interaction_put')
+      import :: c_ptr, c_char, c_int, c_int64_t
+      type(c_ptr), value :: interaction
+      character(kind=c_char), intent(in) :: name(*)
+      integer(c_int), value :: type, rank, order
+      integer(c_int64_t), intent(in) :: shape(*)
+      type(c_ptr), value :: values
+    end function
+    type(c_ptr) function c_interaction_error(interaction) bind(c, name='lockstep_interaction_error')
+      import :: c_ptr
+      type(c_ptr), value :: interaction
+    end function
+    subroutine c_interaction_close(interaction) bind(c, name='lockstep_interaction_close')
+      import :: c_ptr
+      type(c_ptr), value :: interaction
+    end subroutine
     integer(c_size_t) function c_strlen(text) bind(c, name='strlen')
       import :: c_ptr, c_size_t
       type(c_ptr), value :: text
@@ -303,5 +359,205 @@ contains
     if (c_associated(project%handle)) call c_close(project%handle)
     project%handle = c_null_ptr
   end subroutine
+
+  ! The context of the interaction program this process is, from its command
+  ! line; LOCKSTEP_PROJECT_ERROR with the reason in interaction%error() when
+  ! its arguments or the tree are not lockstep's.
+  integer function lockstep_interaction_open(interaction) result(status)
+    type(lockstep_interaction_t), intent(inout) :: interaction
+    character(kind=c_char), target :: arguments(256, 0:4)
+    type(c_ptr) :: argv(0:4)
+    character(len=255) :: argument
+    character(kind=c_char) :: error(error_capacity)
+    integer :: i, n, length
+
+    call interaction%close()
+    n = min(command_argument_count(), 4)
+    do i = 0, n
+      call get_command_argument(i, argument)
+      length = len_trim(argument)
+      arguments(1:length, i) = transfer(argument(1:length), arguments(1:length, i))
+      arguments(length + 1, i) = c_null_char
+      argv(i) = c_loc(arguments(1, i))
+    end do
+    error = c_null_char
+    interaction%handle = c_interaction_open(int(n + 1, c_int), argv, error, error_capacity)
+    status = LOCKSTEP_PROJECT_OK
+    if (c_associated(interaction%handle)) return
+    length = 0
+    do while (length < error_capacity)
+      if (error(length + 1) == c_null_char) exit
+      length = length + 1
+    end do
+    allocate (character(len=length) :: interaction%open_error)
+    interaction%open_error = transfer(error(1:length), interaction%open_error)
+    status = LOCKSTEP_PROJECT_ERROR
+  end function
+
+  ! The project this program serves and the stage it was started for.
+  subroutine interaction_request(interaction, project, cycle, time_step, stage)
+    class(lockstep_interaction_t), intent(in) :: interaction
+    integer, intent(out) :: project, cycle, time_step, stage
+    integer(c_int) :: p, c, t, s
+    p = -1
+    c = 0
+    t = 0
+    s = 0
+    if (c_associated(interaction%handle)) call c_interaction_request(interaction%handle, p, c, t, s)
+    project = p
+    cycle = c
+    time_step = t
+    stage = s
+  end subroutine
+
+  function interaction_error(interaction) result(message)
+    class(lockstep_interaction_t), intent(in) :: interaction
+    character(len=:), allocatable :: message
+    character(kind=c_char), pointer :: text(:)
+    type(c_ptr) :: reason
+    integer :: length
+    if (.not. c_associated(interaction%handle)) then
+      message = 'the interaction context is not open'
+      if (allocated(interaction%open_error)) message = interaction%open_error
+      return
+    end if
+    reason = c_interaction_error(interaction%handle)
+    length = int(c_strlen(reason))
+    call c_f_pointer(reason, text, [length])
+    allocate (character(len=length) :: message)
+    message = transfer(text, message)
+  end function
+
+  subroutine interaction_close(interaction)
+    class(lockstep_interaction_t), intent(inout) :: interaction
+    if (c_associated(interaction%handle)) call c_interaction_close(interaction%handle)
+    interaction%handle = c_null_ptr
+  end subroutine
+
+  ! One get or put of an interaction, values in Fortran's order.
+  integer function interaction_call(interaction, source, field, type, extents, values, put, accept) result(status)
+    class(lockstep_interaction_t), intent(inout) :: interaction
+    integer, intent(in) :: source
+    character(len=*), intent(in) :: field
+    integer(c_int), intent(in) :: type
+    integer(c_int64_t), intent(in) :: extents(:)
+    type(c_ptr), intent(in) :: values
+    logical, intent(in) :: put
+    integer, intent(in), optional :: accept
+    integer(c_int) :: rule
+    status = LOCKSTEP_PROJECT_ERROR
+    if (.not. c_associated(interaction%handle)) return
+    if (put) then
+      status = c_interaction_put(interaction%handle, trim(field) // c_null_char, type, int(size(extents), c_int), &
+                                 extents, c_column_major, values)
+    else
+      rule = LOCKSTEP_ACCEPT_STAGE
+      if (present(accept)) rule = int(accept, c_int)
+      status = c_interaction_get(interaction%handle, int(source, c_int), trim(field) // c_null_char, type, &
+                                 int(size(extents), c_int), extents, c_column_major, values, rule)
+    end if
+  end function
+
+  integer function iget_real_1(interaction, source, field, values, accept) result(status)
+    class(lockstep_interaction_t), intent(inout) :: interaction
+    integer, intent(in) :: source
+    character(len=*), intent(in) :: field
+    real(c_double), contiguous, target, intent(inout) :: values(:)
+    integer, intent(in), optional :: accept
+    status = interaction_call(interaction, source, field, c_float64, shape(values, kind=c_int64_t), c_loc(values), &
+                              .false., accept)
+  end function
+
+  integer function iput_real_1(interaction, field, values) result(status)
+    class(lockstep_interaction_t), intent(inout) :: interaction
+    character(len=*), intent(in) :: field
+    real(c_double), contiguous, target, intent(in) :: values(:)
+    status = interaction_call(interaction, 0, field, c_float64, shape(values, kind=c_int64_t), c_loc(values), .true.)
+  end function
+
+  integer function iget_real_2(interaction, source, field, values, accept) result(status)
+    class(lockstep_interaction_t), intent(inout) :: interaction
+    integer, intent(in) :: source
+    character(len=*), intent(in) :: field
+    real(c_double), contiguous, target, intent(inout) :: values(:, :)
+    integer, intent(in), optional :: accept
+    status = interaction_call(interaction, source, field, c_float64, shape(values, kind=c_int64_t), c_loc(values), &
+                              .false., accept)
+  end function
+
+  integer function iput_real_2(interaction, field, values) result(status)
+    class(lockstep_interaction_t), intent(inout) :: interaction
+    character(len=*), intent(in) :: field
+    real(c_double), contiguous, target, intent(in) :: values(:, :)
+    status = interaction_call(interaction, 0, field, c_float64, shape(values, kind=c_int64_t), c_loc(values), .true.)
+  end function
+
+  integer function iget_int32_1(interaction, source, field, values, accept) result(status)
+    class(lockstep_interaction_t), intent(inout) :: interaction
+    integer, intent(in) :: source
+    character(len=*), intent(in) :: field
+    integer(c_int32_t), contiguous, target, intent(inout) :: values(:)
+    integer, intent(in), optional :: accept
+    status = interaction_call(interaction, source, field, c_int32, shape(values, kind=c_int64_t), c_loc(values), &
+                              .false., accept)
+  end function
+
+  integer function iput_int32_1(interaction, field, values) result(status)
+    class(lockstep_interaction_t), intent(inout) :: interaction
+    character(len=*), intent(in) :: field
+    integer(c_int32_t), contiguous, target, intent(in) :: values(:)
+    status = interaction_call(interaction, 0, field, c_int32, shape(values, kind=c_int64_t), c_loc(values), .true.)
+  end function
+
+  integer function iget_int32_2(interaction, source, field, values, accept) result(status)
+    class(lockstep_interaction_t), intent(inout) :: interaction
+    integer, intent(in) :: source
+    character(len=*), intent(in) :: field
+    integer(c_int32_t), contiguous, target, intent(inout) :: values(:, :)
+    integer, intent(in), optional :: accept
+    status = interaction_call(interaction, source, field, c_int32, shape(values, kind=c_int64_t), c_loc(values), &
+                              .false., accept)
+  end function
+
+  integer function iput_int32_2(interaction, field, values) result(status)
+    class(lockstep_interaction_t), intent(inout) :: interaction
+    character(len=*), intent(in) :: field
+    integer(c_int32_t), contiguous, target, intent(in) :: values(:, :)
+    status = interaction_call(interaction, 0, field, c_int32, shape(values, kind=c_int64_t), c_loc(values), .true.)
+  end function
+
+  integer function iget_int64_1(interaction, source, field, values, accept) result(status)
+    class(lockstep_interaction_t), intent(inout) :: interaction
+    integer, intent(in) :: source
+    character(len=*), intent(in) :: field
+    integer(c_int64_t), contiguous, target, intent(inout) :: values(:)
+    integer, intent(in), optional :: accept
+    status = interaction_call(interaction, source, field, c_int64, shape(values, kind=c_int64_t), c_loc(values), &
+                              .false., accept)
+  end function
+
+  integer function iput_int64_1(interaction, field, values) result(status)
+    class(lockstep_interaction_t), intent(inout) :: interaction
+    character(len=*), intent(in) :: field
+    integer(c_int64_t), contiguous, target, intent(in) :: values(:)
+    status = interaction_call(interaction, 0, field, c_int64, shape(values, kind=c_int64_t), c_loc(values), .true.)
+  end function
+
+  integer function iget_int64_2(interaction, source, field, values, accept) result(status)
+    class(lockstep_interaction_t), intent(inout) :: interaction
+    integer, intent(in) :: source
+    character(len=*), intent(in) :: field
+    integer(c_int64_t), contiguous, target, intent(inout) :: values(:, :)
+    integer, intent(in), optional :: accept
+    status = interaction_call(interaction, source, field, c_int64, shape(values, kind=c_int64_t), c_loc(values), &
+                              .false., accept)
+  end function
+
+  integer function iput_int64_2(interaction, field, values) result(status)
+    class(lockstep_interaction_t), intent(inout) :: interaction
+    character(len=*), intent(in) :: field
+    integer(c_int64_t), contiguous, target, intent(in) :: values(:, :)
+    status = interaction_call(interaction, 0, field, c_int64, shape(values, kind=c_int64_t), c_loc(values), .true.)
+  end function
 
 end module lockstep_project

@@ -1,0 +1,113 @@
+#!/usr/bin/env bash
+# A solver and interaction program from a language section of
+# docs/fields.md, built as a user builds them against an installed lockstep,
+# serve a real run of the main project and one sub project, 2 cycles of 2
+# time steps: in the k-th stage each solver must print k - 1, the other
+# project's count of the stage before, and every request once.
+#   fields_consumer_test.sh DOC PREFIX LANGUAGE   (LANGUAGE: cpp, c, fortran, python)
+# LOCKSTEP_SANITIZE_FLAGS: the sanitizer flags the installed library was
+# built with, which the programs are then built with too.
+set -euo pipefail
+doc=$1
+prefix=$(cd "$2" && pwd)
+language=$3
+. "$(dirname "$0")/support/wait_until.sh"
+. "$(dirname "$0")/support/doc_files.sh"
+
+skip() { echo "skipped: $1"; exit 77; }
+case $language in
+  cpp) heading='### C++' ;;
+  c) heading='### C,' ;;
+  fortran)
+    heading='### Fortran'
+    [ -f "$prefix/include/lockstep/lockstep_project.mod" ] || skip "lockstep was built without a Fortran compiler"
+    ;;
+  python)
+    heading='### Python'
+    [ -z "${LOCKSTEP_SANITIZE_FLAGS:-}" ] ||
+      skip "the module is built with AddressSanitizer, whose runtime python3 does not load"
+    [ -d "$prefix/lib/python3/dist-packages/lockstep" ] || skip "lockstep was built without its Python package"
+    ;;
+  *) echo "unknown language $language" >&2; exit 2 ;;
+esac
+
+work=$(mktemp -d)
+pids=()
+finish() {
+  local status=$?
+  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  if [ "$status" -ne 0 ]; then
+    for log in "$work"/*.log "$work"/*.out; do [ -f "$log" ] && { echo "== $log"; tail -n 20 "$log"; }; done
+  fi
+  rm -rf "$work"
+  exit "$status"
+}
+trap finish EXIT
+
+doc_files "$doc" "$heading" "$work/programs"
+export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
+export LD_LIBRARY_PATH="$prefix/lib"
+flags=${LOCKSTEP_SANITIZE_FLAGS:-}
+programs="$work/programs"
+cd "$programs"
+case $language in
+  cpp)
+    cmake -S . -B build -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_FLAGS="$flags" >"$work/build.log" 2>&1
+    cmake --build build >>"$work/build.log" 2>&1
+    solver=("$programs/build/solver")
+    interaction="$programs/build/interaction"
+    ;;
+  c | fortran)
+    CFLAGS="$flags" FFLAGS="$flags" LDFLAGS="$flags" make >"$work/build.log" 2>&1
+    solver=("$programs/solver")
+    interaction="$programs/interaction"
+    ;;
+  python)
+    export PYTHONPATH="$prefix/lib/python3/dist-packages"
+    python=${PYTHON:-python3}
+    solver=("$python" "$programs/solver.py")
+    printf '#!/bin/sh\nexec %s %s "$@"\n' "$python" "$programs/interaction.py" >"$programs/interaction"
+    chmod +x "$programs/interaction"
+    interaction="$programs/interaction"
+    ;;
+esac
+
+tree="$work/tree"
+mkdir -p "$tree/run"
+printf 'time_step=\n2\ncycle_num=\n2\nnum_subprojects=\n1\n' >"$tree/run/analysis_settings.dat"
+for project in main sub1; do
+  mkdir -p "$tree/$project"
+  ln -s "$interaction" "$tree/$project/interaction"
+  echo interaction >"$tree/$project/CalculateInteraction.dat"
+  echo 0 >"$tree/$project/go2.dat"
+  "${solver[@]}" "$tree/$project" 2 >"$work/$project.out" 2>"$work/$project.log" &
+  pids+=($!)
+done
+solver_pids=("${pids[@]}")
+for project in main sub1; do wait_until "[ -f '$tree/$project/fields/out/count.npy' ]"; done
+(cd "$tree/run" && exec "$prefix/bin/lockstep") >"$work/lockstep.log" 2>&1 &
+pids+=($!)
+lockstep_pid=$!
+for pid in "${solver_pids[@]}"; do
+  wait_until "! kill -0 $pid" "cat '$work'/*.out '$work/lockstep.log'"
+  wait "$pid" || { echo "a solver failed" >&2; exit 1; }
+done
+wait_until "! kill -0 $lockstep_pid" "cat '$work/lockstep.log'"
+wait "$lockstep_pid" || { echo "lockstep failed" >&2; exit 1; }
+
+expected=""
+stages=0
+for cycle in 1 2; do
+  for step in 1 2; do
+    for stage in 1 2 3 4; do expected+="$cycle $step $stage $stages"$'\n'; stages=$((stages + 1)); done
+  done
+  expected+="$cycle -1 5"$'\n'
+done
+for project in main sub1; do
+  if [ "$(cat "$work/$project.out")"$'\n' != "$expected" ]; then
+    echo "$project's solver did not see the other project's count of the stage before, each request once:" >&2
+    diff <(printf %s "$expected") "$work/$project.out" >&2 || true
+    exit 1
+  fi
+done
+echo "$language solver and interaction program exchanged every stage's value"
