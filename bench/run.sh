@@ -10,10 +10,13 @@ cmake --build --preset release >/dev/null
 
 results=$(mktemp -d)
 trap 'rm -rf "$results"' EXIT
-for bench in stage_throughput turnaround bindings recorder footprint idle; do
+for bench in stage_throughput turnaround bindings recorder footprint idle fields; do
   echo "== $bench"
   "$build/bench_$bench" --benchmark_out="$results/$bench.json" --benchmark_out_format=json | tee "$results/$bench.txt"
 done
+
+echo "== fields from Python"
+PYTHONPATH="$repo/build/release/src/python" /usr/bin/python3 "$repo/bench/fields.py" | tee "$results/fields_python.json"
 
 python3 - "$results" "$repo/docs/performance.md" <<'PYTHON'
 import json, sys, platform, os
@@ -150,6 +153,44 @@ lines += [
                                                              verdict(footprint["peak_rss_mb"] < 5)),
     "",
 ]
+fields = {b["name"]: b for b in load("fields")["benchmarks"]}
+with open(os.path.join(results, "fields_python.json")) as f:
+    python_fields = json.load(f)
+lines += [
+    "## Fields: a put and a get",
+    "",
+    "An interaction program's `put` of an input and the solver's `get` of it, through the library, against",
+    "the floor: the same bytes (header and values) written to a temporary file, renamed and read back with",
+    "plain POSIX calls. Targets: C++ within 1.2 times the floor from 10^5 values on; Python within 1.5",
+    "times C++.",
+    "",
+    "| doubles | floor µs | C++ µs | C++ / floor | Python µs | Python / C++ | targets |",
+    "|---:|---:|---:|---:|---:|---:|---|",
+]
+for count in (1000, 100000, 10000000):
+    floor = fields["floor_put_and_get/%d" % count]["real_time"]
+    cpp = fields["put_and_get/%d" % count]["real_time"]
+    python = python_fields[str(count)]
+    met = (count < 100000 or cpp <= 1.2 * floor) and python <= 1.5 * cpp
+    lines.append("| %d | %.0f | %.0f | %.2f | %.0f | %.2f | %s |" % (count, floor, cpp, cpp / floor, python,
+                                                                      python / cpp, verdict(met)))
+lines += [
+    "",
+    "## Interaction programs: one stage",
+    "",
+    "Every project's interaction program launched through the shell, one after another, as the driver",
+    "does in a stage: a compiled program that does nothing, `lockstep-exchange` copying one field per",
+    "project, and the shell script that copied the chain's values as text before fields",
+    "(`bench/exchange_text.sh`). Target: `lockstep-exchange` within 1.2 times the no-op program.",
+    "",
+    "| projects | no-op ms | lockstep-exchange ms | ratio | text script ms | target |",
+    "|---:|---:|---:|---:|---:|---|",
+]
+for projects in (1, 11, 101):
+    stage = lambda program: fields["interaction_stage/program:%d/projects:%d" % (program, projects)]["real_time"]
+    lines.append("| %d | %.2f | %.2f | %.2f | %.2f | %s |" % (projects, stage(0), stage(1), stage(1) / stage(0),
+                                                             stage(2), verdict(stage(1) <= 1.2 * stage(0))))
+lines.append("")
 with open(out, "w") as f:
     f.write("\n".join(lines))
 print("wrote", out)
