@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <sstream>
 
 #include "timeline/report.h"
@@ -63,6 +64,26 @@ TEST(TimelineTest, StagesHoldersDriverShareAndACutShortLine) {
             "slowest stages:\n"
             "  cycle 1, time step 1, stage 1: 21.0 ms, held by sub1\n"
             "  cycle 1, time step 1, stage 2: 20.0 ms, held by main\n");
+
+  // One bar per request served and per pause of the driver, each in its
+  // lane: the driver's at the top, then main's, then sub1's.
+  std::map<std::string, std::pair<std::string, int>> lanes;  // who -> (y, bars)
+  std::istringstream svg(svg_timeline(run));
+  for (std::string line; std::getline(svg, line);) {
+    const std::size_t y = line.find(" y=\""), title = line.find("<title>");
+    if (line.rfind("<rect", 0) != 0 || y == std::string::npos || title == std::string::npos) continue;
+    const std::string who = line.substr(title + 7, line.find_first_of(", ", title + 7) - title - 7);
+    const std::string at = line.substr(y + 4, line.find('"', y + 4) - y - 4);
+    auto [lane, fresh] = lanes.try_emplace(who, at, 0);
+    EXPECT_EQ(lane->second.first, at) << who << "'s bars are not all in one lane";
+    ++lane->second.second;
+  }
+  ASSERT_EQ(lanes.size(), 3u);
+  EXPECT_EQ(lanes["driver"].second, 2);
+  EXPECT_EQ(lanes["main"].second, 2);
+  EXPECT_EQ(lanes["sub1"].second, 2);
+  EXPECT_LT(std::stod(lanes["driver"].first), std::stod(lanes["main"].first));
+  EXPECT_LT(std::stod(lanes["main"].first), std::stod(lanes["sub1"].first));
 }
 
 // 600 stages: main answers in 0.25 s, sub1 in 1 s, the driver's next request
