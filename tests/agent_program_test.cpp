@@ -63,7 +63,7 @@ TEST_F(AgentAloneTest, UsageAndHelp) {
   };
   const Case cases[] = {
       {{"--help"}, 0, "usage: lockstepctl SUBCOMMAND [OPTIONS]"},
-      {{"agent", "--help"}, 0, "lockstepctl agent [OPTIONS] -- COMMAND [ARGS...]"},
+      {{"agent", "--help"}, 0, "Serves a project directory by running COMMAND once per request of the lockstep driver."},
       {{"--version"}, 0, "lockstepctl " LOCKSTEP_VERSION},
       {{"report", "--version"}, 0, "lockstepctl " LOCKSTEP_VERSION},
       {{"check", "--frob"}, 2, "lockstepctl check: The following argument was not expected: --frob"},
@@ -82,6 +82,11 @@ TEST_F(AgentAloneTest, UsageAndHelp) {
     const std::string& stream = c.status == 0 ? exit.out : exit.err;
     EXPECT_EQ(stream.substr(0, stream.find('\n')), c.first_line);
   }
+  // One usage line, and it names the command.
+  const std::string help = run_program({LOCKSTEPCTL_BINARY, "agent", "--help"}, dir.path()).out;
+  EXPECT_EQ(help.find("Usage:"), help.rfind("Usage:"));
+  EXPECT_EQ(help.find("lockstepctl agent [OPTIONS]"), help.rfind("lockstepctl agent [OPTIONS]"));
+  EXPECT_NE(help.find("\nUsage: lockstepctl agent [OPTIONS] -- COMMAND [ARGS...]\n"), std::string::npos);
 }
 
 // A command that marks its start and runs until the test lets it go.

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -234,16 +235,25 @@ int serve(const Options& options, project::Endpoint& endpoint, const std::string
   }
 }
 
+// The usage line names the command after "--", which CLI11 cannot know.
+class CommandUsage : public CLI::Formatter {
+ public:
+  std::string make_usage(const CLI::App*, std::string) const override {
+    return "Usage: lockstepctl agent [OPTIONS] -- COMMAND [ARGS...]\n";
+  }
+};
+
 }  // namespace
 
 int agent_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   Options options;
   int ceiling_ms = 20;
   bool poll = false;
-  CLI::App app("lockstepctl agent [OPTIONS] -- COMMAND [ARGS...]\n"
-               "Serves a project directory by running COMMAND once per request of the lockstep driver.",
+  CLI::App app("Serves a project directory by running COMMAND once per request of the lockstep driver.",
                "lockstepctl agent");
   set_up(app);
+  app.formatter(std::make_shared<CommandUsage>());
+  app.get_formatter()->column_width(24);
   app.footer(kFooter);
   app.add_option("--dir", options.directory, "the project directory (default: the current directory)")
       ->type_name("DIR");

@@ -230,6 +230,14 @@ bool Endpoint::pending(Request& request) {
                      parse_go_record(done.content).kind == GoRecord::Kind::kReset;
   const GoFileRead go = reset ? read_go_file(directory_ + "/go.dat") : GoFileRead{};
   if (!readable(done, "go2.dat") || !readable(go, "go.dat")) return false;
+  // A go2.dat may be missing before the first request; the directory may not.
+  if (done.outcome == GoFileRead::Outcome::kMissing) {
+    struct stat info {};
+    if (::stat(directory_.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+      error_ = "the project directory " + directory_ + " has gone (removed or renamed) while waiting for a request";
+      return false;
+    }
+  }
   // A change means the driver is at work: look again soon.
   if (std::string seen = done.content + '\0' + go.content; seen != last_seen_) {
     last_seen_ = std::move(seen);
@@ -329,7 +337,9 @@ DoneResult Endpoint::report_done() {
   const bool same = pending(current) && current == *handed_out_;
   if (!same) {
     const GoRecord now = parse_go_record(read_go_file(directory_ + "/go.dat").content);
-    if (now.kind == GoRecord::Kind::kRequest && now.request == *handed_out_) {
+    if (now.kind == GoRecord::Kind::kRequest && now.request == *handed_out_ && reported_done_ == handed_out_) {
+      error_ = describe(*handed_out_) + " in " + directory_ + " was already reported done here";
+    } else if (now.kind == GoRecord::Kind::kRequest && now.request == *handed_out_) {
       error_ = describe(*handed_out_) + " in " + directory_ + " was reported done meanwhile by another process";
     } else {
       error_ = describe(*handed_out_) + " was served too late in " + directory_ +
@@ -352,6 +362,7 @@ DoneResult Endpoint::report_done() {
     ::unlink(temporary.c_str());
     return DoneResult::kError;
   }
+  reported_done_ = handed_out_;
   // The next request follows within a stage's launches.
   interval_ = std::chrono::milliseconds{1};
   return DoneResult::kDone;

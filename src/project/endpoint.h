@@ -173,6 +173,7 @@ class LOCKSTEP_API Endpoint {
   std::optional<std::chrono::steady_clock::time_point> malformed_since_;
   std::optional<Request> handed_out_;
   std::optional<Request> handed_out_before_;
+  std::optional<Request> reported_done_;  // the last request this endpoint reported done
   std::unique_ptr<DirectoryLock> lock_;
   std::function<void(const std::string&)> report_trouble_;
   std::optional<std::chrono::steady_clock::time_point> trouble_since_;

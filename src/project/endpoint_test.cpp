@@ -141,6 +141,9 @@ TEST_F(EndpointTest, NothingIsReportedDoneOnceTheDriverHasMovedOn) {
             "the driver asks for cycle 1, time step 1, stage 1, which does not come after cycle 1, time step 2, "
             "stage 1, the last request served here: was the driver restarted?");
   EXPECT_EQ(endpoint->report_done(), DoneResult::kDone);
+  // Reported twice: the second says it was this endpoint's own report.
+  EXPECT_EQ(endpoint->report_done(), DoneResult::kOverrun);
+  EXPECT_EQ(endpoint->error(), "cycle 1, time step 1, stage 1 in " + where + " was already reported done here");
   // Nothing pending: a look finds nothing, whatever came before.
   EXPECT_EQ(endpoint->poll(request), WaitResult::kStopped);
   EXPECT_EQ(hand_out(cycle_end_record(1)), WaitResult::kRequest);
@@ -160,6 +163,16 @@ TEST_F(EndpointTest, GoFilesThatHoldNoRequestAreErrors) {
     EXPECT_EQ(endpoint->wait(request), WaitResult::kError);
     EXPECT_EQ(endpoint->error(), where + message);
   }
+  // The directory removed or renamed under a waiting project.
+  const std::filesystem::path project = dir.path() / "sub1";
+  std::filesystem::create_directory(project);
+  std::string error;
+  const auto endpoint = Endpoint::open(project.string(), error);
+  ASSERT_TRUE(endpoint) << error;
+  std::filesystem::rename(project, dir.path() / "sub1.old");
+  EXPECT_EQ(endpoint->wait(request), WaitResult::kError);
+  EXPECT_EQ(endpoint->error(),
+            "the project directory " + project.string() + " has gone (removed or renamed) while waiting for a request");
 }
 
 TEST_F(EndpointTest, OneLockHolderPerDirectory) {
@@ -169,8 +182,18 @@ TEST_F(EndpointTest, OneLockHolderPerDirectory) {
   EXPECT_FALSE(second->lock());
   char host[256] = {};
   gethostname(host, sizeof host - 1);
-  EXPECT_EQ(second->error(), where + " is already served by PID " + std::to_string(getpid()) + " on host " + host +
-                                 " (it holds " + where + "/.lockstep.lock); stop that one first");
+  // The holder is this very process.
+  EXPECT_EQ(second->error(), where + " is already served by this process (PID " + std::to_string(getpid()) +
+                                 ") (it holds " + where + "/.lockstep.lock): open each project directory once per "
+                                 "process");
+  // Another's, read back to the byte: a line of 255 bytes, the most the
+  // holder's text may be.
+  const std::string long_host(252, 'h');
+  write_file(dir.path() / ".lockstep.lock", "1 " + long_host + "\n");
+  EXPECT_FALSE(second->lock());
+  EXPECT_EQ(second->error(), where + " is already served by PID 1 on host " + long_host + " (it holds " + where +
+                                 "/.lockstep.lock); stop that one first");
+  EXPECT_NE(std::string(host), long_host);
   // Released when its holder goes, as the kernel does when a holder dies.
   first.reset();
   EXPECT_TRUE(second->lock()) << second->error();

@@ -104,10 +104,21 @@ def test_errors_carry_the_library_message(directory):
     with pytest.raises(lockstep.Error, match="project directory .*/missing: No such file or directory"):
         lockstep.Project(directory / "missing")
     with lockstep.Project(directory) as project:
-        with pytest.raises(lockstep.Error, match=r"already served by PID \d+"):
+        with pytest.raises(lockstep.Error) as twice:
             lockstep.Project(directory)
+        assert str(twice.value) == (
+            f"{directory} is already served by this process (PID {os.getpid()}) (it holds {directory}/.lockstep.lock):"
+            " open each project directory once per process"
+        )
         with pytest.raises(lockstep.Error, match="no request has been handed out"):
             project.done()
+
+        hand_out(directory, 1, 1, 1)
+        assert project.wait() == lockstep.Request(1, 1, 1)
+        project.done()
+        with pytest.raises(lockstep.OverrunError) as again:
+            project.done()
+        assert str(again.value) == f"cycle 1, time step 1, stage 1 in {directory} was already reported done here"
 
         hand_out(directory, 1, 1, 2)
         assert project.wait() == lockstep.Request(1, 1, 2)
@@ -123,6 +134,17 @@ def test_errors_carry_the_library_message(directory):
         project.close()
         with pytest.raises(lockstep.Error, match="closed"):
             project.wait()
+
+
+def test_a_directory_that_goes_while_waiting_is_an_error(directory):
+    (directory / "sub1").mkdir()
+    with lockstep.Project(directory / "sub1") as project:
+        (directory / "sub1").rename(directory / "sub1.old")
+        with pytest.raises(lockstep.Error) as gone:
+            project.wait(timeout=3)
+        assert str(gone.value) == (
+            f"the project directory {directory}/sub1 has gone (removed or renamed) while waiting for a request"
+        )
 
 
 def test_ctrl_c_interrupts_a_wait(directory):
