@@ -26,7 +26,7 @@ TEST(CInterfaceTest, DistinctCodesForEachWayTheDriverMovesOn) {
   ASSERT_NE(project, nullptr) << error;
   EXPECT_EQ(lockstep_project_lock(project), LOCKSTEP_PROJECT_OK);
   EXPECT_EQ(lockstep_project_lock(second), LOCKSTEP_PROJECT_ERROR);
-  EXPECT_NE(std::string(lockstep_project_error(second)).find(" is already served by PID "), std::string::npos);
+  EXPECT_NE(std::string(lockstep_project_error(second)).find(" is already served by this process (PID "), std::string::npos);
   lockstep_project_close(second);
 
   int cycle = 0, time_step = 0, stage = 0;
