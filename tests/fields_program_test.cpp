@@ -3,6 +3,7 @@
 // that would read the stale input stops with the error that names it.
 #include <nlohmann/json.hpp>
 
+#include "fields/store.h"
 #include "run_tree.h"
 
 namespace lockstep::testing {
@@ -80,6 +81,18 @@ TEST(FieldsRunTest, TheToolsShowAFieldsStampAndValuesAndTheTablesFaults) {
   EXPECT_EQ(json["request"], (nlohmann::json{{"cycle", 3}, {"time_step", 2}, {"stage", 4}}));
   EXPECT_EQ(json["role"], "output");
   EXPECT_EQ(json["values"].size(), 1u);
+  // Several values: all in the text eight to a line, in JSON as numbers, cut at --limit.
+  const std::vector<std::int32_t> values = {1, -2, 3, 4, 5, 6, 7, 8, 9, 10};
+  std::string error;
+  ASSERT_TRUE(fields::write_field((tree.run() / "ten.npy").string(),
+                                  {fields::Type::kInt32, true, {2, 5}, {1, fields::Role::kInput, {2, 1, 3}}},
+                                  values.data(), error))
+      << error;
+  EXPECT_EQ(ctl({"field", "show", "ten.npy", "--limit", "9"}).out,
+            "field: ten.npy\nstamp: input of sub1 for cycle 2, time step 1, stage 3\ntype:  int32\n"
+            "shape: (2, 5), column-major\nvalues (the first 9 of 10):\n  1 -2 3 4 5 6 7 8\n  9\n");
+  EXPECT_EQ(nlohmann::json::parse(ctl({"field", "show", "--json", "ten.npy"}).out)["values"],
+            nlohmann::json(values));
   const Exit odd = ctl({"field", "show", "analysis_settings.dat"});
   EXPECT_EQ(odd.status, 1);
   EXPECT_EQ(odd.err, "lockstepctl field: analysis_settings.dat: not a field file (no NumPy .npy header)\n");
