@@ -1,5 +1,6 @@
 #include "exchange/table.h"
 
+#include <array>
 #include <charconv>
 #include <fstream>
 #include <sstream>
@@ -91,9 +92,13 @@ bool read_table(const std::string& path, Table& table, std::string& error) {
             "; lockstep-exchange takes its table from the driver's working directory";
     return false;
   }
-  std::string text(kTableLimit + 1, '\0');
-  file.read(text.data(), static_cast<std::streamsize>(text.size()));
-  text.resize(static_cast<std::size_t>(file.gcount()));
+  // Read as it comes, not into a buffer of the limit's size: the program
+  // starts once per project per stage, and a table is a few lines.
+  std::string text;
+  std::array<char, 4096> chunk{};
+  while (text.size() <= kTableLimit && file.read(chunk.data(), chunk.size()).gcount() > 0) {
+    text.append(chunk.data(), static_cast<std::size_t>(file.gcount()));
+  }
   if (text.size() > kTableLimit) {
     error = path + " is longer than " + std::to_string(kTableLimit) + " bytes";
     return false;
