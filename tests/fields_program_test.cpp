@@ -104,6 +104,7 @@ TEST(FieldsRunTest, TheToolsShowAFieldsStampAndValuesAndTheTablesFaults) {
   std::filesystem::create_symlink("/nonexistent/lockstep-exchange", tree.project(2) / "exchange.sh");
   const Exit check = ctl({"check"});
   EXPECT_EQ(check.status, 1);
+  EXPECT_THAT(check.out, HasSubstr("\nsettings: time_step=2 cycle_num=3 num_subprojects=2\n"));
   EXPECT_THAT(check.out, HasSubstr("exchange.dat:7: a line holds four words, FROM OUTPUT TO INPUT, not 1\n"));
   EXPECT_THAT(check.out, HasSubstr("exchange.dat:5: sub3 is not in this run (2 sub projects); fix the line or "
                                    "num_subprojects=\n"));
