@@ -265,6 +265,8 @@ TEST(StatusTest, StoppedCompleteHugeAndHostileRuns) {
        {"position: cycle 1 of 2, closing time step; 0 of 2 stages done\n"}},
       {"outside the schedule", 3, 2, stage_record(5, 1, 1), reset_record(),
        {"position: outside the schedule of analysis_settings.dat\n"}},
+      {"no such stage", 3, 2, stage_record(1, 1, 7), reset_record(),
+       {"position: outside the schedule of analysis_settings.dat\n"}},
       {"go.dat a FIFO", 3, 2, stage_record(1, 1, 1), reset_record(),
        {"request: none yet (../main/go.dat holds no request)\n"}, "main/go.dat", "<fifo>"},
       {"go2.dat an endless device", 3, 2, stage_record(1, 1, 1), reset_record(),

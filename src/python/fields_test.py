@@ -71,6 +71,9 @@ def test_an_interaction_refuses_what_is_not_lockstep(tree):
         lockstep.Interaction(["1", "x", "1", "1"])
     with pytest.raises(lockstep.Error, match=r"is no stage of this run \(1 sub projects, 2 time steps per cycle\)"):
         lockstep.Interaction(["2", "1", "1", "1"])
+    with pytest.raises(lockstep.Error) as outside:
+        lockstep.Interaction(["1", "1", "1", "1"]).get(2, "u")
+    assert str(outside.value) == "there is no project 2 in this run (1 sub projects)"
     os.chdir(tree)
     with pytest.raises(lockstep.Error, match="cannot read analysis_settings.dat"):
         lockstep.Interaction(["0", "1", "1", "1"])
