@@ -68,6 +68,8 @@ TEST_F(AgentAloneTest, UsageAndHelp) {
       {{"report", "--version"}, 0, "lockstepctl " LOCKSTEP_VERSION},
       {{"check", "--frob"}, 2, "lockstepctl check: The following argument was not expected: --frob"},
       {{"record", "--", "lockstep"}, 2, "lockstepctl record: --output is required"},
+      {{"agent", "--poll-ceiling", "60001", "--", "true"}, 2,
+       "lockstepctl agent: --poll-ceiling: Value 60001 not in range 1 to 60000"},
       {{"report", "nowhere.rec"}, 1, "lockstepctl report: cannot read nowhere.rec: No such file or directory"},
       {{}, 2, "lockstepctl: no subcommand given"},
       {{"frobnicate"}, 2, "lockstepctl: unknown subcommand \"frobnicate\""},

@@ -15,7 +15,8 @@ TEST(ExchangeTableTest, LinesCommentsSlicesAndEveryErrorWithItsLine) {
       "side  u  sub1 left\n"
       "main  u[2:1]  sub1 left\n"
       "main  u  sub0 left\n"
-      "main  ../u  sub1 left\n");
+      "main  ../u  sub1 left\n"
+      "sub100 u sub101 left\n");
   ASSERT_EQ(table.copies.size(), 2u);
   const Copy& slice = table.copies[0];
   EXPECT_EQ(slice.line, 2);
@@ -34,6 +35,7 @@ TEST(ExchangeTableTest, LinesCommentsSlicesAndEveryErrorWithItsLine) {
       "exchange.dat:8: \"sub0\" is no project: write main, sub1, sub2, ...",
       "exchange.dat:9: the field name \"../u\" is not allowed: use letters, digits, '_', '-' and '.', not starting "
       "with '.'",
+      "exchange.dat:10: \"sub101\" is no project: write main, sub1, sub2, ...",
   };
   EXPECT_EQ(table.errors, errors);
 }

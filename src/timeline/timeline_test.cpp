@@ -68,6 +68,8 @@ TEST(TimelineTest, StagesHoldersDriverShareAndACutShortLine) {
   // One bar per request served and per pause of the driver, each in its
   // lane: the driver's at the top, then main's, then sub1's.
   std::map<std::string, std::pair<std::string, int>> lanes;  // who -> (y, bars)
+  // The title names the run's directory.
+  EXPECT_NE(svg_timeline(run).find(">/r/run"), std::string::npos);
   std::istringstream svg(svg_timeline(run));
   for (std::string line; std::getline(svg, line);) {
     const std::size_t y = line.find(" y=\""), title = line.find("<title>");
