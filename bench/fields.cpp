@@ -39,7 +39,11 @@ class FieldTree {
   }
   ~FieldTree() { fs::current_path(previous_); }
   fs::path run() const { return root_.path() / "run"; }
-  fs::path project(int index) const { return root_.path() / (index == 0 ? "main" : "sub" + std::to_string(index)); }
+  fs::path project(int index) const { return root_.path() / project_name(index); }
+  // lockstep's name of a project directory: "main", "sub1", ... "sub**".
+  static std::string project_name(int index) {
+    return index == 0 ? "main" : index >= 100 ? "sub**" : "sub" + std::to_string(index);
+  }
 
  private:
   lockstep::testing::TempDir root_;
@@ -106,19 +110,24 @@ void interaction_stage(benchmark::State& state) {
     // Starting outputs: what the first stage's programs copy.
     std::string error;
     auto endpoint = lockstep::project::Endpoint::open(directory.string(), error);
-    auto solver = lockstep::fields::SolverFields::open(*endpoint, error);
+    auto solver = endpoint ? lockstep::fields::SolverFields::open(*endpoint, error) : nullptr;
     double value = index;
-    solver->put("last", Values{Type::kFloat64, {1}, false, &value});
+    if (!solver || solver->put("last", Values{Type::kFloat64, {1}, false, &value}) != Outcome::kOk) {
+      state.SkipWithError(("cannot publish " + directory.string() + "'s output: " + error).c_str());
+      return;
+    }
     write_text(directory / "left.out", "0.5\n");
     write_text(directory / "right.out", "0.5\n");
     const char* target = program == 0 ? NOOP_BINARY : program == 1 ? EXCHANGE_BINARY : EXCHANGE_TEXT_SCRIPT;
     fs::create_symlink(target, directory / "interaction");
   }
   write_text(tree.run() / "exchange.dat", table);
+  // The text script names sub project 100's directory by its number.
+  if (projects > 100) fs::create_directory_symlink(tree.project(100), tree.project(100).parent_path() / "sub100");
   std::vector<std::string> commands;
   for (int index = 0; index < projects; ++index) {
-    const std::string name = index == 0 ? "main" : "sub" + std::to_string(index);
-    commands.push_back("\"../" + name + "/interaction\"  " + std::to_string(index) + "     1     1     1");
+    commands.push_back("\"../" + FieldTree::project_name(index) + "/interaction\"  " + std::to_string(index) +
+                       "     1     1     1");
   }
   for (auto _ : state) {
     for (const std::string& command : commands) {

@@ -3,7 +3,6 @@
 #include <array>
 #include <charconv>
 #include <fstream>
-#include <sstream>
 
 #include "fields/format.h"
 
@@ -49,13 +48,19 @@ std::optional<int> parse_project(const std::string& name) {
 
 Table parse_table(const std::string& text) {
   Table table;
-  std::istringstream lines(text);
-  std::string line;
-  for (int number = 1; std::getline(lines, line); ++number) {
+  std::size_t next = 0;
+  for (int number = 1; next < text.size(); ++number) {
+    const std::size_t line_end = std::min(text.find('\n', next), text.size());
+    std::string line = text.substr(next, line_end - next);
+    next = line_end + 1;
     if (const std::size_t hash = line.find('#'); hash != std::string::npos) line.resize(hash);
-    std::istringstream words(line);
     std::vector<std::string> word;
-    for (std::string w; words >> w;) word.push_back(w);
+    for (std::size_t at = line.find_first_not_of(" \t\r"); at != std::string::npos;
+         at = line.find_first_not_of(" \t\r", at)) {
+      const std::size_t end = std::min(line.find_first_of(" \t\r", at), line.size());
+      word.push_back(line.substr(at, end - at));
+      at = end;
+    }
     if (word.empty()) continue;
     const std::string where = std::string(kTableFile) + ":" + std::to_string(number) + ": ";
     if (word.size() != 4) {
