@@ -175,6 +175,29 @@ TEST_F(EndpointTest, GoFilesThatHoldNoRequestAreErrors) {
             "the project directory " + project.string() + " has gone (removed or renamed) while waiting for a request");
 }
 
+// A go.dat that holds no request is an error only once it has done so for
+// the whole grace; a good look between two such spells starts it afresh.
+TEST_F(EndpointTest, TheMalformedGraceStartsAfreshAfterAGoodLook) {
+  const auto endpoint = open(reset_record(), "hello\n");
+  const auto past_grace = [] {
+    std::this_thread::sleep_for(Endpoint::kMalformedGrace + std::chrono::milliseconds(100));
+  };
+  EXPECT_EQ(endpoint->poll(request), WaitResult::kStopped);
+  past_grace();
+  // Between the spells: the driver between its writes, then a project done.
+  const std::pair<std::string, std::string> good_looks[] = {{reset_record(), reset_record()}, {"0\n", "hello\n"}};
+  for (const auto& [go2_content, go_content] : good_looks) {
+    write_file(go2, go2_content);
+    write_file(go, go_content);
+    EXPECT_EQ(endpoint->poll(request), WaitResult::kStopped);  // the driver at work: no request, no error
+    write_file(go2, reset_record());
+    write_file(go, "hello\n");
+    EXPECT_EQ(endpoint->poll(request), WaitResult::kStopped) << endpoint->error();
+    past_grace();
+  }
+  EXPECT_EQ(endpoint->poll(request), WaitResult::kError);
+}
+
 TEST_F(EndpointTest, OneLockHolderPerDirectory) {
   auto first = open("0\n", "");
   const auto second = open("0\n", "");
