@@ -5,61 +5,14 @@
 # cycles of 2 time steps; what it printed must be the schedule, each
 # request once.
 #   consumer_test.sh DOC PREFIX LANGUAGE   (LANGUAGE: cpp, c, fortran, python)
-# LOCKSTEP_SANITIZE_FLAGS: the sanitizer flags the installed library was
-# built with, which the solver is then built with too.
+# LOCKSTEP_SANITIZE_FLAGS: as for tests/support/consumer.sh.
 set -euo pipefail
 doc=$1
 prefix=$(cd "$2" && pwd)
 language=$3
-. "$(dirname "$0")/support/wait_until.sh"
-. "$(dirname "$0")/support/doc_files.sh"
-
-skip() { echo "skipped: $1"; exit 77; }
-case $language in
-  cpp) heading='### C++' ;;
-  c) heading='### C,' ;;
-  fortran)
-    heading='### Fortran'
-    [ -f "$prefix/include/lockstep/lockstep_project.mod" ] || skip "lockstep was built without a Fortran compiler"
-    ;;
-  python)
-    heading='### Python'
-    [ -z "${LOCKSTEP_SANITIZE_FLAGS:-}" ] ||
-      skip "the module is built with AddressSanitizer, whose runtime python3 does not load"
-    [ -d "$prefix/lib/python3/dist-packages/lockstep" ] || skip "lockstep was built without its Python package"
-    ;;
-  *) echo "unknown language $language" >&2; exit 2 ;;
-esac
-
-work=$(mktemp -d)
-pids=()
-finish() {
-  local status=$?
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-  if [ "$status" -ne 0 ]; then
-    for log in "$work"/*.log; do [ -f "$log" ] && { echo "== $log"; tail -n 20 "$log"; }; done
-  fi
-  rm -rf "$work"
-  exit "$status"
-}
-trap finish EXIT
-
-doc_files "$doc" "$heading" "$work/solver"
-
-export PKG_CONFIG_PATH="$prefix/lib/pkgconfig"
-export LD_LIBRARY_PATH="$prefix/lib"
-flags=${LOCKSTEP_SANITIZE_FLAGS:-}
-cd "$work/solver"
-case $language in
-  cpp)
-    cmake -S . -B build -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_FLAGS="$flags" >"$work/build.log" 2>&1
-    cmake --build build >>"$work/build.log" 2>&1
-    solver=(build/solver)
-    ;;
-  c) CFLAGS="$flags" LDFLAGS="$flags" make >"$work/build.log" 2>&1; solver=(./solver) ;;
-  fortran) FFLAGS="$flags" LDFLAGS="$flags" make >"$work/build.log" 2>&1; solver=(./solver) ;;
-  python) export PYTHONPATH="$prefix/lib/python3/dist-packages"; solver=("${PYTHON:-python3}" solver.py) ;;
-esac
+. "$(dirname "$0")/support/consumer.sh"
+consumer_build "$doc" "$prefix" "$language"
+solver=("$(run_program solver)")
 
 tree="$work/tree"
 mkdir -p "$tree/run" "$tree/main"
