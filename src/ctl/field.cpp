@@ -89,15 +89,7 @@ int field_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   fields::Header header;
   std::vector<char> values;
   std::string error;
-  const fields::ReadOutcome outcome = fields::read_field(
-      path, header,
-      [&values](const fields::Header& found, std::string&) -> void* {
-        std::size_t count = 0;
-        fields::value_count(found.shape, count);
-        values.resize(count * fields::element_size(found.type));
-        return values.data();
-      },
-      error);
+  const fields::ReadOutcome outcome = fields::read_field(path, header, fields::into_buffer(values), error);
   if (outcome != fields::ReadOutcome::kRead) {
     err << "lockstepctl field: "
         << (outcome == fields::ReadOutcome::kMissing ? "cannot read " + path + ": no such file" : error) << "\n";

@@ -11,15 +11,7 @@ int run_copies(const Table& table, fields::InteractionFields& fields, std::ostre
     if (copy.to != fields.project()) continue;
     const std::string where = std::string(kTableFile) + ":" + std::to_string(copy.line) + ": ";
     fields::Header header;
-    const fields::Outcome got = fields.get(
-        copy.from, copy.output,
-        [&buffer](const fields::Header& found, std::string&) -> void* {
-          std::size_t count = 0;
-          fields::value_count(found.shape, count);
-          buffer.resize(count * fields::element_size(found.type));
-          return buffer.data();
-        },
-        header);
+    const fields::Outcome got = fields.get(copy.from, copy.output, fields::into_buffer(buffer), header);
     if (got != fields::Outcome::kOk) {
       errors << "lockstep-exchange: " << where << fields.error() << "\n";
       status = 1;

@@ -137,6 +137,15 @@ ReadOutcome read_field(const std::string& path, Header& header,
   return ReadOutcome::kRead;
 }
 
+std::function<void*(const Header&, std::string&)> into_buffer(std::vector<char>& buffer) {
+  return [&buffer](const Header& found, std::string&) -> void* {
+    std::size_t count = 0;
+    value_count(found.shape, count);
+    buffer.resize(count * element_size(found.type));
+    return buffer.data();
+  };
+}
+
 ReadOutcome read_header(const std::string& path, Header& header, std::string& error) {
   return read_field(path, header, nullptr, error);
 }

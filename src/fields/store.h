@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "format.h"
 
@@ -24,6 +25,10 @@ enum class ReadOutcome { kRead, kMissing, kError };
 ReadOutcome read_field(const std::string& path, Header& header,
                        const std::function<void*(const Header&, std::string& error)>& destination,
                        std::string& error);
+
+// A destination for read_field that takes any field into `buffer`, resized
+// to its values.
+std::function<void*(const Header&, std::string&)> into_buffer(std::vector<char>& buffer);
 
 // Reads only the header (the file's size checked against it).
 ReadOutcome read_header(const std::string& path, Header& header, std::string& error);
