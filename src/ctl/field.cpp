@@ -63,12 +63,6 @@ nlohmann::json json_value(const std::vector<char>& values, fields::Type type, st
   return value;
 }
 
-std::string shape_text(const std::vector<std::int64_t>& shape) {
-  std::string text = "(";
-  for (std::size_t i = 0; i < shape.size(); ++i) text += (i > 0 ? ", " : "") + std::to_string(shape[i]);
-  return text + (shape.size() == 1 ? ",)" : ")");
-}
-
 }  // namespace
 
 int field_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
@@ -117,7 +111,7 @@ int field_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   out << "field: " << text::printable(path) << "\n"
       << "stamp: " << fields::describe(header.stamp) << "\n"
       << "type:  " << fields::type_name(header.type) << "\n"
-      << "shape: " << shape_text(header.shape) << ", " << (header.column_major ? "column-major" : "row-major")
+      << "shape: " << fields::shape_text(header.shape) << ", " << (header.column_major ? "column-major" : "row-major")
       << "\n"
       << "values" << (shown < count ? " (the first " + std::to_string(shown) + " of " + std::to_string(count) + ")" : "")
       << ":\n";

@@ -3,15 +3,6 @@
 #include <charconv>
 
 namespace lockstep::fields {
-namespace {
-
-std::string shape_text(const std::vector<std::int64_t>& shape) {
-  std::string text = "(";
-  for (std::size_t i = 0; i < shape.size(); ++i) text += (i > 0 ? ", " : "") + std::to_string(shape[i]);
-  return text + (shape.size() == 1 ? ",)" : ")");
-}
-
-}  // namespace
 
 std::optional<int> project_index(const std::string& directory) {
   std::string name = directory;

@@ -124,6 +124,12 @@ bool value_count(const std::vector<std::int64_t>& shape, std::size_t& count) {
   return true;
 }
 
+std::string shape_text(const std::vector<std::int64_t>& shape) {
+  std::string text = "(";
+  for (std::size_t i = 0; i < shape.size(); ++i) text += (i > 0 ? ", " : "") + std::to_string(shape[i]);
+  return text + (shape.size() == 1 ? ",)" : ")");
+}
+
 std::string describe_request(const project::Request& request) {
   if (request == kStartRequest) return "the starting outputs";
   return project::describe(request);

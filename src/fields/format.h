@@ -44,6 +44,9 @@ std::string type_name(Type type);
 // The number of values a shape holds; false when it overflows.
 bool value_count(const std::vector<std::int64_t>& shape, std::size_t& count);
 
+// "(3, 2)", "(7,)" or "()", as Python writes a shape.
+std::string shape_text(const std::vector<std::int64_t>& shape);
+
 // "the starting outputs", or the request as project::describe says it.
 std::string describe_request(const project::Request& request);
 // "output of sub1 for cycle 5, time step 2, stage 3".
