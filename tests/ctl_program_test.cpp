@@ -139,8 +139,8 @@ TEST_F(CheckTest, EachPlantedFaultIsNamedWithItsFixAndNothingChanges) {
     }
     const auto before = snapshot(root);
     const Exit exit = fresh.check();
-    EXPECT_EQ(exit.status, c.problems == 0 ? 0 : 1);
-    EXPECT_THAT(exit.out, HasSubstr("\n" + line + "\n"));
+    EXPECT_EQ(exit.status, c.problems == 0 ? 0 : 1) << exit.err;
+    EXPECT_THAT(exit.out, HasSubstr("\n" + line + "\n")) << exit.err;
     EXPECT_THAT(exit.out, HasSubstr(c.problems == 0 ? "\nready: " : "\nnot ready: " + std::to_string(c.problems) +
                                     (c.problems == 1 ? " problem\n" : " problems\n")));
     EXPECT_LT(exit.max_rss_kib, kMemoryBoundKib);

@@ -43,6 +43,12 @@ class RecordTest : public ::testing::Test {
   const std::string recording = (tree.run() / "../run.rec").string();
 };
 
+// Under valgrind, or built with sanitizers, every program is so slow that
+// 50 ms no longer decide which project comes last, and the recorder, which
+// sees only the go files' newest state, may look too late to see a request
+// that an agent served at once. What it does record must still be right.
+bool slowed() { return std::getenv("LOCKSTEP_TEST_WRAPPER") != nullptr || LOCKSTEP_SANITIZED; }
+
 // Every stage seen in full, each project's request written and done; but
 // for the first when `attached`, which may have begun before the recorder.
 void expect_complete(const json& report, bool attached = false) {
@@ -50,14 +56,13 @@ void expect_complete(const json& report, bool attached = false) {
     if (attached && &stage == &report["timeline"].front()) continue;
     ASSERT_EQ(stage["projects"].size(), 3u);
     for (const json& served : stage["projects"]) {
+      if (served.is_null() && slowed()) continue;
       ASSERT_TRUE(served.is_object()) << stage.dump();
       EXPECT_FALSE(served["done_s"].is_null()) << stage.dump();
     }
   }
   const json& sub1 = report["projects"][1];
-  // Under valgrind, or built with sanitizers, every agent is so slow that
-  // 50 ms no longer decide which project comes last.
-  if (std::getenv("LOCKSTEP_TEST_WRAPPER") != nullptr || LOCKSTEP_SANITIZED) return;
+  if (slowed()) return;
   EXPECT_GE(sub1["held_share"].get<double>(), 0.9);
   // The 50 ms sleep on top of what serving a request costs any agent (a
   // shell started, the done report), which main shows; with room above for
@@ -94,7 +99,8 @@ TEST_F(RecordTest, TheSlowProjectHoldsTheRunAndEveryRequestIsSeenOnceWithItsDone
   expect_complete(rest_summary, true);
 
   const json summary = report(recording);
-  ASSERT_EQ(summary["stages"], kStages);
+  const int stages = summary["stages"].get<int>();
+  ASSERT_TRUE(stages == kStages || (slowed() && stages <= kStages)) << stages;
   std::string failures;
   for (const json& failure : summary["launch_failures"]) {
     EXPECT_EQ(failure["project"], "sub2") << failure.dump();
@@ -102,9 +108,15 @@ TEST_F(RecordTest, TheSlowProjectHoldsTheRunAndEveryRequestIsSeenOnceWithItsDone
   }
   EXPECT_EQ(failures, exit.err);  // passed through as recorded
   EXPECT_EQ(summary["launch_failures"].size(), static_cast<std::size_t>(kCycles * kTimeSteps * 4));
-  EXPECT_EQ(summary["complete_stages"], kStages);
+  EXPECT_EQ(summary["complete_stages"], stages);
   EXPECT_EQ(summary["driver_exit"]["status"], 0);
-  for (const json& project : summary["projects"]) EXPECT_EQ(project["served"], kStages) << project.dump();
+  int served = 0;
+  for (const json& project : summary["projects"]) {
+    if (!slowed()) {
+      EXPECT_EQ(project["served"], kStages) << project.dump();
+    }
+    served += project["served"].get<int>();
+  }
   expect_complete(summary);
   players.finish();
   for (int index = 0; index <= 2; ++index) EXPECT_EQ(read_file(tree.project(index) / "agent.log"), schedule(kCycles, kTimeSteps));
@@ -123,7 +135,7 @@ TEST_F(RecordTest, TheSlowProjectHoldsTheRunAndEveryRequestIsSeenOnceWithItsDone
                                    svg, chrome},
                                   tree.run());
   EXPECT_EQ(parsed.status, 0) << parsed.err;
-  EXPECT_EQ(parsed.out, "{http://www.w3.org/2000/svg}svg " + std::to_string(3 * kStages) +
+  EXPECT_EQ(parsed.out, "{http://www.w3.org/2000/svg}svg " + std::to_string(served) +
                             " ['driver', 'main', 'sub1', 'sub2']\n");
   EXPECT_THAT(read_file(svg), HasSubstr(">sub1</text>"));
   EXPECT_THAT(read_file(recording), HasSubstr("\"time_step\":2,\"cycle_num\":3}\n"));
