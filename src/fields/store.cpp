@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 
 #include "records/file_system.h"
 #include "records/status.h"
@@ -49,6 +50,22 @@ bool make_directory(const std::string& path, std::string& error) {
 
 std::string parent(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
+// Puts `temporary` in the field's place in one step, as rename does. Where
+// the field exists, the two names are exchanged and the old field, now under
+// the temporary name, goes: a rename over an existing file makes ext4 start
+// writing the new file out at once, which costs close to a millisecond a
+// field. Where nothing can be exchanged (a first write, NFS, FUSE), a plain
+// rename. 0 or the system's error number.
+int replace(const std::string& temporary, const std::string& path) {
+  if (::renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, path.c_str(), RENAME_EXCHANGE) == 0) {
+    // The field is in place; a temporary file left by a failed unlink holds
+    // only the old values, and is named as one.
+    ::unlink(temporary.c_str());
+    return 0;
+  }
+  return ::rename(temporary.c_str(), path.c_str()) == 0 ? 0 : errno;
+}
+
 }  // namespace
 
 std::string field_path(const std::string& project_directory, Role role, const std::string& name) {
@@ -80,8 +97,8 @@ bool write_field(const std::string& path, const Header& header, const void* data
     written = closed == 0;
     os_error = -closed;
   }
-  if (written && ::rename(temporary.c_str(), path.c_str()) != 0) {
-    error = "cannot rename " + temporary + " to " + path + ": " + records::os_error_text(errno);
+  if (const int replaced = written ? replace(temporary, path) : 0; replaced != 0) {
+    error = "cannot rename " + temporary + " to " + path + ": " + records::os_error_text(replaced);
     ::unlink(temporary.c_str());
     return false;
   }

@@ -68,12 +68,18 @@ TEST(FieldStoreTest, MissingCutAndOddFilesAreToldApart) {
   EXPECT_EQ(read_into(path, header, values, error), ReadOutcome::kMissing);
 
   const double three[] = {1, 2, 3};
+  const double four[] = {4, 5, 6, 7};
+  // Written anew, then over itself: no temporary file is left beside the
+  // field either way, and the last values are read.
   ASSERT_TRUE(write_field(path, doubles(3, 1), three, error)) << error;
-  EXPECT_EQ(testing::read_file(dir.path() / "fields/in/x.npy").size(), 192u + 24u);
-  ASSERT_EQ(read_into(path, header, values, error), ReadOutcome::kRead);
-  EXPECT_EQ(values, (std::vector<double>{1, 2, 3}));
-  // No temporary file is left beside the field.
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path() / "fields/in"), {}), 1);
+  ASSERT_TRUE(write_field(path, doubles(4, 2), four, error)) << error;
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path() / "fields/in"), {}), 1);
+  ASSERT_EQ(read_into(path, header, values, error), ReadOutcome::kRead);
+  EXPECT_EQ(values, (std::vector<double>{4, 5, 6, 7}));
+  EXPECT_EQ(header.stamp.request.cycle, 2);
+  ASSERT_TRUE(write_field(path, doubles(3, 3), three, error)) << error;
+  EXPECT_EQ(testing::read_file(dir.path() / "fields/in/x.npy").size(), 192u + 24u);
 
   testing::plant(path, testing::read_file(path).substr(0, 192 + 16));
   EXPECT_EQ(read_into(path, header, values, error), ReadOutcome::kError);
