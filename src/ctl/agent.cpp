@@ -37,6 +37,11 @@ constexpr const char* kFooter =
     "machines' writes. At its end the agent prints how many requests it served and\n"
     "how many failed.\n"
     "\n"
+    "With --checkpoint, COMMAND saves its state in every cycle-end request it serves,\n"
+    "and the agent then records that the project can restart after that cycle. In a\n"
+    "run resumed with 'lockstepctl resume', cycle numbers are the run's own and\n"
+    "LOCKSTEP_RESUMES_AFTER holds the cycle whose saved state COMMAND starts from.\n"
+    "\n"
     "One agent serves a directory: the agent locks DIR/.lockstep.lock and a second\n"
     "one is refused, with the PID and host of the first.\n"
     "\n"
@@ -76,6 +81,7 @@ struct Options {
   bool carry_on = false;
   bool keep_stdin = false;
   bool verbose = false;
+  bool checkpoint = false;
   project::WaitSettings wait;
   std::vector<std::string> command;
 };
@@ -221,6 +227,11 @@ int serve(const Options& options, project::Endpoint& endpoint, const std::string
           << "\n";
       if (!options.done_on_failure) return 1;
     }
+    if (succeeded && options.checkpoint && request.cycle_end() && !endpoint.checkpoint()) {
+      err << "lockstepctl agent: cannot record the checkpoint of cycle " << request.cycle << ": " << endpoint.error()
+          << "; left not done\n";
+      return 1;
+    }
     const project::DoneResult done = endpoint.report_done();
     if (done == project::DoneResult::kOverrun) {
       if (const int moved = moved_on("; going on with the request pending now"); moved != 0) return moved;
@@ -269,6 +280,8 @@ int agent_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
                "process group");
   app.add_option("--command-dir", options.command_directory, "run COMMAND in this directory instead of the project's")
       ->type_name("DIR");
+  app.add_flag("--checkpoint", options.checkpoint,
+               "COMMAND saves its state in cycle-end requests: record each such cycle as a checkpoint to resume from");
   app.add_flag("--poll", poll, "look for requests by polling even on a local file system");
   app.add_option("--poll-ceiling", ceiling_ms, "when polling, look at least every MS milliseconds (default 20)")
       ->check(CLI::Range(1, 60000))
@@ -291,6 +304,11 @@ int agent_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   if (!endpoint || !endpoint->lock()) {
     err << "lockstepctl agent: " << (endpoint ? endpoint->error() : reason) << "\n";
     return 1;
+  }
+  if (endpoint->resumes_after()) {
+    setenv("LOCKSTEP_RESUMES_AFTER", std::to_string(*endpoint->resumes_after()).c_str(), 1);
+  } else {
+    unsetenv("LOCKSTEP_RESUMES_AFTER");
   }
   endpoint->on_trouble([&err, &endpoint](const std::string& message) {
     if (message.empty()) {

@@ -106,17 +106,6 @@ std::string check_text(const TreeState& tree) {
   return out.str();
 }
 
-// Writes "0\n" into go2.dat in place, never through a link and never into
-// anything but a regular file; an empty string on success.
-std::string report_done(const std::filesystem::path& path) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
-  if (fd < 0) return records::os_error_text(errno);
-  const bool written = ::write(fd, "0\n", 2) == 2;
-  const int error = errno;
-  if (::close(fd) != 0 || !written) return records::os_error_text(written ? errno : error);
-  return {};
-}
-
 // After a crash: every go2.dat reports done, the library's temporary files
 // go. Returns false when something could not be changed.
 bool fix(const TreeState& tree, std::ostream& out, std::ostream& err) {
@@ -143,7 +132,7 @@ bool fix(const TreeState& tree, std::ostream& out, std::ostream& err) {
       all_fixed = false;
       continue;
     }
-    if (const std::string failure = report_done(go2); !failure.empty()) {
+    if (const std::string failure = write_done(go2); !failure.empty()) {
       err << "lockstepctl check: cannot write " << project.directory << "go2.dat: " << failure << "\n";
       all_fixed = false;
       continue;
@@ -159,6 +148,15 @@ bool fix(const TreeState& tree, std::ostream& out, std::ostream& err) {
 }
 
 }  // namespace
+
+std::string write_done(const std::filesystem::path& path) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+  if (fd < 0) return records::os_error_text(errno);
+  const bool written = ::write(fd, "0\n", 2) == 2;
+  const int error = errno;
+  if (::close(fd) != 0 || !written) return records::os_error_text(written ? errno : error);
+  return {};
+}
 
 int check_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   std::string run_directory = ".";

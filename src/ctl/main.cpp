@@ -8,6 +8,7 @@
 #include "ctl/field.h"
 #include "ctl/record.h"
 #include "ctl/report.h"
+#include "ctl/resume.h"
 #include "ctl/status.h"
 
 namespace {
@@ -21,6 +22,7 @@ constexpr const char* kHelp =
     "  field   show a field file: its stamp, type, shape and values\n"
     "  record  record every request and done report of a run, with its time\n"
     "  report  summarise a recording: where the run's time went, as text, SVG or a trace\n"
+    "  resume  prepare a stopped run to go on after the newest cycle every project recorded\n"
     "  status  show what a running lockstep is waiting for\n"
     "\n"
     "'lockstepctl SUBCOMMAND --help' describes each; 'lockstepctl --version' prints the version.\n";
@@ -34,6 +36,7 @@ int main(int argc, char** argv) {
   if (subcommand == "field") return lockstep::ctl::field_main(argc - 2, argv + 2, std::cout, std::cerr);
   if (subcommand == "record") return lockstep::ctl::record_main(argc - 2, argv + 2, std::cout, std::cerr);
   if (subcommand == "report") return lockstep::ctl::report_main(argc - 2, argv + 2, std::cout, std::cerr);
+  if (subcommand == "resume") return lockstep::ctl::resume_main(argc - 2, argv + 2, std::cout, std::cerr);
   if (subcommand == "status") return lockstep::ctl::status_main(argc - 2, argv + 2, std::cout, std::cerr);
   if (subcommand == "--version") {
     std::cout << "lockstepctl " LOCKSTEP_VERSION "\n";

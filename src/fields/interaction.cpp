@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "records/status.h"
+#include "resume/record.h"
 
 namespace lockstep::fields {
 namespace {
@@ -49,8 +50,7 @@ bool read_run_settings(const std::string& path, RunSettings& settings, std::stri
     if (!line.empty() && line.back() == '\r') line.pop_back();
     lines.push_back(line.substr(0, 256));
   }
-  int cycles = 0;
-  if (!setting(lines, "time_step=", settings.time_steps) || !setting(lines, "cycle_num=", cycles) ||
+  if (!setting(lines, "time_step=", settings.time_steps) || !setting(lines, "cycle_num=", settings.cycles) ||
       !setting(lines, "num_subprojects=", settings.subprojects)) {
     error = path + " does not give time_step=, cycle_num= and num_subprojects= as lockstep reads them";
     return false;
@@ -80,8 +80,23 @@ std::unique_ptr<InteractionFields> InteractionFields::open(int argc, const char*
             " time steps per cycle)";
     return nullptr;
   }
+  // A resumed run: the driver's cycle in the run's numbers, and the
+  // settings as lockstepctl resume left them.
+  resume::Record resumed;
+  const resume::ReadOutcome record = resume::read_record(".", resumed, error);
+  if (record == resume::ReadOutcome::kError) return nullptr;
+  if (record == resume::ReadOutcome::kRead &&
+      (settings.time_steps != resumed.time_step || settings.cycles != resumed.remaining() ||
+       settings.subprojects != resumed.num_subprojects)) {
+    error = std::string(kSettingsFile) + " was changed after lockstepctl resume: the run resumes after cycle " +
+            std::to_string(resumed.after_cycle) + " with time_step=" + std::to_string(resumed.time_step) +
+            " cycle_num=" + std::to_string(resumed.remaining()) + " num_subprojects=" +
+            std::to_string(resumed.num_subprojects) + "; stop lockstep and run lockstepctl resume again";
+    return nullptr;
+  }
+  const int run_cycle = cycle + (record == resume::ReadOutcome::kRead ? resumed.after_cycle : 0);
   return std::unique_ptr<InteractionFields>(
-      new InteractionFields(project, project::Request{cycle, time_step, stage}, settings.time_steps,
+      new InteractionFields(project, project::Request{run_cycle, time_step, stage}, settings.time_steps,
                             settings.subprojects));
 }
 

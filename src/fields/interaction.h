@@ -47,6 +47,7 @@ class LOCKSTEP_API InteractionFields {
 // "analysis_settings.dat" in the working directory as the driver reads them.
 struct RunSettings {
   int time_steps = 0;
+  int cycles = 0;
   int subprojects = 0;
 };
 LOCKSTEP_API bool read_run_settings(const std::string& path, RunSettings& settings, std::string& error);

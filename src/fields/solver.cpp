@@ -13,7 +13,7 @@ std::unique_ptr<SolverFields> SolverFields::open(const project::Endpoint& endpoi
 }
 
 Outcome SolverFields::put(const std::string& name, const Values& values) {
-  const Stamp stamp{project_, Role::kOutput, endpoint_.handed_out().value_or(kStartRequest)};
+  const Stamp stamp{project_, Role::kOutput, endpoint_.handed_out().value_or(endpoint_.start())};
   return put_field(name, field_path(endpoint_.directory(), Role::kOutput, name), stamp, values, error_);
 }
 

@@ -19,6 +19,8 @@
 #include "project/directory_lock.h"
 #include "records/file_system.h"
 #include "records/status.h"
+#include "resume/checkpoint.h"
+#include "resume/record.h"
 
 namespace lockstep::project {
 namespace {
@@ -171,6 +173,9 @@ std::unique_ptr<Endpoint> Endpoint::open(const std::string& directory, std::stri
     error = "project directory " + directory + " is not writable: " + records::os_error_text(errno);
     return nullptr;
   }
+  resume::Record resumed;
+  const resume::ReadOutcome record = resume::read_record(directory, resumed, error);
+  if (record == resume::ReadOutcome::kError) return nullptr;
   const std::string file_system = network_file_system(directory);
   const WaitMode mode = settings.mode.value_or(file_system.empty() ? WaitMode::kChanges : WaitMode::kPolling);
   // Without inotify (none to be had) the wait polls.
@@ -180,7 +185,33 @@ std::unique_ptr<Endpoint> Endpoint::open(const std::string& directory, std::stri
     ::close(watch_fd);
     watch_fd = -1;
   }
-  return std::unique_ptr<Endpoint>(new Endpoint(directory, watch_fd, file_system, settings));
+  std::unique_ptr<Endpoint> endpoint(new Endpoint(directory, watch_fd, file_system, settings));
+  if (record == resume::ReadOutcome::kRead) {
+    endpoint->resumes_after_ = resumed.after_cycle;
+    endpoint->run_cycles_ = resumed.cycle_num;
+  }
+  return endpoint;
+}
+
+Request Endpoint::from_driver(Request request) const {
+  request.cycle += resumes_after_.value_or(0);
+  return request;
+}
+
+Request Endpoint::start() const {
+  if (resumes_after_) return Request{*resumes_after_, -1, 5};
+  return Request{0, 0, 0};
+}
+
+bool Endpoint::checkpoint() {
+  if (!handed_out_ || !handed_out_->cycle_end() || reported_done_ == handed_out_) {
+    error_ = "a checkpoint is recorded in a cycle-end request, before it is reported done; " +
+             (handed_out_ ? describe(*handed_out_) + (reported_done_ == handed_out_ ? ", reported done," : "")
+                          : std::string("no request")) +
+             " is what " + directory_ + " serves now";
+    return false;
+  }
+  return resume::record_checkpoint(directory_, handed_out_->cycle, error_);
 }
 
 Endpoint::Endpoint(std::string directory, int watch_fd, std::string file_system, const WaitSettings& settings)
@@ -266,7 +297,7 @@ bool Endpoint::pending(Request& request) {
   const GoRecord record = parse_go_record(go.content);
   if (record.kind == GoRecord::Kind::kRequest) {
     malformed_since_.reset();
-    request = record.request;
+    request = from_driver(record.request);
     return true;
   }
   if (record.kind == GoRecord::Kind::kMalformed || record.kind == GoRecord::Kind::kOther) {
@@ -304,6 +335,13 @@ void Endpoint::sleep_until_change(std::optional<std::chrono::steady_clock::time_
 WaitResult Endpoint::poll(Request& request) {
   error_.clear();
   if (!pending(request)) return error_.empty() ? WaitResult::kStopped : WaitResult::kError;
+  if (resumes_after_ && request.cycle > run_cycles_) {
+    error_ = "the driver asks for cycle " + std::to_string(request.cycle - *resumes_after_) + ", the run's cycle " +
+             std::to_string(request.cycle) + ", past its last, cycle " + std::to_string(run_cycles_) +
+             ": the settings were changed after lockstepctl resume (their cycle_num must be " +
+             std::to_string(run_cycles_ - *resumes_after_) + "); stop lockstep and run lockstepctl check";
+    return WaitResult::kError;
+  }
   const std::optional<Request> previous = std::exchange(handed_out_, request);
   handed_out_before_ = previous;
   if (previous && !comes_after(request, *previous)) {
@@ -336,7 +374,8 @@ DoneResult Endpoint::report_done() {
   Request current;
   const bool same = pending(current) && current == *handed_out_;
   if (!same) {
-    const GoRecord now = parse_go_record(read_go_file(directory_ + "/go.dat").content);
+    GoRecord now = parse_go_record(read_go_file(directory_ + "/go.dat").content);
+    now.request = from_driver(now.request);
     if (now.kind == GoRecord::Kind::kRequest && now.request == *handed_out_ && reported_done_ == handed_out_) {
       error_ = describe(*handed_out_) + " in " + directory_ + " was already reported done here";
     } else if (now.kind == GoRecord::Kind::kRequest && now.request == *handed_out_) {

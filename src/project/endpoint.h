@@ -153,11 +153,26 @@ class LOCKSTEP_API Endpoint {
   // The last request handed out, and the one handed out before it.
   const std::optional<Request>& handed_out() const { return handed_out_; }
   const std::optional<Request>& handed_out_before() const { return handed_out_before_; }
+  // Set when the run resumes after this cycle of its own (lockstepctl
+  // resume): every request is then handed out in the run's cycle numbers,
+  // the driver's plus this, and the solver must start from its state after
+  // that cycle.
+  const std::optional<std::int32_t>& resumes_after() const { return resumes_after_; }
+  // What comes before the first request: cycle 0, or the cycle-end request
+  // of the cycle the run resumes after.
+  Request start() const;
+  // In the cycle-end request handed out, before it is reported done, once
+  // the solver has saved its own state: records that this project can
+  // restart after this cycle, with its fields as they stand now. False with
+  // the reason in error().
+  bool checkpoint();
+
   // The reason for the last kError, kOutOfOrder, kOverrun or failed lock.
   const std::string& error() const { return error_; }
 
  private:
   Endpoint(std::string directory, int watch_fd, std::string file_system, const WaitSettings& settings);
+  Request from_driver(Request request) const;
   bool pending(Request& request);
   bool readable(const GoFileRead& read, const std::string& name);
   void sleep_until_change(std::optional<std::chrono::steady_clock::time_point> deadline);
@@ -178,6 +193,8 @@ class LOCKSTEP_API Endpoint {
   std::function<void(const std::string&)> report_trouble_;
   std::optional<std::chrono::steady_clock::time_point> trouble_since_;
   std::string trouble_reported_;
+  std::optional<std::int32_t> resumes_after_;
+  std::int32_t run_cycles_ = 0;  // the run's own cycle count, when resumed
 };
 
 }  // namespace lockstep::project

@@ -52,6 +52,15 @@ int lockstep_project_done(lockstep_project* project) {
   return LOCKSTEP_PROJECT_ERROR;
 }
 
+int lockstep_project_checkpoint(lockstep_project* project) {
+  project->field_error.clear();
+  return project->endpoint->checkpoint() ? LOCKSTEP_PROJECT_OK : LOCKSTEP_PROJECT_ERROR;
+}
+
+int lockstep_project_resumes_after(const lockstep_project* project) {
+  return project->endpoint->resumes_after().value_or(0);
+}
+
 const char* lockstep_project_error(const lockstep_project* project) {
   return (project->field_error.empty() ? project->endpoint->error() : project->field_error).c_str();
 }

@@ -38,6 +38,8 @@ module lockstep_project
     procedure :: lock => project_lock
     procedure :: wait => project_wait
     procedure :: done => project_done
+    procedure :: checkpoint => project_checkpoint
+    procedure :: resumes_after => project_resumes_after
     procedure :: error => project_error
     ! Fields: real(8), integer(4) and integer(8) arrays of rank 1 and 2,
     ! stored in Fortran's order, so that Python sees a(i, j) as a[i-1, j-1].
@@ -86,6 +88,14 @@ module lockstep_project
       integer(c_int), intent(out) :: cycle, time_step, stage
     end function
     integer(c_int) function c_done(project) bind(c, name='lockstep_project_done')
+      import :: c_ptr, c_int
+      type(c_ptr), value :: project
+    end function
+    integer(c_int) function c_checkpoint(project) bind(c, name='lockstep_project_checkpoint')
+      import :: c_ptr, c_int
+      type(c_ptr), value :: project
+    end function
+    integer(c_int) function c_resumes_after(project) bind(c, name='lockstep_project_resumes_after')
       import :: c_ptr, c_int
       type(c_ptr), value :: project
     end function
@@ -217,6 +227,22 @@ contains
     class(lockstep_project_t), intent(inout) :: project
     status = LOCKSTEP_PROJECT_ERROR
     if (c_associated(project%handle)) status = c_done(project%handle)
+  end function
+
+  ! In the cycle-end request, before done, once the solver has saved its
+  ! state: this project can restart after this cycle.
+  integer function project_checkpoint(project) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    status = LOCKSTEP_PROJECT_ERROR
+    if (c_associated(project%handle)) status = c_checkpoint(project%handle)
+  end function
+
+  ! The cycle after which this run resumes, whose state the solver loads
+  ! before its first request; 0 for a run that starts at its beginning.
+  integer function project_resumes_after(project) result(cycle)
+    class(lockstep_project_t), intent(in) :: project
+    cycle = 0
+    if (c_associated(project%handle)) cycle = c_resumes_after(project%handle)
   end function
 
   ! The reason for the last error.

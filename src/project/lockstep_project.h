@@ -39,6 +39,16 @@ LOCKSTEP_API int lockstep_project_wait(lockstep_project* project, int* cycle, in
  * error. */
 LOCKSTEP_API int lockstep_project_done(lockstep_project* project);
 
+/* In the cycle-end request, before it is reported done, once the solver has
+ * saved its own state: records that this project can restart after this
+ * cycle, with its fields as they stand. Returns 0, or -1 on an error. */
+LOCKSTEP_API int lockstep_project_checkpoint(lockstep_project* project);
+
+/* The cycle of the run after which this run resumes (lockstepctl resume),
+ * whose state the solver must load before its first request; 0 for a run
+ * that starts at its beginning. */
+LOCKSTEP_API int lockstep_project_resumes_after(const lockstep_project* project);
+
 /* The reason for the last error, zero-terminated. */
 LOCKSTEP_API const char* lockstep_project_error(const lockstep_project* project);
 

@@ -153,6 +153,12 @@ class Project {
     throw_error(endpoint_->error());
   }
 
+  void checkpoint() {
+    if (!endpoint_->checkpoint()) throw_error(endpoint_->error());
+  }
+
+  std::optional<std::int32_t> resumes_after() const { return endpoint_->resumes_after(); }
+
   // "done", or "overrun" when the driver no longer waits for the request.
   std::string done() {
     switch (endpoint_->report_done()) {
@@ -248,6 +254,8 @@ PYBIND11_MODULE(_lockstep, module) {
       .def("lock", &Project::lock)
       .def("wait", &Project::wait, py::arg("timeout") = py::none())
       .def("done", &Project::done)
+      .def("checkpoint", &Project::checkpoint)
+      .def_property_readonly("resumes_after", &Project::resumes_after)
       .def("put", &Project::put, py::arg("name"), py::arg("values"))
       .def("get", &Project::get, py::arg("name"), py::arg("accept"))
       .def("error", &Project::error)

@@ -157,6 +157,20 @@ class Project:
         if outcome == "overrun":
             raise OverrunError(self._open().error())
 
+    @property
+    def resumes_after(self) -> Optional[int]:
+        """The cycle of the run after which this run resumes (``lockstepctl
+        resume``), whose saved state the solver loads before its first
+        request; None for a run that starts at its beginning."""
+        return self._open().resumes_after
+
+    def checkpoint(self) -> None:
+        """In a cycle-end request, before it is reported done, once the
+        solver has saved its own state: records that this project can
+        restart after this cycle, with its fields as they stand. Raises
+        Error anywhere else."""
+        self._open().checkpoint()
+
     def put(self, name: str, values: Any) -> None:
         """Publishes the output ``name``, stamped with the request being
         served, or as a starting output before the first request."""
