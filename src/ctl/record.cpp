@@ -272,6 +272,8 @@ int record_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
     }
   };
   timeline::Recorder recorder(projects, write_line);
+  const std::int32_t after_cycle = tree.resumed ? tree.resumed->after_cycle : 0;
+  recorder.resumed_after(after_cycle);
   std::string error;
   if (!recorder.start(error)) {
     err << "lockstepctl record: " << error << "\n";

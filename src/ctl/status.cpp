@@ -38,9 +38,16 @@ struct Position {
   std::uint64_t total = 0;
 };
 
+// The run's own cycle count: in a resumed run, its settings' and the cycles
+// before the resume.
+std::int32_t run_cycles(const TreeState& tree) {
+  return *tree.cycle_num + (tree.resumed ? tree.resumed->after_cycle : 0);
+}
+
+// `request` in the run's own cycle numbers.
 std::optional<Position> position(const project::Request& request, const TreeState& tree) {
   if (!tree.time_step || !tree.cycle_num || *tree.time_step < 0) return std::nullopt;
-  if (request.cycle < 1 || request.cycle > *tree.cycle_num) return std::nullopt;
+  if (request.cycle < 1 || request.cycle > run_cycles(tree)) return std::nullopt;
   const bool stage_in_schedule = request.time_step >= 1 && request.time_step <= *tree.time_step &&
                                  request.stage >= 1 && request.stage <= 4;
   if (!request.cycle_end() && !stage_in_schedule) return std::nullopt;
@@ -49,7 +56,7 @@ std::optional<Position> position(const project::Request& request, const TreeStat
       request.cycle_end() ? per_cycle
                           : 4 * static_cast<std::uint64_t>(request.time_step - 1) + static_cast<std::uint64_t>(request.stage);
   return Position{(static_cast<std::uint64_t>(request.cycle) - 1) * per_cycle + within,
-                  per_cycle * static_cast<std::uint64_t>(*tree.cycle_num)};
+                  per_cycle * static_cast<std::uint64_t>(run_cycles(tree))};
 }
 
 struct View {
@@ -118,10 +125,13 @@ View status_view(const TreeState& tree, bool colour) {
   if (main == nullptr || main->request.kind != project::GoRecord::Kind::kRequest) {
     out << "request: none yet (../main/go.dat holds no request)\n";
   } else {
-    const project::Request& request = main->request.request;
-    out << "request: " << project::describe(request) << "\n";
+    project::Request request = main->request.request;
+    if (tree.resumed) request.cycle += tree.resumed->after_cycle;
+    out << "request: " << project::describe(request)
+        << (tree.resumed ? " (the run resumed after cycle " + std::to_string(tree.resumed->after_cycle) + ")" : "")
+        << "\n";
     if (const std::optional<Position> at = position(request, tree)) {
-      out << "position: cycle " << request.cycle << " of " << *tree.cycle_num << ", "
+      out << "position: cycle " << request.cycle << " of " << run_cycles(tree) << ", "
           << (request.cycle_end() ? "closing time step"
                                   : "time step " + std::to_string(request.time_step) + " of " +
                                         std::to_string(*tree.time_step) + ", stage " +

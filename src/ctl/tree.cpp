@@ -278,6 +278,54 @@ std::size_t TreeState::problem_count() const {
   return count;
 }
 
+namespace {
+
+// A resumed run: the settings must be those lockstepctl resume left.
+void check_resume_record(TreeState& tree) {
+  resume::Record record;
+  std::string error;
+  const resume::ReadOutcome read = resume::read_record(tree.run_directory.string(), record, error);
+  if (read == resume::ReadOutcome::kError) tree.run_problems.push_back(error);
+  if (read != resume::ReadOutcome::kRead) return;
+  tree.resumed = record;
+  if (tree.time_step == record.time_step && tree.cycle_num == record.remaining() &&
+      tree.num_subprojects == record.num_subprojects) {
+    return;
+  }
+  tree.run_problems.push_back(
+      "analysis_settings.dat was changed after lockstepctl resume: the run resumes after cycle " +
+      std::to_string(record.after_cycle) + " with time_step=" + std::to_string(record.time_step) + " cycle_num=" +
+      std::to_string(record.remaining()) + " num_subprojects=" + std::to_string(record.num_subprojects) +
+      "; put those back, or run lockstepctl resume again");
+}
+
+// Every project's record says what the run directory's says, or both say
+// nothing.
+void check_project_resume_record(const TreeState& tree, ProjectState& project) {
+  resume::Record record;
+  std::string error;
+  const std::filesystem::path directory = (tree.run_directory / project.directory).lexically_normal();
+  const resume::ReadOutcome read = resume::read_record(directory.string(), record, error);
+  if (read == resume::ReadOutcome::kError) {
+    project.problems.push_back(error);
+  } else if (tree.resumed && (read == resume::ReadOutcome::kMissing || !(record == *tree.resumed))) {
+    project.problems.push_back(
+        std::string(resume::kRecordFile) +
+        (read == resume::ReadOutcome::kMissing ? " is missing"
+                                                : " says the run resumes after cycle " +
+                                                      std::to_string(record.after_cycle)) +
+        ", but the run resumes after cycle " + std::to_string(tree.resumed->after_cycle) +
+        ": its solver would count cycles wrong; run lockstepctl resume again");
+  } else if (!tree.resumed && read == resume::ReadOutcome::kRead) {
+    project.problems.push_back(std::string(resume::kRecordFile) + " says the run resumes after cycle " +
+                               std::to_string(record.after_cycle) +
+                               ", but the run directory has no such record: run lockstepctl resume, or remove it (rm " +
+                               (directory / resume::kRecordFile).string() + ") to run from cycle 1");
+  }
+}
+
+}  // namespace
+
 TreeState inspect_tree(const std::filesystem::path& run_directory, bool before_run) {
   InspectionFileSystem fs(run_directory);
   TreeState tree;
@@ -285,6 +333,7 @@ TreeState inspect_tree(const std::filesystem::path& run_directory, bool before_r
   read_settings(fs, tree);
   if (before_run) judge_settings(tree);
   tree.drivers = running_drivers(tree.run_directory);
+  check_resume_record(tree);
 
   const int last = last_project(tree);
   // Where go files may lead without leaving the run tree; only the check
@@ -316,6 +365,7 @@ TreeState inspect_tree(const std::filesystem::path& run_directory, bool before_r
       } else {
         all_read = false;
       }
+      check_project_resume_record(tree, project);
       if (before_run && project.request.kind == project::GoRecord::Kind::kRequest) {
         project.problems.push_back(
             "go.dat holds a request from an earlier run (" + project::describe(project.request.request) +

@@ -15,6 +15,7 @@
 
 #include "project/endpoint.h"
 #include "records/file_system.h"
+#include "resume/record.h"
 
 namespace lockstep::ctl {
 
@@ -62,6 +63,8 @@ struct TreeState {
   std::vector<ProjectState> projects;  // the main project, then the sub projects read
   std::vector<std::string> run_problems;
   std::vector<pid_t> drivers;  // lockstep processes working in the run directory
+  // Set in a resumed run: the driver's cycle c is the run's c + after_cycle.
+  std::optional<resume::Record> resumed;
 
   std::size_t problem_count() const;
 };

@@ -148,11 +148,11 @@ void Recorder::read(State& state, bool record) {
   }
   if (request_now) {
     Event event(Event::Kind::kRequest);
-    event.cycle = go->request.cycle;
+    event.cycle = go->request.cycle + after_cycle_;
     event.time_step = go->request.time_step;
     event.stage = go->request.stage;
     emit(event);
-    if (record) state.outstanding = go->request;
+    if (record) state.outstanding = project::Request{event.cycle, event.time_step, event.stage};
     state.go2_reset_recorded = false;
     if (done_now) finish(false);
   }

@@ -29,6 +29,10 @@ class Recorder {
   Recorder(const Recorder&) = delete;
   Recorder& operator=(const Recorder&) = delete;
 
+  // In a resumed run: requests are recorded in the run's own cycle numbers,
+  // the driver's plus `after_cycle`.
+  void resumed_after(std::int32_t after_cycle) { after_cycle_ = after_cycle; }
+
   // Sets up the watches and takes the go files as they are now, recording
   // nothing of them; false, with the reason, when inotify cannot be used.
   bool start(std::string& error);
@@ -74,6 +78,7 @@ class Recorder {
   std::function<void(const std::string&)> write_line_;
   int watch_fd_ = -1;
   std::chrono::steady_clock::time_point started_;
+  std::int32_t after_cycle_ = 0;
 };
 
 }  // namespace lockstep::timeline
