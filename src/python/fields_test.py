@@ -87,3 +87,40 @@ def test_what_a_field_cannot_hold(tree):
         project.put("../x", [1.0])
     with pytest.raises(lockstep.Error, match='accept="stale"'):
         project.get("x", accept="stale")
+
+
+def test_a_resumed_run_speaks_the_runs_cycle_numbers(tree):
+    # As lockstepctl resume leaves a run of 5 cycles resumed after cycle 2.
+    record = "lockstep resume record\nresumes_after_cycle 2\ntime_step 2\ncycle_num 5\nnum_subprojects 1\n"
+    for place in ("run", "main", "sub1"):
+        (tree / place / "lockstep-resume.dat").write_text(record)
+    (tree / "other").mkdir()
+    assert lockstep.Project(tree / "other").resumes_after is None
+    with lockstep.Project(tree / "main") as main:
+        assert main.resumes_after == 2
+        # Published at start-up: as after cycle 2, what the first stage reads.
+        main.put("u", numpy.array([1.5]))
+        step = lockstep.Interaction(["1", "1", "1", "1"])
+        assert step.request == lockstep.Request(3, 1, 1)
+        assert step.get(0, "u")[0] == 1.5
+
+        hand_out(tree / "main", 1, -1, 5)
+        assert main.wait() == lockstep.Request(3, -1, 5)
+        main.put("u", numpy.array([2.5]))
+        main.checkpoint()
+        assert numpy.load(tree / "main/checkpoints/3/fields/out/u.npy")[0] == 2.5
+        main.done()
+        with pytest.raises(lockstep.Error) as late:
+            main.checkpoint()
+        assert str(late.value) == (
+            "a checkpoint is recorded in a cycle-end request, before it is reported done; the cycle-end request of"
+            f" cycle 3, reported done, is what {tree}/main serves now"
+        )
+
+    (tree / "run" / "analysis_settings.dat").write_text("time_step=\n2\ncycle_num=\n5\nnum_subprojects=\n1\n")
+    with pytest.raises(lockstep.Error) as changed:
+        lockstep.Interaction(["1", "1", "1", "1"])
+    assert str(changed.value) == (
+        "analysis_settings.dat was changed after lockstepctl resume: the run resumes after cycle 2 with time_step=2"
+        " cycle_num=3 num_subprojects=1; stop lockstep and run lockstepctl resume again"
+    )
