@@ -35,7 +35,11 @@ bool load(const std::string& tree, Block& block) {
     std::istringstream fields(line);
     std::string field;
     while (std::getline(fields, field, ',')) row.push_back(std::strtod(field.c_str(), nullptr));
-    if (row.size() != 3 + 2 * block.count) return false;
+    if (row.size() != 3 + 2 * block.count || row[0] < 1 || row[0] > static_cast<double>(block.rows.size() + 1)) {
+      return false;
+    }
+    // A run resumed after cycle C writes the rows after C again.
+    block.rows.resize(static_cast<std::size_t>(row[0]) - 1);
     block.rows.push_back(row);
   }
   return true;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <utility>
 #include <vector>
 
 namespace chain {
@@ -43,6 +44,13 @@ class Rk4Block {
   }
 
   std::size_t size() const { return u_.size(); }
+  // The state at the start of a time step, as a resumed run loads it.
+  void restore(std::vector<double> u, std::vector<double> v) {
+    u_ = std::move(u);
+    v_ = std::move(v);
+    stage_u_ = u_;
+    stage_v_ = v_;
+  }
   // The displacements at which the next stage is evaluated.
   double stage_first() const { return stage_u_.front(); }
   double stage_last() const { return stage_u_.back(); }

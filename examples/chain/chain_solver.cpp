@@ -4,16 +4,21 @@
 //
 //   chain_solver DIR FIRST COUNT LAST_CYCLE
 //
-// It ends after the cycle-end request of LAST_CYCLE.
+// It ends after the cycle-end request of LAST_CYCLE. At each cycle end it
+// saves its state to DIR/state-CYCLE.txt and records a checkpoint; in a run
+// resumed after cycle C it starts from DIR/state-C.txt.
 // Fields: outputs "first" and "last" (this block's boundary displacements at
 // the next stage, for the neighbours), inputs "left" and "right" (the
 // neighbours', where the block has them; the chain's ends are walls). In
 // DIR: chain.csv, one row per cycle end.
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "chain_model.h"
 #include "fields/solver.h"
@@ -47,6 +52,40 @@ void export_boundary(lockstep::fields::SolverFields& fields, const chain::Rk4Blo
   }
 }
 
+// The number of time steps done, then the displacements and velocities,
+// exactly: a temporary file renamed into place.
+void save_state(const std::string& directory, long cycle, long steps, const chain::Rk4Block& block) {
+  const std::string path = directory + "/state-" + std::to_string(cycle) + ".txt";
+  {
+    std::ofstream out(path + ".tmp");
+    out << steps << "\n";
+    for (const double u : block.displacements()) out << exact(u) << "\n";
+    for (const double v : block.velocities()) out << exact(v) << "\n";
+    if (!out.flush()) {
+      std::cerr << "chain_solver: cannot write " << path << ".tmp\n";
+      std::exit(1);
+    }
+  }
+  std::rename((path + ".tmp").c_str(), path.c_str());
+}
+
+long load_state(const std::string& directory, long cycle, chain::Rk4Block& block) {
+  const std::string path = directory + "/state-" + std::to_string(cycle) + ".txt";
+  std::ifstream in(path);
+  long steps = 0;
+  std::vector<double> u(block.size()), v(block.size());
+  in >> steps;
+  for (double& value : u) in >> value;
+  for (double& value : v) in >> value;
+  if (!in) {
+    std::cerr << "chain_solver: the run resumes after cycle " << cycle << ", but " << path
+              << " does not hold this solver's state after it\n";
+    std::exit(1);
+  }
+  block.restore(u, v);
+  return steps;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -73,14 +112,18 @@ int main(int argc, char** argv) {
   const bool has_left = first > 0;
   const bool has_right = first + count < chain::kMasses;
   chain::Rk4Block block(first, count);
-  std::ofstream csv(directory + "/chain.csv");
-  csv << "cycle,time,energy";
-  for (std::size_t j = 0; j < count; ++j) csv << ",u" << first + j;
-  for (std::size_t j = 0; j < count; ++j) csv << ",v" << first + j;
-  csv << "\n" << std::flush;
+  long steps = 0;
+  const std::optional<std::int32_t> resumed = endpoint->resumes_after();
+  if (resumed) steps = load_state(directory, *resumed, block);
+  std::ofstream csv(directory + "/chain.csv", resumed ? std::ios::app : std::ios::trunc);
+  if (!resumed) {
+    csv << "cycle,time,energy";
+    for (std::size_t j = 0; j < count; ++j) csv << ",u" << first + j;
+    for (std::size_t j = 0; j < count; ++j) csv << ",v" << first + j;
+    csv << "\n" << std::flush;
+  }
   export_boundary(*fields, block);
 
-  long steps = 0;
   for (;;) {
     lockstep::project::Request request;
     if (endpoint->wait(request) != lockstep::project::WaitResult::kRequest) {
@@ -93,6 +136,11 @@ int main(int argc, char** argv) {
       for (const double u : block.displacements()) csv << "," << exact(u);
       for (const double v : block.velocities()) csv << "," << exact(v);
       csv << "\n" << std::flush;
+      save_state(directory, request.cycle, steps, block);
+      if (!endpoint->checkpoint()) {
+        std::cerr << "chain_solver: " << endpoint->error() << "\n";
+        return 1;
+      }
     } else {
       block.stage(request.stage - 1, neighbour(*fields, "left", has_left), neighbour(*fields, "right", has_right));
       if (request.stage == 4) ++steps;

@@ -3,8 +3,12 @@
 ! chain_solver.cpp.
 !
 !   chain_solver_fortran DIR FIRST COUNT LAST_CYCLE
+!
+! At each cycle end it saves its state to DIR/state-CYCLE.txt and records a
+! checkpoint; in a run resumed after cycle C it starts from DIR/state-C.txt.
 program chain_solver_fortran
   use lockstep_project
+  use, intrinsic :: iso_fortran_env, only: error_unit
   implicit none
   integer, parameter :: dp = kind(1.0d0), masses = 12
   real(dp), parameter :: stiffness = 4.0_dp, time_step = 0.1_dp
@@ -13,7 +17,7 @@ program chain_solver_fortran
 
   type(lockstep_project_t) :: project
   character(len=4096) :: directory, argument
-  integer :: first, count, last_cycle, cycle, step, stage, j, steps, csv
+  integer :: first, count, last_cycle, cycle, step, stage, j, steps, csv, resumed
   real(dp), allocatable :: u(:), v(:), stage_u(:), stage_v(:), sum_u(:), sum_v(:)
 
   call get_command_argument(1, directory)
@@ -37,25 +41,33 @@ program chain_solver_fortran
   sum_u = 0.0_dp
   sum_v = 0.0_dp
 
-  open (newunit=csv, file=trim(directory) // '/chain.csv', status='replace', action='write')
-  write (csv, '(a)', advance='no') 'cycle,time,energy'
-  do j = 1, count
-    write (csv, '(a, i0)', advance='no') ',u', first + j - 1
-  end do
-  do j = 1, count
-    write (csv, '(a, i0)', advance='no') ',v', first + j - 1
-  end do
-  write (csv, '(a)') ''
-  flush (csv)
+  steps = 0
+  resumed = project%resumes_after()
+  if (resumed > 0) then
+    call load_state(resumed)
+    open (newunit=csv, file=trim(directory) // '/chain.csv', status='old', position='append', action='write')
+  else
+    open (newunit=csv, file=trim(directory) // '/chain.csv', status='replace', action='write')
+    write (csv, '(a)', advance='no') 'cycle,time,energy'
+    do j = 1, count
+      write (csv, '(a, i0)', advance='no') ',u', first + j - 1
+    end do
+    do j = 1, count
+      write (csv, '(a, i0)', advance='no') ',v', first + j - 1
+    end do
+    write (csv, '(a)') ''
+    flush (csv)
+  end if
   call export_boundary()
 
-  steps = 0
   do
     if (project%wait(cycle, step, stage) /= LOCKSTEP_PROJECT_OK) error stop project%error()
     if (stage == 5) then
       write (csv, '(i0, 2(a, es25.16e3))', advance='no') cycle, ',', steps * time_step, ',', internal_energy()
       write (csv, '(*(a, es25.16e3))') (',', u(j), j = 1, count), (',', v(j), j = 1, count)
       flush (csv)
+      call save_state(cycle)
+      if (project%checkpoint() /= LOCKSTEP_PROJECT_OK) error stop project%error()
     else
       call rk4_stage(stage, neighbour('left', first > 0), neighbour('right', first + count < masses))
       if (stage == 4) steps = steps + 1
@@ -68,6 +80,38 @@ program chain_solver_fortran
   call project%close()
 
 contains
+
+  character(len=4200) function state_path(after)
+    integer, intent(in) :: after
+    write (state_path, '(a, a, i0, a)') trim(directory), '/state-', after, '.txt'
+  end function
+
+  ! The time steps done, then the displacements and velocities, exactly: a
+  ! temporary file renamed into place.
+  subroutine save_state(after)
+    integer, intent(in) :: after
+    integer :: unit
+    open (newunit=unit, file=trim(state_path(after)) // '.tmp', status='replace', action='write')
+    write (unit, '(i0)') steps
+    write (unit, '(es25.16e3)') u, v
+    close (unit)
+    call rename(trim(state_path(after)) // '.tmp', trim(state_path(after)))
+  end subroutine
+
+  subroutine load_state(after)
+    integer, intent(in) :: after
+    integer :: unit, status
+    open (newunit=unit, file=trim(state_path(after)), status='old', action='read', iostat=status)
+    if (status == 0) read (unit, *, iostat=status) steps, u, v
+    if (status /= 0) then
+      write (error_unit, '(a, i0, 3a)') 'chain_solver_fortran: the run resumes after cycle ', after, ', but ', &
+        trim(state_path(after)), ' does not hold this solver''s state after it'
+      error stop 1
+    end if
+    close (unit)
+    stage_u = u
+    stage_v = v
+  end subroutine
 
   real(dp) function mass(i)
     integer, intent(in) :: i

@@ -3,6 +3,9 @@ package: the same model and arithmetic as chain_model.h, the same files as
 chain_solver.cpp.
 
     chain_solver.py DIR FIRST COUNT LAST_CYCLE
+
+At each cycle end it saves its state to DIR/state-CYCLE.txt and records a
+checkpoint; in a run resumed after cycle C it starts from DIR/state-C.txt.
 """
 import os
 import sys
@@ -71,6 +74,32 @@ def export_boundary(project, block):
     project.put("last", [block.stage_u[-1]])
 
 
+def save_state(directory, cycle, steps, block):
+    """The time steps done, then the displacements and velocities, exactly."""
+    path = os.path.join(directory, f"state-{cycle}.txt")
+    with open(path + ".tmp", "w") as out:
+        print(steps, file=out)
+        for value in block.u + block.v:
+            print(f"{value:.17g}", file=out)
+    os.replace(path + ".tmp", path)
+
+
+def load_state(directory, cycle, block):
+    path = os.path.join(directory, f"state-{cycle}.txt")
+    try:
+        with open(path) as state:
+            numbers = state.read().split()
+        steps, values = int(numbers[0]), [float(x) for x in numbers[1:]]
+    except (OSError, ValueError, IndexError):
+        values = []
+    n = len(block.u)
+    if len(values) != 2 * n:
+        sys.exit(f"chain_solver.py: the run resumes after cycle {cycle}, but {path} does not hold this solver's state after it")
+    block.u, block.v = values[:n], values[n:]
+    block.stage_u, block.stage_v = list(block.u), list(block.v)
+    return steps
+
+
 def main():
     if len(sys.argv) != 5:
         sys.exit("usage: chain_solver.py DIR FIRST COUNT LAST_CYCLE")
@@ -78,14 +107,20 @@ def main():
     first, count, last_cycle = (int(argument) for argument in sys.argv[2:])
     block = Rk4Block(first, count)
     steps = 0
-    with lockstep.Project(directory) as project, open(os.path.join(directory, "chain.csv"), "w") as csv:
-        names = [f"u{first + j}" for j in range(count)] + [f"v{first + j}" for j in range(count)]
-        print(",".join(["cycle", "time", "energy"] + names), file=csv, flush=True)
+    with lockstep.Project(directory) as project:
+        if project.resumes_after is not None:
+            steps = load_state(directory, project.resumes_after, block)
+        csv = open(os.path.join(directory, "chain.csv"), "w" if project.resumes_after is None else "a")
+        if project.resumes_after is None:
+            names = [f"u{first + j}" for j in range(count)] + [f"v{first + j}" for j in range(count)]
+            print(",".join(["cycle", "time", "energy"] + names), file=csv, flush=True)
         export_boundary(project, block)
         for request in project.requests(last_cycle=last_cycle):
             if request.cycle_end:
                 values = [steps * TIME_STEP, block.internal_energy()] + block.u + block.v
                 print(",".join([str(request.cycle)] + [f"{x:.17g}" for x in values]), file=csv, flush=True)
+                save_state(directory, request.cycle, steps, block)
+                project.checkpoint()
                 continue
             # The chain's ends are walls: no neighbour, displacement 0.
             left = project.get("left")[0] if first > 0 else 0.0
@@ -94,6 +129,7 @@ def main():
             if request.stage == 4:
                 steps += 1
             export_boundary(project, block)
+        csv.close()
 
 
 if __name__ == "__main__":
