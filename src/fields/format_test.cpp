@@ -26,6 +26,14 @@ TEST(FieldFormatTest, HeaderIsNumpysWithTheStampInItsPadding) {
   EXPECT_EQ(decoded.shape, header.shape);
   EXPECT_EQ(decoded.stamp, header.stamp);
 
+  // A stamp that ends at the newline, with no padding after it, as another
+  // writer may lay the header out, reads back whole.
+  const std::string stamp = "# lockstep field: project=1 role=output cycle=12 time_step=3 stage=4";
+  std::string text = "{'descr': '<f8', 'fortran_order': False, 'shape': (3,), }";
+  text.append(192 - 10 - text.size() - stamp.size() - 1, ' ').append(stamp).append("\n");
+  ASSERT_TRUE(decode_header(std::string("\x93NUMPY\x01\x00\xb6\x00", 10) + text, decoded, offset, error)) << error;
+  EXPECT_EQ(decoded.stamp, (Stamp{1, Role::kOutput, {12, 3, 4}}));
+
   // One dimension is written as Python writes a 1-tuple; none as ().
   EXPECT_NE(encode_header({Type::kInt32, false, {7}, {}}).find("'descr': '<i4', 'fortran_order': False, 'shape': (7,), }"),
             std::string::npos);
