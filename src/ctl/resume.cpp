@@ -314,10 +314,14 @@ int resume_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
                        [run, updated](std::string& why) { return replace_file(run / kSettingsFile, *updated, why); }});
   }
 
+  const std::string remaining =
+      record.remaining() == 1
+          ? "the cycle that remains as cycle 1, which the projects see as cycle " + std::to_string(after + 1)
+          : "the " + std::to_string(record.remaining()) + " cycles that remain as cycles 1 to " +
+                std::to_string(record.remaining()) + ", which the projects see as cycles " +
+                std::to_string(after + 1) + " to " + std::to_string(original.cycle_num);
   out << (options.dry_run ? "would resume " : "resuming ") << shown << " after cycle " << after << " of "
-      << original.cycle_num << ": lockstep runs the " << record.remaining()
-      << " cycles that remain as cycles 1 to " << record.remaining() << ", which the projects see as cycles "
-      << after + 1 << " to " << original.cycle_num << "\n";
+      << original.cycle_num << ": lockstep runs " << remaining << "\n";
   for (const Change& change : changes) {
     out << "  " << text::printable(change.text) << "\n";
     if (options.dry_run) continue;
