@@ -96,7 +96,11 @@ bool record_checkpoint(const std::string& directory, std::int32_t cycle, std::st
   const std::string checkpoints = directory + "/" + kCheckpointDirectory;
   const std::string final_path = checkpoints + "/" + std::to_string(cycle);
   const std::string building = checkpoints + "/." + std::to_string(cycle) + "." + std::to_string(::getpid()) + ".tmp";
-  if (!make_directory(checkpoints, error) || !remove_tree(building, error) || !make_directory(building, error) ||
+  // What a killed checkpoint of this PID left goes first; should it fail,
+  // creating the directory anew says why.
+  std::string ignored;
+  remove_tree(building, ignored);
+  if (!make_directory(checkpoints, error) || !make_directory(building, error) ||
       !make_directory(building + "/fields", error)) {
     return false;
   }
@@ -115,7 +119,6 @@ bool record_checkpoint(const std::string& directory, std::int32_t cycle, std::st
     error = "cannot rename " + building + " to " + final_path + ": " + records::os_error_text(errno);
     copied = false;
   }
-  std::string ignored;
   if (!copied || exchanged) remove_tree(building, ignored);
   return copied;
 }

@@ -67,16 +67,14 @@ TEST(CheckpointTest, AProjectsFieldsAreKeptAsTheyStoodAndRestored) {
   EXPECT_EQ(read_file(project / "fields/out/u.npy"), "u after 2");
 }
 
-TEST(CheckpointTest, ACheckpointThatCannotBeWrittenLeavesNothing) {
-  if (::geteuid() == 0) GTEST_SKIP() << "root writes into a read-only directory";
+TEST(CheckpointTest, ACheckpointThatCannotBeWrittenSaysWhy) {
   testing::TempDir dir;
   write_file(dir.path() / "fields/out/u.npy", "u");
-  std::filesystem::create_directories(dir.path() / "checkpoints");
-  testing::plant(dir.path() / "checkpoints", "<read-only>");
+  write_file(dir.path() / "checkpoints", "a file where the directory belongs");
   std::string error;
   EXPECT_FALSE(record_checkpoint(dir.path().string(), 1, error));
   EXPECT_EQ(error, "cannot create " + dir.path().string() + "/checkpoints/.1." + std::to_string(::getpid()) +
-                       ".tmp: Permission denied");
+                       ".tmp: Not a directory");
   EXPECT_TRUE(recorded_cycles(dir.path().string()).empty());
 }
 
