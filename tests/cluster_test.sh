@@ -2,7 +2,9 @@
 # A private one-node Slurm cluster in a temporary directory runs the batch
 # script of docs/cluster.md as written there: the C solver of
 # docs/protocol.md, an agent and the driver, each request served once, and
-# lockstepctl status, run from outside the job, names the run's state.
+# lockstepctl status, run from outside the job, names the run's state. Then
+# its resumable script: a first job cancelled part-way, a second that
+# resumes and completes the run.
 # Every daemon started here is stopped by its PID, also when the test fails.
 #   cluster_test.sh CLUSTER_DOC PROTOCOL_DOC PREFIX   (lockstep installed in PREFIX)
 # LOCKSTEP_SANITIZE_FLAGS: the sanitizer flags the library was built with.
@@ -114,11 +116,14 @@ done
 printf '#!/bin/sh\necho "$1 $2 $3" >> "$LOCKSTEP_PROJECT_DIR/agent.log"\n' > "$case_dir/sub1/step.sh"
 chmod +x "$case_dir/sub1/step.sh"
 
-# The script exactly as docs/cluster.md shows it.
-awk '/^<!-- batch script: tests\/cluster_test.sh runs it as written -->$/ { found = 1; next }
-     found && /^```/ { if (inside) exit; inside = 1; next }
-     inside { print }' "$doc" > "$work/job.sh"
-[ -s "$work/job.sh" ] || { echo "no batch script found in $doc" >&2; exit 1; }
+# A script exactly as docs/cluster.md shows it after its marker.
+doc_script() {
+  awk -v marker="<!-- $1: tests/cluster_test.sh runs it as written -->" '$0 == marker { found = 1; next }
+       found && /^```/ { if (inside) exit; inside = 1; next }
+       inside { print }' "$doc" > "$2"
+  [ -s "$2" ] || { echo "no $1 found in $doc" >&2; exit 1; }
+}
+doc_script "batch script" "$work/job.sh"
 
 job=$(cd "$case_dir" && sbatch --parsable --export=ALL "$work/job.sh")
 wait_until "[ -z \"\$(squeue -h -j $job 2>/dev/null)\" ]" "cat '$case_dir'/*/*.log 2>/dev/null | wc -l"
@@ -141,3 +146,61 @@ done
 status=$(lockstepctl status "$case_dir/run")
 grep -q '^the run is complete$' <<<"$status" || { echo "status does not say the run is complete:" >&2; echo "$status" >&2; exit 1; }
 echo "cluster: job $job served 2 projects x 50 requests, each once; status: the run is complete"
+
+# The resumable script: both projects served by agents whose step saves its
+# state at each cycle end; the first job is cancelled once both have saved
+# cycle 3, the second resumes.
+doc_script "resumable batch script" "$work/resumable.sh"
+case_dir="$work/long"
+mkdir -p "$case_dir/run" "$case_dir/main" "$case_dir/sub1"
+printf 'time_step=\n2\ncycle_num=\n10\nnum_subprojects=\n1\n' > "$case_dir/run/analysis_settings.dat"
+for project in main sub1; do
+  printf 'exchange.sh\n' > "$case_dir/$project/CalculateInteraction.dat"
+  printf '#!/bin/sh\n' > "$case_dir/$project/exchange.sh"
+  printf '0\n' > "$case_dir/$project/go2.dat"
+  cat > "$case_dir/$project/step.sh" <<'STEP'
+#!/bin/sh
+sleep 0.05
+echo "$1 $2 $3 ${LOCKSTEP_RESUMES_AFTER:-}" >> "$LOCKSTEP_PROJECT_DIR/agent.log"
+if [ "$3" = 5 ]; then echo "$1" > "$LOCKSTEP_PROJECT_DIR/state-$1"; fi
+STEP
+  chmod +x "$case_dir/$project/exchange.sh" "$case_dir/$project/step.sh"
+done
+first=$(cd "$case_dir" && sbatch --parsable --export=ALL "$work/resumable.sh")
+wait_until "[ -d '$case_dir/main/checkpoints/3' ] && [ -d '$case_dir/sub1/checkpoints/3' ]" \
+  "cat '$case_dir'/*/agent.log 2>/dev/null | wc -l"
+scancel "$first"
+wait_until "[ -z \"\$(squeue -h -j $first 2>/dev/null)\" ]"
+state=$(scontrol show job "$first" | grep -o 'JobState=[A-Z]*' || true)
+[ "$state" = "JobState=CANCELLED" ] || { echo "job $first ended with $state, not cancelled" >&2; exit 1; }
+second=$(cd "$case_dir" && sbatch --parsable --export=ALL "$work/resumable.sh")
+wait_until "[ -z \"\$(squeue -h -j $second 2>/dev/null)\" ]" "cat '$case_dir'/*/agent.log 2>/dev/null | wc -l"
+state=$(scontrol show job "$second" | grep -o 'JobState=[A-Z]*' || true)
+[ "$state" = "JobState=COMPLETED" ] || { echo "job $second ended with $state" >&2; exit 1; }
+
+# Each project: the first job's requests, then from the cycle after the
+# one resumed from (the second job's, told where it resumes from) to the
+# last; the lost part of a cycle at most served twice.
+after=$(sed -n 's/^resumes_after_cycle //p' "$case_dir/run/lockstep-resume.dat")
+for project in main sub1; do
+  log="$case_dir/$project/agent.log"
+  second_part=$(grep -c " $after\$" "$log" || true)
+  resumed=$(grep " $after\$" "$log" | cut -d' ' -f1-3)
+  expected_rest=$(printf '%s' "$expected" | awk -v after="$after" '$1 > after')
+  if [ "$resumed" != "$expected_rest" ]; then
+    echo "$project: the second job did not serve cycles $((after + 1)) to 10 once each, in order:" >&2
+    diff <(echo "$expected_rest") <(echo "$resumed") >&2 || true
+    exit 1
+  fi
+  first_part=$(grep -v " $after\$" "$log" | cut -d' ' -f1-3)
+  done_before=$(printf '%s' "$expected" | awk -v after="$after" '$1 <= after')
+  case "$first_part"$'\n' in
+    "$done_before"$'\n'*) ;;
+    *) echo "$project: the first job did not serve cycles 1 to $after" >&2; exit 1 ;;
+  esac
+  lost=$(($(wc -l <<<"$first_part") - $(wc -l <<<"$done_before")))
+  [ "$lost" -le 9 ] || { echo "$project: the first job served $lost requests after cycle $after" >&2; exit 1; }
+  echo "cluster: $project resumed after cycle $after: $second_part requests in job $second, $lost served again"
+done
+status=$(lockstepctl status "$case_dir/run")
+grep -q '^the run is complete$' <<<"$status" || { echo "status does not say the resumed run is complete:" >&2; echo "$status" >&2; exit 1; }
