@@ -164,6 +164,13 @@ TEST_F(ResumeTest, MismatchesAreRefusedWithWhatToDo) {
   EXPECT_THAT(check.out, HasSubstr("\nanalysis_settings.dat was changed after lockstepctl resume: the run resumes "
                                    "after cycle 1 with time_step=1 cycle_num=3 num_subprojects=2; put those back, or "
                                    "run lockstepctl resume again\n"));
+  // A solver whose state after the cycle the run resumes after is gone.
+  const Exit solver = run_program({CHAIN_SOLVER_BINARY, tree.project(1).string(), "4", "4", "4"}, tree.run());
+  EXPECT_EQ(solver.status, 1);
+  EXPECT_EQ(solver.err, "chain_solver: " + tree.project(1).string() + " cannot resume after cycle 1: " +
+                            tree.project(1).string() + "/state-1.txt does not hold this solver's state; the run needs "
+                            "every solver's state after that cycle: stop lockstep, then resume after a cycle whose "
+                            "state every solver kept (lockstepctl resume --after-cycle C RUN_DIR)\n");
   // A driver started all the same asks main for its cycle 4, the run's 5.
   hand_out(tree.project(0), handshake::stage_record(4, 1, 1));
   const Exit agent = run_program(testing::agent(tree.project(0), {}, "true"), tree.run());

@@ -69,8 +69,8 @@ void save_state(const std::string& directory, long cycle, long steps, const chai
   std::rename((path + ".tmp").c_str(), path.c_str());
 }
 
-long load_state(const std::string& directory, long cycle, chain::Rk4Block& block) {
-  const std::string path = directory + "/state-" + std::to_string(cycle) + ".txt";
+long load_state(lockstep::project::Endpoint& endpoint, long cycle, chain::Rk4Block& block) {
+  const std::string path = endpoint.directory() + "/state-" + std::to_string(cycle) + ".txt";
   std::ifstream in(path);
   long steps = 0;
   std::vector<double> u(block.size()), v(block.size());
@@ -78,8 +78,7 @@ long load_state(const std::string& directory, long cycle, chain::Rk4Block& block
   for (double& value : u) in >> value;
   for (double& value : v) in >> value;
   if (!in) {
-    std::cerr << "chain_solver: the run resumes after cycle " << cycle << ", but " << path
-              << " does not hold this solver's state after it\n";
+    std::cerr << "chain_solver: " << endpoint.cannot_resume(path + " does not hold this solver's state") << "\n";
     std::exit(1);
   }
   block.restore(u, v);
@@ -114,7 +113,7 @@ int main(int argc, char** argv) {
   chain::Rk4Block block(first, count);
   long steps = 0;
   const std::optional<std::int32_t> resumed = endpoint->resumes_after();
-  if (resumed) steps = load_state(directory, *resumed, block);
+  if (resumed) steps = load_state(*endpoint, *resumed, block);
   std::ofstream csv(directory + "/chain.csv", resumed ? std::ios::app : std::ios::trunc);
   if (!resumed) {
     csv << "cycle,time,energy";

@@ -8,7 +8,6 @@
 ! checkpoint; in a run resumed after cycle C it starts from DIR/state-C.txt.
 program chain_solver_fortran
   use lockstep_project
-  use, intrinsic :: iso_fortran_env, only: error_unit
   implicit none
   integer, parameter :: dp = kind(1.0d0), masses = 12
   real(dp), parameter :: stiffness = 4.0_dp, time_step = 0.1_dp
@@ -104,9 +103,8 @@ contains
     open (newunit=unit, file=trim(state_path(after)), status='old', action='read', iostat=status)
     if (status == 0) read (unit, *, iostat=status) steps, u, v
     if (status /= 0) then
-      write (error_unit, '(a, i0, 3a)') 'chain_solver_fortran: the run resumes after cycle ', after, ', but ', &
-        trim(state_path(after)), ' does not hold this solver''s state after it'
-      error stop 1
+      status = project%cannot_resume(trim(state_path(after)) // ' does not hold this solver''s state')
+      error stop project%error()
     end if
     close (unit)
     stage_u = u

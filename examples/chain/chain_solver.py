@@ -84,8 +84,8 @@ def save_state(directory, cycle, steps, block):
     os.replace(path + ".tmp", path)
 
 
-def load_state(directory, cycle, block):
-    path = os.path.join(directory, f"state-{cycle}.txt")
+def load_state(project, cycle, block):
+    path = os.path.join(project.directory, f"state-{cycle}.txt")
     try:
         with open(path) as state:
             numbers = state.read().split()
@@ -94,7 +94,7 @@ def load_state(directory, cycle, block):
         values = []
     n = len(block.u)
     if len(values) != 2 * n:
-        sys.exit(f"chain_solver.py: the run resumes after cycle {cycle}, but {path} does not hold this solver's state after it")
+        project.cannot_resume(f"{path} does not hold this solver's state")
     block.u, block.v = values[:n], values[n:]
     block.stage_u, block.stage_v = list(block.u), list(block.v)
     return steps
@@ -109,7 +109,7 @@ def main():
     steps = 0
     with lockstep.Project(directory) as project:
         if project.resumes_after is not None:
-            steps = load_state(directory, project.resumes_after, block)
+            steps = load_state(project, project.resumes_after, block)
         csv = open(os.path.join(directory, "chain.csv"), "w" if project.resumes_after is None else "a")
         if project.resumes_after is None:
             names = [f"u{first + j}" for j in range(count)] + [f"v{first + j}" for j in range(count)]

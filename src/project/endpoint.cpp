@@ -198,6 +198,14 @@ Request Endpoint::from_driver(Request request) const {
   return request;
 }
 
+const std::string& Endpoint::cannot_resume(const std::string& reason) {
+  const std::string after = std::to_string(resumes_after_.value_or(0));
+  error_ = directory_ + " cannot resume after cycle " + after + ": " + reason +
+           "; the run needs every solver's state after that cycle: stop lockstep, then resume after a cycle whose "
+           "state every solver kept (lockstepctl resume --after-cycle C RUN_DIR)";
+  return error_;
+}
+
 Request Endpoint::start() const {
   if (resumes_after_) return Request{*resumes_after_, -1, 5};
   return Request{0, 0, 0};

@@ -166,6 +166,9 @@ class LOCKSTEP_API Endpoint {
   // restart after this cycle, with its fields as they stand now. False with
   // the reason in error().
   bool checkpoint();
+  // For a solver that cannot load its state after resumes_after(): sets
+  // error() to what is wrong (`reason`) and what to do, and returns it.
+  const std::string& cannot_resume(const std::string& reason);
 
   // The reason for the last kError, kOutOfOrder, kOverrun or failed lock.
   const std::string& error() const { return error_; }

@@ -61,6 +61,12 @@ int lockstep_project_resumes_after(const lockstep_project* project) {
   return project->endpoint->resumes_after().value_or(0);
 }
 
+int lockstep_project_cannot_resume(lockstep_project* project, const char* reason) {
+  project->field_error.clear();
+  project->endpoint->cannot_resume(reason == nullptr ? "" : reason);
+  return LOCKSTEP_PROJECT_ERROR;
+}
+
 const char* lockstep_project_error(const lockstep_project* project) {
   return (project->field_error.empty() ? project->endpoint->error() : project->field_error).c_str();
 }

@@ -40,6 +40,7 @@ module lockstep_project
     procedure :: done => project_done
     procedure :: checkpoint => project_checkpoint
     procedure :: resumes_after => project_resumes_after
+    procedure :: cannot_resume => project_cannot_resume
     procedure :: error => project_error
     ! Fields: real(8), integer(4) and integer(8) arrays of rank 1 and 2,
     ! stored in Fortran's order, so that Python sees a(i, j) as a[i-1, j-1].
@@ -98,6 +99,11 @@ module lockstep_project
     integer(c_int) function c_resumes_after(project) bind(c, name='lockstep_project_resumes_after')
       import :: c_ptr, c_int
       type(c_ptr), value :: project
+    end function
+    integer(c_int) function c_cannot_resume(project, reason) bind(c, name='lockstep_project_cannot_resume')
+      import :: c_ptr, c_int, c_char
+      type(c_ptr), value :: project
+      character(kind=c_char), intent(in) :: reason(*)
     end function
     type(c_ptr) function c_error(project) bind(c, name='lockstep_project_error')
       import :: c_ptr
@@ -243,6 +249,15 @@ contains
     class(lockstep_project_t), intent(in) :: project
     cycle = 0
     if (c_associated(project%handle)) cycle = c_resumes_after(project%handle)
+  end function
+
+  ! For a solver that cannot load its state after resumes_after(): the
+  ! error then says what is wrong and what to do.
+  integer function project_cannot_resume(project, reason) result(status)
+    class(lockstep_project_t), intent(inout) :: project
+    character(len=*), intent(in) :: reason
+    status = LOCKSTEP_PROJECT_ERROR
+    if (c_associated(project%handle)) status = c_cannot_resume(project%handle, trim(reason) // c_null_char)
   end function
 
   ! The reason for the last error.

@@ -49,6 +49,10 @@ LOCKSTEP_API int lockstep_project_checkpoint(lockstep_project* project);
  * that starts at its beginning. */
 LOCKSTEP_API int lockstep_project_resumes_after(const lockstep_project* project);
 
+/* For a solver that cannot load its state after that cycle: makes the
+ * error say what is wrong (`reason`) and what to do. Returns -1. */
+LOCKSTEP_API int lockstep_project_cannot_resume(lockstep_project* project, const char* reason);
+
 /* The reason for the last error, zero-terminated. */
 LOCKSTEP_API const char* lockstep_project_error(const lockstep_project* project);
 

@@ -117,6 +117,14 @@ def test_a_resumed_run_speaks_the_runs_cycle_numbers(tree):
             f" cycle 3, reported done, is what {tree}/main serves now"
         )
 
+        with pytest.raises(lockstep.Error) as lost:
+            main.cannot_resume("state-2.h5 is missing")
+        assert str(lost.value) == (
+            f"{tree}/main cannot resume after cycle 2: state-2.h5 is missing; the run needs every solver's state"
+            " after that cycle: stop lockstep, then resume after a cycle whose state every solver kept (lockstepctl"
+            " resume --after-cycle C RUN_DIR)"
+        )
+
     (tree / "run" / "analysis_settings.dat").write_text("time_step=\n2\ncycle_num=\n5\nnum_subprojects=\n1\n")
     with pytest.raises(lockstep.Error) as changed:
         lockstep.Interaction(["1", "1", "1", "1"])

@@ -159,6 +159,8 @@ class Project {
 
   std::optional<std::int32_t> resumes_after() const { return endpoint_->resumes_after(); }
 
+  void cannot_resume(const std::string& reason) { throw_error(endpoint_->cannot_resume(reason)); }
+
   // "done", or "overrun" when the driver no longer waits for the request.
   std::string done() {
     switch (endpoint_->report_done()) {
@@ -255,6 +257,7 @@ PYBIND11_MODULE(_lockstep, module) {
       .def("wait", &Project::wait, py::arg("timeout") = py::none())
       .def("done", &Project::done)
       .def("checkpoint", &Project::checkpoint)
+      .def("cannot_resume", &Project::cannot_resume, py::arg("reason"))
       .def_property_readonly("resumes_after", &Project::resumes_after)
       .def("put", &Project::put, py::arg("name"), py::arg("values"))
       .def("get", &Project::get, py::arg("name"), py::arg("accept"))

@@ -171,6 +171,11 @@ class Project:
         Error anywhere else."""
         self._open().checkpoint()
 
+    def cannot_resume(self, reason: str) -> None:
+        """For a solver that cannot load its state after ``resumes_after``:
+        raises Error saying what is wrong (``reason``) and what to do."""
+        self._open().cannot_resume(reason)
+
     def put(self, name: str, values: Any) -> None:
         """Publishes the output ``name``, stamped with the request being
         served, or as a starting output before the first request."""
