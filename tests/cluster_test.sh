@@ -102,17 +102,21 @@ daemons+=($!)
 watch_daemon $! "$work/slurmd.log"
 wait_until "sinfo -h -o %T | grep -qx idle"
 
-# The run tree of the script: the main project served by the solver, sub 1
-# by the agent, ten cycles of two time steps.
-case_dir="$work/case"
-mkdir -p "$case_dir/run" "$case_dir/main" "$case_dir/sub1"
-printf 'time_step=\n2\ncycle_num=\n10\nnum_subprojects=\n1\n' > "$case_dir/run/analysis_settings.dat"
-for project in main sub1; do
-  printf 'exchange.sh\n' > "$case_dir/$project/CalculateInteraction.dat"
-  printf '#!/bin/sh\n' > "$case_dir/$project/exchange.sh"
-  chmod +x "$case_dir/$project/exchange.sh"
-  printf '0\n' > "$case_dir/$project/go2.dat"
-done
+# A run tree of main and sub1, ten cycles of two time steps, in $case_dir.
+lay_out_case() {
+  case_dir=$1
+  mkdir -p "$case_dir/run" "$case_dir/main" "$case_dir/sub1"
+  printf 'time_step=\n2\ncycle_num=\n10\nnum_subprojects=\n1\n' > "$case_dir/run/analysis_settings.dat"
+  for project in main sub1; do
+    printf 'exchange.sh\n' > "$case_dir/$project/CalculateInteraction.dat"
+    printf '#!/bin/sh\n' > "$case_dir/$project/exchange.sh"
+    chmod +x "$case_dir/$project/exchange.sh"
+    printf '0\n' > "$case_dir/$project/go2.dat"
+  done
+}
+
+# The script's: the main project served by the solver, sub 1 by the agent.
+lay_out_case "$work/case"
 printf '#!/bin/sh\necho "$1 $2 $3" >> "$LOCKSTEP_PROJECT_DIR/agent.log"\n' > "$case_dir/sub1/step.sh"
 chmod +x "$case_dir/sub1/step.sh"
 
@@ -151,20 +155,15 @@ echo "cluster: job $job served 2 projects x 50 requests, each once; status: the 
 # state at each cycle end; the first job is cancelled once both have saved
 # cycle 3, the second resumes.
 doc_script "resumable batch script" "$work/resumable.sh"
-case_dir="$work/long"
-mkdir -p "$case_dir/run" "$case_dir/main" "$case_dir/sub1"
-printf 'time_step=\n2\ncycle_num=\n10\nnum_subprojects=\n1\n' > "$case_dir/run/analysis_settings.dat"
+lay_out_case "$work/long"
 for project in main sub1; do
-  printf 'exchange.sh\n' > "$case_dir/$project/CalculateInteraction.dat"
-  printf '#!/bin/sh\n' > "$case_dir/$project/exchange.sh"
-  printf '0\n' > "$case_dir/$project/go2.dat"
   cat > "$case_dir/$project/step.sh" <<'STEP'
 #!/bin/sh
 sleep 0.05
 echo "$1 $2 $3 ${LOCKSTEP_RESUMES_AFTER:-}" >> "$LOCKSTEP_PROJECT_DIR/agent.log"
 if [ "$3" = 5 ]; then echo "$1" > "$LOCKSTEP_PROJECT_DIR/state-$1"; fi
 STEP
-  chmod +x "$case_dir/$project/exchange.sh" "$case_dir/$project/step.sh"
+  chmod +x "$case_dir/$project/step.sh"
 done
 first=$(cd "$case_dir" && sbatch --parsable --export=ALL "$work/resumable.sh")
 wait_until "[ -d '$case_dir/main/checkpoints/3' ] && [ -d '$case_dir/sub1/checkpoints/3' ]" \

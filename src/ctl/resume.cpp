@@ -77,24 +77,6 @@ std::string read_whole(const fs::path& path, std::string& error) {
   return text;
 }
 
-// Replaces `path` by `content` through a temporary file renamed over it.
-bool replace_file(const fs::path& path, const std::string& content, std::string& error) {
-  const std::string temporary = (path.parent_path() / ("." + path.filename().string() + ".resume.tmp")).string();
-  records::PosixFileSystem posix;
-  records::Descriptor file(posix, posix.open(temporary, records::OpenMode::kReplace));
-  int os_error = file.valid() ? 0 : -file.get();
-  if (file.valid()) {
-    const ssize_t written = posix.write(file.get(), content.data(), content.size());
-    os_error = written < 0 ? static_cast<int>(-written) : written != static_cast<ssize_t>(content.size()) ? EIO : 0;
-    if (const int closed = file.close(); os_error == 0) os_error = -closed;
-  }
-  if (os_error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) os_error = errno;
-  if (os_error == 0) return true;
-  ::unlink(temporary.c_str());
-  error = "cannot write " + path.string() + ": " + records::os_error_text(os_error);
-  return false;
-}
-
 // "40, 80" or "none".
 std::string list_cycles(const std::vector<std::int32_t>& cycles) {
   std::string text;
@@ -311,7 +293,7 @@ int resume_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
     changes.push_back({std::string(kSettingsFile) + ": cycle_num " + std::to_string(now.cycle_num) + " -> " +
                            std::to_string(record.remaining()) + " (the cycles after cycle " + std::to_string(after) +
                            ")",
-                       [run, updated](std::string& why) { return replace_file(run / kSettingsFile, *updated, why); }});
+                       [run, updated](std::string& why) { return resume::replace_file((run / kSettingsFile).string(), *updated, why); }});
   }
 
   const std::string remaining =

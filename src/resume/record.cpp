@@ -93,26 +93,27 @@ ReadOutcome read_record(const std::string& directory, Record& record, std::strin
   return ReadOutcome::kRead;
 }
 
-bool write_record(const std::string& directory, const Record& record, std::string& error) {
-  const std::string path = directory + "/" + kRecordFile;
-  const std::string temporary = directory + "/." + kRecordFile + "." + std::to_string(::getpid()) + ".tmp";
-  const std::string text = format_record(record);
+bool replace_file(const std::string& path, const std::string& content, std::string& error) {
+  const std::size_t slash = path.rfind('/') + 1;
+  const std::string temporary =
+      path.substr(0, slash) + "." + path.substr(slash) + "." + std::to_string(::getpid()) + ".tmp";
   records::PosixFileSystem fs;
   records::Descriptor file(fs, fs.open(temporary, records::OpenMode::kReplace));
   int os_error = file.valid() ? 0 : -file.get();
   if (file.valid()) {
-    const ssize_t written = fs.write(file.get(), text.data(), text.size());
-    os_error = written < 0 ? static_cast<int>(-written) : written != static_cast<ssize_t>(text.size()) ? EIO : 0;
-    const int closed = file.close();
-    if (os_error == 0) os_error = -closed;
+    const ssize_t written = fs.write(file.get(), content.data(), content.size());
+    os_error = written < 0 ? static_cast<int>(-written) : written != static_cast<ssize_t>(content.size()) ? EIO : 0;
+    if (const int closed = file.close(); os_error == 0) os_error = -closed;
   }
   if (os_error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) os_error = errno;
-  if (os_error != 0) {
-    ::unlink(temporary.c_str());
-    error = "cannot write " + path + ": " + records::os_error_text(os_error);
-    return false;
-  }
-  return true;
+  if (os_error == 0) return true;
+  ::unlink(temporary.c_str());
+  error = "cannot write " + path + ": " + records::os_error_text(os_error);
+  return false;
+}
+
+bool write_record(const std::string& directory, const Record& record, std::string& error) {
+  return replace_file(directory + "/" + kRecordFile, format_record(record), error);
 }
 
 }  // namespace lockstep::resume

@@ -36,6 +36,10 @@ ReadOutcome read_record(const std::string& directory, Record& record, std::strin
 // Written whole or not at all: a temporary file renamed over the record.
 bool write_record(const std::string& directory, const Record& record, std::string& error);
 
+// Replaces the file at `path` by `content` the same way: a temporary file
+// beside it, renamed over it.
+bool replace_file(const std::string& path, const std::string& content, std::string& error);
+
 // The driver's cycle numbers in the run's own, and back.
 struct Offset {
   std::int32_t after_cycle = 0;
