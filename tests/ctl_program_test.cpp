@@ -215,7 +215,7 @@ TEST(LiveRunTest, AProjectThatNeverAnswersHoldsTheRunAndTheToolsSayWhy) {
   EXPECT_THAT(status.out, HasSubstr("\nlockstep: running (PID " + pid + ")\n"));
   EXPECT_THAT(status.out, HasSubstr("request: cycle 1, time step 1, stage 1\n"
                                     "position: cycle 1 of 1, time step 1 of 1, stage 1 of 4; 0 of 5 stages done\n"));
-  const std::string held_row = "main    yes\nsub1    no      ";
+  const std::string held_row = "\nPROJECT DONE    HOLDING THE RUN FOR\nmain    yes\nsub1    no      ";
   const std::size_t row = status.out.find(held_row);
   ASSERT_NE(row, std::string::npos) << status.out;
   const double held_for = std::strtod(status.out.c_str() + row + held_row.size(), nullptr);

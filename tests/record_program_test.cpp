@@ -168,5 +168,25 @@ TEST(RecordAloneTest, WithoutADescriptorToWatchWithItEndsAtOnce) {
   EXPECT_EQ(exit.err, "lockstepctl record: cannot watch the project directories: Too many open files\n");
 }
 
+// A line of standard error longer than a recorded line may be is recorded
+// in pieces, none of it lost.
+TEST(RecordAloneTest, ALongStandardErrorLineIsRecordedWhole) {
+  RunTree tree;
+  tree.projects(0);
+  tree.settings(1, 1, 0);
+  const std::string line(10000, 'x');
+  const Exit exit = run_program({LOCKSTEPCTL_BINARY, "record", "--output", "../run.rec", "--capture-stderr", "--", "sh",
+                                 "-c", "printf '%s\\n' " + line + " >&2"},
+                                tree.run());
+  EXPECT_EQ(exit.status, 0);
+  EXPECT_EQ(exit.err, line + "\n");
+  const Exit report = run_program({LOCKSTEPCTL_BINARY, "report", "../run.rec", "--json"}, tree.run());
+  std::string recorded;
+  EXPECT_EQ(report.status, 0) << report.err;
+  const json summary = json::parse(report.out);
+  for (const json& failure : summary["launch_failures"]) recorded += failure["text"].get<std::string>();
+  EXPECT_EQ(recorded, line);
+}
+
 }  // namespace
 }  // namespace lockstep::testing

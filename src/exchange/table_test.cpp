@@ -38,6 +38,13 @@ TEST(ExchangeTableTest, LinesCommentsSlicesAndEveryErrorWithItsLine) {
       "exchange.dat:10: \"sub101\" is no project: write main, sub1, sub2, ...",
   };
   EXPECT_EQ(table.errors, errors);
+
+  // A table that is not there says so, and where it is looked for.
+  Table missing;
+  std::string error;
+  EXPECT_FALSE(read_table("no-such-exchange.dat", missing, error));
+  EXPECT_EQ(error, "cannot read no-such-exchange.dat: no such file; lockstep-exchange takes its table from the "
+                   "driver's working directory");
 }
 
 }  // namespace
