@@ -77,6 +77,8 @@ std::string read_whole(const fs::path& path, std::string& error) {
   return text;
 }
 
+std::string project_name(int index) { return index == 0 ? std::string("main") : "sub" + std::to_string(index); }
+
 // "40, 80" or "none".
 std::string list_cycles(const std::vector<std::int32_t>& cycles) {
   std::string text;
@@ -144,6 +146,87 @@ class ResumeLock {
   records::PosixFileSystem posix_;
   records::Descriptor file_;
 };
+
+// The cycle every project can restart after: `wanted`, or the newest all
+// recorded. Nothing, with the reason in `error`, when there is none.
+std::optional<std::int32_t> choose_cycle(const fs::path& run, const Settings& original,
+                                         const std::optional<int>& wanted, std::string& error) {
+  std::vector<std::vector<std::int32_t>> cycles;
+  std::vector<std::int32_t> common;
+  for (int index = 0; index <= original.num_subprojects; ++index) {
+    cycles.push_back(resume::recorded_cycles((run / config::project_directory(index)).lexically_normal().string()));
+    std::vector<std::int32_t> both;
+    const std::vector<std::int32_t>& kept = cycles.back();
+    if (index == 0) both = kept;
+    std::set_intersection(common.begin(), common.end(), kept.begin(), kept.end(), std::back_inserter(both));
+    common = std::move(both);
+  }
+  if (wanted) {
+    for (int index = 0; index <= original.num_subprojects; ++index) {
+      const auto& kept = cycles[static_cast<std::size_t>(index)];
+      if (!std::binary_search(kept.begin(), kept.end(), *wanted)) {
+        error = project_name(index) + " recorded no checkpoint after cycle " + std::to_string(*wanted) +
+                " (it recorded: " + list_cycles(kept) + "); every project recorded: " + list_cycles(common);
+        return std::nullopt;
+      }
+    }
+    return *wanted;
+  }
+  if (common.empty()) {
+    std::string each;
+    for (int index = 0; index <= original.num_subprojects; ++index) {
+      each += "; " + project_name(index) + ": " + list_cycles(cycles[static_cast<std::size_t>(index)]);
+    }
+    error = "no cycle was recorded as a checkpoint by every project" + each +
+            ". A solver records one with checkpoint() in a cycle-end request, once it has saved its state; the "
+            "agent with --checkpoint";
+    return std::nullopt;
+  }
+  return common.back();
+}
+
+// Every change that prepares the tree to go on after `record.after_cycle`,
+// in the order they are made; nothing, with the reason in `error`, when the
+// settings hold no cycle_num to change.
+std::optional<std::vector<Change>> plan_changes(const fs::path& run, const resume::Record& record,
+                                                const Settings& now, bool resumed_before, std::string& error) {
+  std::vector<Change> changes;
+  const std::int32_t after = record.after_cycle;
+  for (int index = 0; index <= record.num_subprojects; ++index) {
+    const fs::path directory = (run / config::project_directory(index)).lexically_normal();
+    for (Change& change : resume::restore_fields(directory.string(), project_name(index), after)) {
+      changes.push_back(std::move(change));
+    }
+    go_file_changes(directory, project_name(index), changes);
+    changes.push_back({project_name(index) + ": " + resume::kRecordFile + " written (the run resumes after cycle " +
+                           std::to_string(after) + ")",
+                       [directory, record](std::string& why) { return resume::write_record(directory, record, why); }});
+  }
+  if (!resumed_before) {
+    changes.push_back({std::string(kSettingsFile) + " kept as " + kBackupFile, [run](std::string& why) {
+                         std::error_code failure;
+                         fs::copy_file(run / kSettingsFile, run / kBackupFile, failure);
+                         if (failure) why = "cannot copy " + (run / kSettingsFile).string() + ": " + failure.message();
+                         return !failure;
+                       }});
+  }
+  changes.push_back({std::string(resume::kRecordFile) + " written in the run directory",
+                     [run, record](std::string& why) { return resume::write_record(run.string(), record, why); }});
+  const std::string settings_text = read_whole(run / kSettingsFile, error);
+  const std::optional<std::string> updated = with_cycle_num(settings_text, record.remaining());
+  if (!updated) {
+    if (error.empty()) error = "no cycle_num= value to change in " + (run / kSettingsFile).string();
+    return std::nullopt;
+  }
+  if (*updated != settings_text) {
+    const std::string path = (run / kSettingsFile).string();
+    changes.push_back({std::string(kSettingsFile) + ": cycle_num " + std::to_string(now.cycle_num) + " -> " +
+                           std::to_string(record.remaining()) + " (the cycles after cycle " + std::to_string(after) +
+                           ")",
+                       [path, updated](std::string& why) { return resume::replace_file(path, *updated, why); }});
+  }
+  return changes;
+}
 
 struct Options {
   std::string run_directory = ".";
@@ -218,93 +301,30 @@ int resume_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
                          Settings{previous.time_step, previous.remaining(), previous.num_subprojects}.text() +
                          "): put back what lockstepctl resume wrote, or start the run afresh from " + kBackupFile);
   }
-  if (original.num_subprojects < 0 || original.num_subprojects > 100 || original.cycle_num < 1) {
+  if (original.num_subprojects < 0 || original.num_subprojects > config::kMaxSubprojects || original.cycle_num < 1) {
     return fail(err, shown + "/" + (resumed_before ? kBackupFile : kSettingsFile) + " holds no run to resume (" +
                          original.text() + "); lockstepctl check names what is wrong");
   }
 
-  // The cycle every project can restart after.
-  std::vector<std::vector<std::int32_t>> cycles;
-  std::vector<std::int32_t> common;
-  for (int index = 0; index <= original.num_subprojects; ++index) {
-    cycles.push_back(resume::recorded_cycles((run / config::project_directory(index)).lexically_normal().string()));
-    std::vector<std::int32_t> both;
-    const std::vector<std::int32_t>& kept = cycles.back();
-    if (index == 0) both = kept;
-    std::set_intersection(common.begin(), common.end(), kept.begin(), kept.end(), std::back_inserter(both));
-    common = std::move(both);
-  }
-  const auto name = [](int index) { return index == 0 ? std::string("main") : "sub" + std::to_string(index); };
-  std::int32_t after = 0;
-  if (options.after_cycle) {
-    after = *options.after_cycle;
-    for (int index = 0; index <= original.num_subprojects; ++index) {
-      const auto& kept = cycles[static_cast<std::size_t>(index)];
-      if (!std::binary_search(kept.begin(), kept.end(), after)) {
-        return fail(err, name(index) + " recorded no checkpoint after cycle " + std::to_string(after) +
-                             " (it recorded: " + list_cycles(kept) + "); every project recorded: " +
-                             list_cycles(common));
-      }
-    }
-  } else {
-    if (common.empty()) {
-      std::string each;
-      for (int index = 0; index <= original.num_subprojects; ++index) {
-        each += "; " + name(index) + ": " + list_cycles(cycles[static_cast<std::size_t>(index)]);
-      }
-      return fail(err, "no cycle was recorded as a checkpoint by every project" + each +
-                           ". A solver records one with checkpoint() in a cycle-end request, once it has saved its "
-                           "state; the agent with --checkpoint");
-    }
-    after = common.back();
-  }
-  if (after >= original.cycle_num) {
-    return fail(err, "cycle " + std::to_string(after) + " is the run's last (cycle_num=" +
+  const std::optional<std::int32_t> after = choose_cycle(run, original, options.after_cycle, error);
+  if (!after) return fail(err, error);
+  if (*after >= original.cycle_num) {
+    return fail(err, "cycle " + std::to_string(*after) + " is the run's last (cycle_num=" +
                          std::to_string(original.cycle_num) + "): nothing is left to run");
   }
-
-  // Every change, listed before any is made.
-  std::vector<Change> changes;
-  const resume::Record record{after, original.time_step, original.cycle_num, original.num_subprojects};
-  for (int index = 0; index <= original.num_subprojects; ++index) {
-    const fs::path directory = (run / config::project_directory(index)).lexically_normal();
-    for (Change& change : resume::restore_fields(directory.string(), name(index), after)) {
-      changes.push_back(std::move(change));
-    }
-    go_file_changes(directory, name(index), changes);
-    changes.push_back({name(index) + ": " + resume::kRecordFile + " written (the run resumes after cycle " +
-                           std::to_string(after) + ")",
-                       [directory, record](std::string& why) { return resume::write_record(directory, record, why); }});
-  }
-  if (!resumed_before) {
-    changes.push_back({std::string(kSettingsFile) + " kept as " + kBackupFile, [run](std::string& why) {
-                         std::error_code failure;
-                         fs::copy_file(run / kSettingsFile, run / kBackupFile, failure);
-                         if (failure) why = "cannot copy " + (run / kSettingsFile).string() + ": " + failure.message();
-                         return !failure;
-                       }});
-  }
-  changes.push_back({std::string(resume::kRecordFile) + " written in the run directory",
-                     [run, record](std::string& why) { return resume::write_record(run.string(), record, why); }});
-  const std::string settings_text = read_whole(run / kSettingsFile, error);
-  const std::optional<std::string> updated = with_cycle_num(settings_text, record.remaining());
-  if (!updated) return fail(err, error.empty() ? "no cycle_num= value to change in " + shown : error);
-  if (*updated != settings_text) {
-    changes.push_back({std::string(kSettingsFile) + ": cycle_num " + std::to_string(now.cycle_num) + " -> " +
-                           std::to_string(record.remaining()) + " (the cycles after cycle " + std::to_string(after) +
-                           ")",
-                       [run, updated](std::string& why) { return resume::replace_file((run / kSettingsFile).string(), *updated, why); }});
-  }
+  const resume::Record record{*after, original.time_step, original.cycle_num, original.num_subprojects};
+  const std::optional<std::vector<Change>> changes = plan_changes(run, record, now, resumed_before, error);
+  if (!changes) return fail(err, error);
 
   const std::string remaining =
       record.remaining() == 1
-          ? "the cycle that remains as cycle 1, which the projects see as cycle " + std::to_string(after + 1)
+          ? "the cycle that remains as cycle 1, which the projects see as cycle " + std::to_string(*after + 1)
           : "the " + std::to_string(record.remaining()) + " cycles that remain as cycles 1 to " +
                 std::to_string(record.remaining()) + ", which the projects see as cycles " +
-                std::to_string(after + 1) + " to " + std::to_string(original.cycle_num);
-  out << (options.dry_run ? "would resume " : "resuming ") << shown << " after cycle " << after << " of "
+                std::to_string(*after + 1) + " to " + std::to_string(original.cycle_num);
+  out << (options.dry_run ? "would resume " : "resuming ") << shown << " after cycle " << *after << " of "
       << original.cycle_num << ": lockstep runs " << remaining << "\n";
-  for (const Change& change : changes) {
+  for (const Change& change : *changes) {
     out << "  " << text::printable(change.text) << "\n";
     if (options.dry_run) continue;
     if (!change.make(error)) {
