@@ -47,11 +47,11 @@ bool link_or_copy(const std::string& from, const std::string& to, std::string& e
   return copy_file(from, to, error);
 }
 
-bool remove_tree(const std::string& path, std::string& error) {
-  std::error_code failure;
-  fs::remove_all(path, failure);
-  if (failure) error = "cannot remove " + path + ": " + failure.message();
-  return !failure;
+// A directory being built, or the older record it replaced; a failure
+// shows at the next step that needs the name.
+void remove_tree(const std::string& path) {
+  std::error_code ignored;
+  fs::remove_all(path, ignored);
 }
 
 }  // namespace
@@ -96,10 +96,8 @@ bool record_checkpoint(const std::string& directory, std::int32_t cycle, std::st
   const std::string checkpoints = directory + "/" + kCheckpointDirectory;
   const std::string final_path = checkpoints + "/" + std::to_string(cycle);
   const std::string building = checkpoints + "/." + std::to_string(cycle) + "." + std::to_string(::getpid()) + ".tmp";
-  // What a killed checkpoint of this PID left goes first; should it fail,
-  // creating the directory anew says why.
-  std::string ignored;
-  remove_tree(building, ignored);
+  // What a killed checkpoint of this PID left goes first.
+  remove_tree(building);
   if (!make_directory(checkpoints, error) || !make_directory(building, error) ||
       !make_directory(building + "/fields", error)) {
     return false;
@@ -119,7 +117,7 @@ bool record_checkpoint(const std::string& directory, std::int32_t cycle, std::st
     error = "cannot rename " + building + " to " + final_path + ": " + records::os_error_text(errno);
     copied = false;
   }
-  if (!copied || exchanged) remove_tree(building, ignored);
+  if (!copied || exchanged) remove_tree(building);
   return copied;
 }
 
