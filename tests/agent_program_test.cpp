@@ -170,14 +170,16 @@ TEST_F(AgentAloneTest, OneAgentPerDirectoryAndNoneOutlivedByItsCommand) {
   ASSERT_TRUE(wait_until([&] { return gone(command); }));
   Background next(agent(project(), {}, kLogCommand), dir.path(), dir.path() / "err");
   EXPECT_TRUE(wait_until([&] { return read_file(project() / "go2.dat") == "0\n"; }));
+  hand_out(stage_record(1, 1, 2));
+  EXPECT_TRUE(wait_until([&] { return read_file(project() / "go2.dat") == "0\n"; }));
   hand_out(stage_record(1, 1, 1));
   EXPECT_EQ(next.wait(kStall), 3);
   EXPECT_EQ(read_file(dir.path() / "err"),
             "lockstepctl agent: the driver asks for cycle 1, time step 1, stage 1, which does not come after cycle 1, "
-            "time step 1, stage 1, the last request served here: was the driver restarted?\n"
-            "lockstepctl agent: served 1 request, 0 failed\n");
+            "time step 1, stage 2, the last request served here: was the driver restarted?\n"
+            "lockstepctl agent: served 2 requests, 0 failed\n");
   EXPECT_EQ(read_file(project() / "go2.dat"), reset_record());
-  EXPECT_EQ(read_file(project() / "agent.log"), "1 1 1\n");
+  EXPECT_EQ(read_file(project() / "agent.log"), "1 1 1\n1 1 2\n");
 }
 
 // Out of descriptors, the agent says so within seconds and keeps trying.

@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
-# A private one-node Slurm cluster in a temporary directory runs the batch
-# script of docs/cluster.md as written there: the C solver of
-# docs/protocol.md, an agent and the driver, each request served once, and
-# lockstepctl status, run from outside the job, names the run's state. Then
-# its resumable script: a first job cancelled part-way, a second that
-# resumes and completes the run.
+# A private two-node Slurm cluster in a temporary directory runs the batch
+# scripts of docs/cluster.md as written there. Node n1 sees the run trees on
+# the local disk; node n2's slurmd runs in a mount namespace of its own where
+# the same path is an sshfs view (auto_cache, from an sshd on 127.0.0.1).
+# The one-node script: the C solver of docs/protocol.md, an agent and the
+# driver, each request served once, and lockstepctl status, run from outside
+# the job, names the run's state. The two-node script: driver and main on
+# n1, sub projects on n2, checked by where each step ran. Then the resumable
+# script: a first job cancelled part-way, a second that resumes and
+# completes the run.
 # Every daemon started here is stopped by its PID, also when the test fails.
 #   cluster_test.sh CLUSTER_DOC PROTOCOL_DOC PREFIX   (lockstep installed in PREFIX)
 # LOCKSTEP_SANITIZE_FLAGS: the sanitizer flags the library was built with.
@@ -21,19 +25,33 @@ for tool in munged mungekey slurmctld slurmd sbatch squeue sinfo; do
     exit 77
   fi
 done
+. "$(dirname "$0")/support/wait_until.sh"
+. "$(dirname "$0")/support/doc_files.sh"
+. "$(dirname "$0")/support/sshfs.sh"
+missing=$(sshfs_missing)
+if [ -n "$missing" ]; then
+  echo "skipped: $missing is missing (apt-get install openssh-server openssh-client sshfs)"
+  exit 77
+fi
+if [ "$(id -u)" -ne 0 ]; then
+  echo "skipped: a second node in a mount namespace of its own needs root"
+  exit 77
+fi
 
 work=$(mktemp -d)
 chmod 755 "$work"
 daemons=()
+mounts=()
 finish() {
   local status=$?
+  for view in "${mounts[@]}"; do umount -l "$view" 2>/dev/null || true; done
   for pid in "${daemons[@]}"; do kill "$pid" 2>/dev/null || true; done
   for pid in "${daemons[@]}"; do
     for _ in $(seq 100); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
     kill -9 "$pid" 2>/dev/null || true
   done
   if [ "$status" -ne 0 ]; then
-    for log in "$work"/*.log "$work"/case/*.out; do
+    for log in "$work"/*.log "$work"/cases/*/*.out "$work"/cases/*/*/*.log; do
       [ -f "$log" ] && { echo "== $log"; tail -n 30 "$log"; }
     done
   fi
@@ -42,13 +60,19 @@ finish() {
 }
 trap finish EXIT
 
-. "$(dirname "$0")/support/wait_until.sh"
-. "$(dirname "$0")/support/doc_files.sh"
-
 # The solver, built as docs/protocol.md builds it.
 doc_files "$protocol" '### C,' "$work/bin"
 (cd "$work/bin" && PKG_CONFIG_PATH="$prefix/lib/pkgconfig" CFLAGS="${LOCKSTEP_SANITIZE_FLAGS:-}" \
   LDFLAGS="${LOCKSTEP_SANITIZE_FLAGS:-}" make >"$work/build.log" 2>&1)
+# Started as "solver DIR ...", it notes in DIR/node where it runs and what
+# file system DIR is on there.
+mv "$work/bin/solver" "$work/bin/solver.bin"
+printf '#!/bin/sh
+echo "${SLURMD_NODENAME:-} $(findmnt -n -o FSTYPE -T "$1")" > "$1/node"
+exec "$(dirname "$0")/solver.bin" "$@"
+' \
+  > "$work/bin/solver"
+chmod +x "$work/bin/solver"
 PATH="$work/bin:$PATH"
 
 free_port() {
@@ -64,6 +88,12 @@ daemons+=($!)
 watch_daemon $! "$work/munged.log"
 wait_until "[ -S '$work/munge.socket' ]"
 
+# The run trees, seen by n2 through sshfs at the same path.
+cases=$work/cases
+mkdir -p "$cases"
+start_sshd "$work"
+mount_sshfs "$work" "$cases" "$work/view" auto_cache
+
 host=$(hostname -s)
 mkdir -p "$work/state" "$work/spool"
 export SLURM_CONF="$work/slurm.conf"
@@ -78,11 +108,11 @@ AuthType=auth/munge
 AuthInfo=socket=$work/munge.socket
 CredType=cred/munge
 StateSaveLocation=$work/state
-SlurmdSpoolDir=$work/spool
+SlurmdSpoolDir=$work/spool/%n
 SlurmctldPidFile=$work/slurmctld.pid
-SlurmdPidFile=$work/slurmd.pid
+SlurmdPidFile=$work/slurmd-%n.pid
 SlurmctldLogFile=$work/slurmctld.log
-SlurmdLogFile=$work/slurmd.log
+SlurmdLogFile=$work/slurmd-%n.log
 SlurmdParameters=config_overrides
 ProctrackType=proctrack/pgid
 TaskPlugin=task/none
@@ -91,23 +121,32 @@ MpiDefault=none
 JobAcctGatherType=jobacct_gather/none
 AccountingStorageType=accounting_storage/none
 ReturnToService=2
-NodeName=$host CPUs=8 State=UNKNOWN
-PartitionName=test Nodes=$host Default=YES MaxTime=INFINITE State=UP
+NodeName=n1 NodeHostname=$host Port=$(free_port) CPUs=8 State=UNKNOWN
+NodeName=n2 NodeHostname=$host Port=$(free_port) CPUs=8 State=UNKNOWN
+PartitionName=test Nodes=n1,n2 Default=YES MaxTime=INFINITE State=UP
 CONF
 slurmctld -D -i -f "$SLURM_CONF" >>"$work/slurmctld.log" 2>&1 &
 daemons+=($!)
 watch_daemon $! "$work/slurmctld.log"
-slurmd -D -f "$SLURM_CONF" >>"$work/slurmd.log" 2>&1 &
+slurmd -D -N n1 -f "$SLURM_CONF" >>"$work/slurmd-n1.log" 2>&1 &
 daemons+=($!)
-watch_daemon $! "$work/slurmd.log"
-wait_until "sinfo -h -o %T | grep -qx idle"
+watch_daemon $! "$work/slurmd-n1.log"
+# unshare execs the shell, which execs slurmd: one PID throughout.
+unshare --mount --propagation private sh -c 'mount --bind "$1" "$2" && exec slurmd -D -N n2 -f "$3"' \
+  sh "$work/view" "$cases" "$SLURM_CONF" >>"$work/slurmd-n2.log" 2>&1 &
+daemons+=($!)
+watch_daemon $! "$work/slurmd-n2.log"
+wait_until "[ \"\$(sinfo -h -N -o '%N %T' | sort | tr '\n' ' ')\" = 'n1 idle n2 idle ' ]"
 
-# A run tree of main and sub1, ten cycles of two time steps, in $case_dir.
+# A run tree of main and SUBS sub projects (1 by default), ten cycles of
+# two time steps, in $case_dir.
 lay_out_case() {
   case_dir=$1
-  mkdir -p "$case_dir/run" "$case_dir/main" "$case_dir/sub1"
-  printf 'time_step=\n2\ncycle_num=\n10\nnum_subprojects=\n1\n' > "$case_dir/run/analysis_settings.dat"
-  for project in main sub1; do
+  local subs=${2:-1}
+  mkdir -p "$case_dir/run"
+  printf 'time_step=\n2\ncycle_num=\n10\nnum_subprojects=\n%s\n' "$subs" > "$case_dir/run/analysis_settings.dat"
+  for project in main $(seq -f 'sub%g' "$subs"); do
+    mkdir -p "$case_dir/$project"
     printf 'exchange.sh\n' > "$case_dir/$project/CalculateInteraction.dat"
     printf '#!/bin/sh\n' > "$case_dir/$project/exchange.sh"
     chmod +x "$case_dir/$project/exchange.sh"
@@ -116,7 +155,7 @@ lay_out_case() {
 }
 
 # The script's: the main project served by the solver, sub 1 by the agent.
-lay_out_case "$work/case"
+lay_out_case "$cases/one"
 printf '#!/bin/sh\necho "$1 $2 $3" >> "$LOCKSTEP_PROJECT_DIR/agent.log"\n' > "$case_dir/sub1/step.sh"
 chmod +x "$case_dir/sub1/step.sh"
 
@@ -151,11 +190,44 @@ status=$(lockstepctl status "$case_dir/run")
 grep -q '^the run is complete$' <<<"$status" || { echo "status does not say the run is complete:" >&2; echo "$status" >&2; exit 1; }
 echo "cluster: job $job served 2 projects x 50 requests, each once; status: the run is complete"
 
+# The two-node script: main served by the solver on n1, sub1 by an agent
+# and sub2 by the solver on n2, through sshfs there.
+doc_script "two-node batch script" "$work/two-node.sh"
+lay_out_case "$cases/two" 2
+for project in sub1 sub2; do
+  cat > "$case_dir/$project/step.sh" <<'STEP'
+#!/bin/sh
+echo "$SLURMD_NODENAME $(findmnt -n -o FSTYPE -T "$LOCKSTEP_PROJECT_DIR")" > "$LOCKSTEP_PROJECT_DIR/node"
+echo "$1 $2 $3" >> "$LOCKSTEP_PROJECT_DIR/agent.log"
+STEP
+  chmod +x "$case_dir/$project/step.sh"
+done
+job=$(cd "$case_dir" && sbatch --parsable --export=ALL "$work/two-node.sh")
+wait_until "[ -z \"\$(squeue -h -j $job 2>/dev/null)\" ]" "cat '$case_dir'/*/*.log 2>/dev/null | wc -l"
+state=$(scontrol show job "$job" | grep -o 'JobState=[A-Z]*' || true)
+[ "$state" = "JobState=COMPLETED" ] || { echo "job $job ended with $state" >&2; exit 1; }
+batch_host=$(scontrol show job "$job" | grep -o 'BatchHost=[^ ]*' || true)
+[ "$batch_host" = BatchHost=n1 ] || { echo "job $job's driver ran on $batch_host, not n1" >&2; exit 1; }
+for check in "main/solver.log main/node n1 ext4|xfs|btrfs|tmpfs|overlay" "sub1/agent.log sub1/node n2 fuse.sshfs" \
+  "sub2/solver.log sub2/node n2 fuse.sshfs"; do
+  read -r log node_file node file_systems <<<"$check"
+  if [ "$(cat "$case_dir/$log")"$'\n' != "$expected" ]; then
+    echo "two nodes: $log is not the schedule, each request once:" >&2
+    diff <(printf '%s' "$expected") "$case_dir/$log" >&2 || true
+    exit 1
+  fi
+  where=$(cat "$case_dir/$node_file")
+  grep -Eqx "$node ($file_systems)" <<<"$where" || { echo "two nodes: ${log%%/*} ran on \"$where\", not $node" >&2; exit 1; }
+done
+status=$(lockstepctl status "$case_dir/run")
+grep -q '^the run is complete$' <<<"$status" || { echo "two nodes: status does not say the run is complete:" >&2; echo "$status" >&2; exit 1; }
+echo "cluster: job $job on two nodes: driver and main on n1, sub1 and sub2 on n2 through sshfs -o auto_cache; 3 projects x 50 requests, each once"
+
 # The resumable script: both projects served by agents whose step saves its
 # state at each cycle end; the first job is cancelled once both have saved
 # cycle 3, the second resumes.
 doc_script "resumable batch script" "$work/resumable.sh"
-lay_out_case "$work/long"
+lay_out_case "$cases/long"
 for project in main sub1; do
   cat > "$case_dir/$project/step.sh" <<'STEP'
 #!/bin/sh

@@ -11,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <thread>
 #include <tuple>
 #include <utility>
@@ -68,7 +69,7 @@ std::string file_kind(unsigned mode) {
   }
 }
 
-GoFileRead read_go_file(const std::string& path) {
+GoFileRead read_go_file(const std::string& path, bool past_cache) {
   GoFileRead result;
   // O_NONBLOCK: opening a FIFO must not wait for a writer.
   const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
@@ -90,6 +91,8 @@ GoFileRead read_go_file(const std::string& path) {
     result.outcome = GoFileRead::Outcome::kNotRegular;
     return result;
   }
+  // A hint: where it fails nothing better can be done than to read.
+  if (past_cache) ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
   std::array<char, kGoFileLimit + 1> buffer{};
   std::size_t have = 0;
   while (have < buffer.size()) {
@@ -227,7 +230,8 @@ Endpoint::Endpoint(std::string directory, int watch_fd, std::string file_system,
       watch_fd_(watch_fd),
       file_system_(std::move(file_system)),
       ceiling_(std::max(settings.ceiling, std::chrono::milliseconds{1})),
-      safety_poll_(std::max(settings.safety_poll, std::chrono::milliseconds{1})) {}
+      safety_poll_(std::max(settings.safety_poll, std::chrono::milliseconds{1})),
+      stale_warning_(settings.stale_warning) {}
 
 Endpoint::~Endpoint() {
   if (watch_fd_ >= 0) ::close(watch_fd_);
@@ -251,23 +255,45 @@ bool Endpoint::readable(const GoFileRead& read, const std::string& name) {
   const auto now = std::chrono::steady_clock::now();
   if (!trouble_since_) trouble_since_ = now;
   const std::string message = "cannot read " + directory_ + "/" + name + ": " + records::os_error_text(read.os_error);
-  if (report_trouble_ && now - *trouble_since_ >= kTroubleGrace && message != trouble_reported_) {
-    report_trouble_(message + "; still trying");
+  if (now - *trouble_since_ >= kTroubleGrace && message != trouble_reported_) {
+    tell(message + "; still trying");
     trouble_reported_ = message;
   }
   return false;
+}
+
+void Endpoint::tell(const std::string& message) const {
+  if (report_trouble_) {
+    report_trouble_(message);
+  } else if (!message.empty()) {
+    std::fprintf(stderr, "lockstep: %s\n", message.c_str());
+  }
+}
+
+void Endpoint::notice_stale(const Request& request) {
+  const auto now = std::chrono::steady_clock::now();
+  if (!stale_since_) stale_since_ = now;
+  if (stale_reported_ || now - *stale_since_ < stale_warning_) return;
+  stale_reported_ = true;
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - *stale_since_).count();
+  tell(directory_ + "/go.dat has shown " + describe(request) + ", reported done here, for " +
+       std::to_string(seconds) + " s while go2.dat shows the driver's reset. Either this machine sees a cached "
+       "copy of go.dat (sshfs with auto_cache or kernel_cache, NFS with nocto or a long actimeo, SMB with "
+       "cache=loose): mount the run tree without those options; the wait goes on meanwhile. Or the driver was "
+       "restarted at that very request: stop this process and start it again to serve it afresh");
 }
 
 bool Endpoint::pending(Request& request) {
   // go2.dat first: the driver resets go.dat before go2.dat, so once go2.dat
   // holds the reset, go.dat holds the reset or the new request, never the
   // request already served.
-  const GoFileRead done = read_go_file(directory_ + "/go2.dat");
+  const bool past_cache = !file_system_.empty();
+  const GoFileRead done = read_go_file(directory_ + "/go2.dat", past_cache);
   // go.dat matters only once go2.dat holds the reset: one open per look
   // while a project waits for its next request.
   const bool reset = done.outcome == GoFileRead::Outcome::kRead &&
                      parse_go_record(done.content).kind == GoRecord::Kind::kReset;
-  const GoFileRead go = reset ? read_go_file(directory_ + "/go.dat") : GoFileRead{};
+  const GoFileRead go = reset ? read_go_file(directory_ + "/go.dat", past_cache) : GoFileRead{};
   if (!readable(done, "go2.dat") || !readable(go, "go.dat")) return false;
   // A go2.dat may be missing before the first request; the directory may not.
   if (done.outcome == GoFileRead::Outcome::kMissing) {
@@ -285,7 +311,7 @@ bool Endpoint::pending(Request& request) {
   trouble_since_.reset();
   if (!trouble_reported_.empty()) {
     trouble_reported_.clear();
-    if (report_trouble_) report_trouble_("");
+    tell("");
   }
   for (const auto& [read, name] : {std::pair{&done, "go2.dat"}, std::pair{&go, "go.dat"}}) {
     if (read->outcome == GoFileRead::Outcome::kNotRegular) {
@@ -350,6 +376,14 @@ WaitResult Endpoint::poll(Request& request) {
              std::to_string(run_cycles_ - *resumes_after_) + "); stop lockstep and run lockstepctl check";
     return WaitResult::kError;
   }
+  // The request reported done last, still pending: the driver's next one
+  // has not reached this machine's view yet.
+  if (handed_out_ == request && reported_done_ == request) {
+    notice_stale(request);
+    return WaitResult::kStopped;
+  }
+  stale_since_.reset();
+  stale_reported_ = false;
   const std::optional<Request> previous = std::exchange(handed_out_, request);
   handed_out_before_ = previous;
   if (previous && !comes_after(request, *previous)) {
@@ -382,7 +416,7 @@ DoneResult Endpoint::report_done() {
   Request current;
   const bool same = pending(current) && current == *handed_out_;
   if (!same) {
-    GoRecord now = parse_go_record(read_go_file(directory_ + "/go.dat").content);
+    GoRecord now = parse_go_record(read_go_file(directory_ + "/go.dat", !file_system_.empty()).content);
     now.request = from_driver(now.request);
     if (now.kind == GoRecord::Kind::kRequest && now.request == *handed_out_ && reported_done_ == handed_out_) {
       error_ = describe(*handed_out_) + " in " + directory_ + " was already reported done here";

@@ -45,7 +45,9 @@ LOCKSTEP_API GoRecord parse_go_record(std::string_view content);
 inline constexpr std::size_t kGoFileLimit = 4096;
 
 // A go file read without blocking and without reading more than
-// kGoFileLimit bytes.
+// kGoFileLimit bytes. `past_cache` drops the file's cached pages first: a
+// network file system's client may otherwise serve an earlier content that
+// has the same size and time stamp.
 struct GoFileRead {
   enum class Outcome {
     kRead,        // `content` holds the file
@@ -59,7 +61,7 @@ struct GoFileRead {
   int os_error = 0;
   std::string kind;  // "a FIFO", "a directory", ...
 };
-LOCKSTEP_API GoFileRead read_go_file(const std::string& path);
+LOCKSTEP_API GoFileRead read_go_file(const std::string& path, bool past_cache = false);
 
 // "a FIFO", "a directory", "a character device", ... for a stat mode that
 // is not a regular file's.
@@ -69,8 +71,9 @@ enum class WaitResult {
   kRequest,
   kStopped,
   kError,
-  // A request that does not come after the last one handed out here: the
-  // driver was restarted, or the tree reset. `request` holds it and it is
+  // A request that does not come after the last one handed out here (and
+  // is not that one, reported done): the driver was restarted, or the tree
+  // reset. `request` holds it and it is
   // handed out; serving it is the caller's decision.
   kOutOfOrder,
 };
@@ -98,6 +101,9 @@ struct WaitSettings {
   std::optional<WaitMode> mode;  // by default chosen from the file system
   std::chrono::milliseconds ceiling{20};        // kPolling: the longest pause
   std::chrono::milliseconds safety_poll{500};  // kChanges: the longest sleep
+  // How long go.dat may go on showing the request reported done last, with
+  // go2.dat reset, before the wait says why it may be stuck.
+  std::chrono::milliseconds stale_warning{10000};
 };
 
 // The file system type of `directory` when it is one whose writes on other
@@ -126,11 +132,15 @@ class LOCKSTEP_API Endpoint {
 
   // Called with a message when a go file has been unreadable for
   // kTroubleGrace (permission, no descriptors left), and with an empty
-  // message once it can be read again. The wait goes on meanwhile.
+  // message once it can be read again; and with a message when go.dat has
+  // shown the request reported done last for WaitSettings::stale_warning.
+  // The wait goes on meanwhile. By default the messages go to stderr.
   void on_trouble(std::function<void(const std::string&)> report) { report_trouble_ = std::move(report); }
 
   // Blocks until a request is pending: go2.dat holds the reset record and
-  // go.dat a request, looking as mode() says. `stop` is asked between looks
+  // go.dat a request, looking as mode() says. go.dat still showing the
+  // request reported done last is not yet the new one: the view of a
+  // caching file system lags behind the driver's writes. `stop` is asked between looks
   // (and after a signal interrupts a sleep); kStopped once it says so or the
   // deadline has passed.
   WaitResult wait(Request& request, const std::function<bool()>& stop = {},
@@ -178,6 +188,8 @@ class LOCKSTEP_API Endpoint {
   Request from_driver(Request request) const;
   bool pending(Request& request);
   bool readable(const GoFileRead& read, const std::string& name);
+  void notice_stale(const Request& request);
+  void tell(const std::string& message) const;
   void sleep_until_change(std::optional<std::chrono::steady_clock::time_point> deadline);
 
   std::string directory_;
@@ -185,6 +197,7 @@ class LOCKSTEP_API Endpoint {
   std::string file_system_;  // the network file system's type, if any
   std::chrono::milliseconds ceiling_;
   std::chrono::milliseconds safety_poll_;
+  std::chrono::milliseconds stale_warning_;
   std::chrono::milliseconds interval_{1};  // the next pause when polling
   std::string last_seen_;                  // the go files at the last look
   std::string error_;
@@ -196,6 +209,8 @@ class LOCKSTEP_API Endpoint {
   std::function<void(const std::string&)> report_trouble_;
   std::optional<std::chrono::steady_clock::time_point> trouble_since_;
   std::string trouble_reported_;
+  std::optional<std::chrono::steady_clock::time_point> stale_since_;
+  bool stale_reported_ = false;
   std::optional<std::int32_t> resumes_after_;
   std::int32_t run_cycles_ = 0;  // the run's own cycle count, when resumed
 };

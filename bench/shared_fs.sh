@@ -1,0 +1,66 @@
+#!/usr/bin/env bash
+# The stage time of a run of main and two sub projects, each served by an
+# agent whose command does nothing: once with every agent on the local path
+# (inotify), once with the sub projects' agents on an sshfs view of the run
+# tree (auto_cache, from an sshd on 127.0.0.1; they poll). Prints one JSON
+# object; {"skipped": "why"} where sshfs or root is missing.
+#   shared_fs.sh BIN_DIR   (where lockstep and lockstepctl are)
+set -euo pipefail
+bin=$(cd "$1" && pwd)
+support="$(cd "$(dirname "$0")/.." && pwd)/tests/support"
+. "$support/wait_until.sh"
+. "$support/sshfs.sh"
+
+missing=$(sshfs_missing)
+[ -z "$missing" ] || { echo "{\"skipped\": \"$missing is missing\"}"; exit 0; }
+[ "$(id -u)" -eq 0 ] || { echo '{"skipped": "mounting sshfs needs root"}'; exit 0; }
+
+work=$(mktemp -d)
+chmod 755 "$work"
+daemons=()
+mounts=()
+finish() {
+  for view in "${mounts[@]}"; do umount -l "$view" 2>/dev/null || true; done
+  for pid in "${daemons[@]}"; do kill "$pid" 2>/dev/null || true; done
+  rm -rf "$work"
+}
+trap finish EXIT
+
+cycles=4
+time_steps=5
+stages=$((cycles * (time_steps * 4 + 1)))
+start_sshd "$work"
+mkdir -p "$work/tree"
+mount_sshfs "$work" "$work/tree" "$work/view" auto_cache
+
+# ms_per_stage SUB_ROOT: the driver's time per stage with the sub projects'
+# agents serving SUB_ROOT/subN.
+ms_per_stage() {
+  local sub_root=$1 tree=$work/tree project start end
+  rm -rf "${tree:?}"/*
+  mkdir -p "$tree/run"
+  printf 'time_step=\n%s\ncycle_num=\n%s\nnum_subprojects=\n2\n' "$time_steps" "$cycles" >"$tree/run/analysis_settings.dat"
+  for project in main sub1 sub2; do
+    mkdir -p "$tree/$project"
+    printf 'interaction.sh\n' >"$tree/$project/CalculateInteraction.dat"
+    printf '#!/bin/sh\n' >"$tree/$project/interaction.sh"
+    chmod +x "$tree/$project/interaction.sh"
+    printf '0\n' >"$tree/$project/go2.dat"
+  done
+  local agents=()
+  "$bin/lockstepctl" agent --dir "$tree/main" --last-cycle "$cycles" -- true 2>/dev/null &
+  agents+=($!)
+  for project in sub1 sub2; do
+    "$bin/lockstepctl" agent --dir "$sub_root/$project" --last-cycle "$cycles" -- true 2>/dev/null &
+    agents+=($!)
+  done
+  start=$(date +%s%N)
+  (cd "$tree/run" && "$bin/lockstep" >/dev/null)
+  end=$(date +%s%N)
+  wait "${agents[@]}"
+  awk -v ns=$((end - start)) -v stages="$stages" 'BEGIN { printf "%.2f", ns / 1e6 / stages }'
+}
+
+local_ms=$(ms_per_stage "$work/tree")
+sshfs_ms=$(ms_per_stage "$work/view")
+printf '{"stages": %d, "local_ms_per_stage": %s, "sshfs_ms_per_stage": %s}\n' "$stages" "$local_ms" "$sshfs_ms"
