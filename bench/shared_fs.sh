@@ -54,10 +54,14 @@ ms_per_stage() {
     "$bin/lockstepctl" agent --dir "$sub_root/$project" --last-cycle "$cycles" -- true 2>/dev/null &
     agents+=($!)
   done
+  daemons+=("${agents[@]}")
   start=$(date +%s%N)
-  (cd "$tree/run" && "$bin/lockstep" >/dev/null)
+  (cd "$tree/run" && exec "$bin/lockstep" >/dev/null) &
+  local driver=$!
+  daemons+=("$driver")
+  wait_until "! kill -0 $driver" "cat '$tree'/*/go.dat"
   end=$(date +%s%N)
-  wait "${agents[@]}"
+  wait "$driver" "${agents[@]}"
   awk -v ns=$((end - start)) -v stages="$stages" 'BEGIN { printf "%.2f", ns / 1e6 / stages }'
 }
 
