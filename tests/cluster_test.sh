@@ -131,8 +131,12 @@ watch_daemon $! "$work/slurmctld.log"
 slurmd -D -N n1 -f "$SLURM_CONF" >>"$work/slurmd-n1.log" 2>&1 &
 daemons+=($!)
 watch_daemon $! "$work/slurmd-n1.log"
-# unshare execs the shell, which execs slurmd: one PID throughout.
-unshare --mount --propagation private sh -c 'mount --bind "$1" "$2" && exec slurmd -D -N n2 -f "$3"' \
+# unshare execs the shell, which execs slurmd: one PID throughout. The
+# mount that holds the run trees is made private in the new namespace, so
+# that the view bound there stays there; unshare's own --propagation private
+# acts on / and fails in a chroot, where / is no mount point.
+unshare --mount --propagation unchanged sh -c \
+  'mount --make-rprivate "$(findmnt -n -o TARGET -T "$2")" && mount --bind "$1" "$2" && exec slurmd -D -N n2 -f "$3"' \
   sh "$work/view" "$cases" "$SLURM_CONF" >>"$work/slurmd-n2.log" 2>&1 &
 daemons+=($!)
 watch_daemon $! "$work/slurmd-n2.log"
