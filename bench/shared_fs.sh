@@ -11,17 +11,13 @@ support="$(cd "$(dirname "$0")/.." && pwd)/tests/support"
 . "$support/wait_until.sh"
 . "$support/sshfs.sh"
 
-missing=$(sshfs_missing)
-[ -z "$missing" ] || { echo "{\"skipped\": \"$missing is missing\"}"; exit 0; }
-[ "$(id -u)" -eq 0 ] || { echo '{"skipped": "mounting sshfs needs root"}'; exit 0; }
+unusable=$(sshfs_unusable)
+[ -z "$unusable" ] || { echo "{\"skipped\": \"$unusable\"}"; exit 0; }
 
 work=$(mktemp -d)
 chmod 755 "$work"
-daemons=()
-mounts=()
 finish() {
-  for view in "${mounts[@]}"; do umount -l "$view" 2>/dev/null || true; done
-  for pid in "${daemons[@]}"; do kill "$pid" 2>/dev/null || true; done
+  stop_daemons
   rm -rf "$work"
 }
 trap finish EXIT

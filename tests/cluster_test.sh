@@ -28,33 +28,15 @@ done
 . "$(dirname "$0")/support/wait_until.sh"
 . "$(dirname "$0")/support/doc_files.sh"
 . "$(dirname "$0")/support/sshfs.sh"
-missing=$(sshfs_missing)
-if [ -n "$missing" ]; then
-  echo "skipped: $missing is missing (apt-get install openssh-server openssh-client sshfs)"
-  exit 77
-fi
-if [ "$(id -u)" -ne 0 ]; then
-  echo "skipped: a second node in a mount namespace of its own needs root"
-  exit 77
-fi
+unusable=$(sshfs_unusable)
+[ -z "$unusable" ] || { echo "skipped: $unusable"; exit 77; }
 
 work=$(mktemp -d)
 chmod 755 "$work"
-daemons=()
-mounts=()
 finish() {
   local status=$?
-  for view in "${mounts[@]}"; do umount -l "$view" 2>/dev/null || true; done
-  for pid in "${daemons[@]}"; do kill "$pid" 2>/dev/null || true; done
-  for pid in "${daemons[@]}"; do
-    for _ in $(seq 100); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
-    kill -9 "$pid" 2>/dev/null || true
-  done
-  if [ "$status" -ne 0 ]; then
-    for log in "$work"/*.log "$work"/cases/*/*.out "$work"/cases/*/*/*.log; do
-      [ -f "$log" ] && { echo "== $log"; tail -n 30 "$log"; }
-    done
-  fi
+  stop_daemons
+  [ "$status" -eq 0 ] || show_logs "$work"/*.log "$work"/cases/*/*.out "$work"/cases/*/*/*.log
   rm -rf "$work"
   exit "$status"
 }

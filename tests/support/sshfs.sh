@@ -1,16 +1,41 @@
 # A network file system on this one machine: an sshd that listens on
 # 127.0.0.1 only, with host and user keys made in the caller's work
 # directory, and sshfs views of local directories through it.
-# The caller keeps `daemons` (PIDs to stop) and `mounts` (views to detach)
-# and stops and detaches them in its exit trap; wait_until.sh comes first.
+# wait_until.sh comes first. Daemons started here, and any the caller adds
+# to `daemons`, are stopped by stop_daemons, which the caller's exit trap
+# calls; the views in `mounts` are detached first.
+daemons=()
+mounts=()
 
-# sshfs_missing: the first tool this needs that is not installed, if any.
-sshfs_missing() {
+# sshfs_unusable: why sshd and sshfs cannot be used here, if they cannot.
+sshfs_unusable() {
   local tool
   for tool in /usr/sbin/sshd ssh-keygen sshfs fusermount3; do
-    command -v "$tool" >/dev/null || { echo "$tool"; return; }
+    command -v "$tool" >/dev/null || { echo "$tool is missing (apt-get install openssh-server openssh-client sshfs)"; return; }
   done
-  [ -c /dev/fuse ] || echo /dev/fuse
+  [ -c /dev/fuse ] || { echo "/dev/fuse is missing"; return; }
+  [ "$(id -u)" -eq 0 ] || echo "mounting sshfs and starting sshd here needs root"
+}
+
+# stop_daemons: every view detached, every daemon stopped by its PID,
+# with SIGKILL after 10 s.
+stop_daemons() {
+  local view pid
+  for view in "${mounts[@]}"; do umount -l "$view" 2>/dev/null || true; done
+  for pid in "${daemons[@]}"; do kill "$pid" 2>/dev/null || true; done
+  for pid in "${daemons[@]}"; do
+    for _ in $(seq 100); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+    kill -9 "$pid" 2>/dev/null || true
+  done
+}
+
+# show_logs FILE...: the end of each that exists.
+show_logs() {
+  local log
+  for log in "$@"; do
+    [ -f "$log" ] && { echo "== $log"; tail -n 30 "$log"; }
+  done
+  return 0
 }
 
 # start_sshd WORK: sets sshd_port.
