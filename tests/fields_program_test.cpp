@@ -113,5 +113,47 @@ TEST(FieldsRunTest, TheToolsShowAFieldsStampAndValuesAndTheTablesFaults) {
                                    "exist: link it to the installed lockstep-exchange\n"));
 }
 
+// Slices are checked against the output without arithmetic that wraps, and
+// two lines that write one input are refused; what is refused is not
+// written, what is right is.
+TEST(FieldsRunTest, TheExchangeRefusesSlicesPastTheEndAndInputsWrittenTwice) {
+  RunTree tree;
+  tree.settings(1, 1, 1);
+  tree.projects(1, "");
+  const std::vector<double> u = {10, 11, 12, 13, 14};
+  std::string error;
+  ASSERT_TRUE(fields::write_field(fields::field_path(tree.project(0).string(), fields::Role::kOutput, "u"),
+                                  {fields::Type::kFloat64, false, {5}, {0, fields::Role::kOutput, {0, 0, 0}}},
+                                  u.data(), error))
+      << error;
+  write_file(tree.run() / "exchange.dat",
+             "main u[2305843009213693952:2305843009213693953] sub1 a\n"
+             "main u[3:2305843009213693955] sub1 b\n"
+             "main u[4:6] sub1 c\n"
+             "main u[1:3] sub1 d\n"
+             "main u sub1 e\n"
+             "main u[0:1] sub1 e\n");
+  const Exit exchange = run_program({EXCHANGE_BINARY, "1", "1", "1", "1"}, tree.run());
+  EXPECT_EQ(exchange.status, 2);
+  EXPECT_EQ(exchange.err,
+            "lockstep-exchange: exchange.dat:6: input \"e\" of sub1 is already written by line 5: an input comes from "
+            "one line only; neither line is carried out\n"
+            "lockstep-exchange: exchange.dat:1: output \"u\" of main has 5 values, fewer than 2305843009213693953\n"
+            "lockstep-exchange: exchange.dat:2: output \"u\" of main has 5 values, fewer than 2305843009213693955\n"
+            "lockstep-exchange: exchange.dat:3: output \"u\" of main has 5 values, fewer than 6\n");
+  for (const char* name : {"a", "b", "c", "e"}) {
+    EXPECT_FALSE(std::filesystem::exists(tree.project(1) / "fields/in" / (std::string(name) + ".npy"))) << name;
+  }
+  fields::Header header;
+  std::vector<char> values;
+  ASSERT_EQ(fields::read_field(fields::field_path(tree.project(1).string(), fields::Role::kInput, "d"), header,
+                               fields::into_buffer(values), error),
+            fields::ReadOutcome::kRead)
+      << error;
+  EXPECT_EQ(header.shape, std::vector<std::int64_t>{2});
+  EXPECT_EQ(std::vector<double>(reinterpret_cast<double*>(values.data()), reinterpret_cast<double*>(values.data()) + 2),
+            (std::vector<double>{11, 12}));
+}
+
 }  // namespace
 }  // namespace lockstep::testing

@@ -8,6 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "resume/checkpoint.h"
 #include "run_tree.h"
 
 namespace lockstep::testing {
@@ -178,6 +179,71 @@ TEST_F(ResumeTest, MismatchesAreRefusedWithWhatToDo) {
   EXPECT_EQ(agent.err, "lockstepctl agent: the driver asks for cycle 4, the run's cycle 5, past its last, cycle 4: the "
                        "settings were changed after lockstepctl resume (their cycle_num must be 3); stop lockstep and "
                        "run lockstepctl check\nlockstepctl agent: served 0 requests, 0 failed\n");
+}
+
+// Going back to an earlier cycle ends the timeline of the checkpoints after
+// it: they are set aside, listed, and never chosen again, also when the
+// resumed run stops before it records a checkpoint of its own.
+TEST_F(ResumeTest, ARollbackSetsAsideTheCheckpointsAfterItsCycle) {
+  const auto record = [&](int cycle) {
+    for (int index = 0; index <= 2; ++index) {
+      std::filesystem::create_directories(tree.project(index) / "checkpoints" / std::to_string(cycle) / "fields/out");
+    }
+  };
+  for (int cycle = 1; cycle <= 4; ++cycle) record(cycle);
+  const Exit back = resume({"--after-cycle", "1"});
+  ASSERT_EQ(back.status, 0) << back.err;
+  for (const int cycle : {2, 3, 4}) {
+    EXPECT_THAT(back.out, HasSubstr("\n  sub2: checkpoints/" + std::to_string(cycle) +
+                                    " set aside as checkpoints/abandoned-1/" + std::to_string(cycle) +
+                                    " (recorded before this resume, after cycle 1: no resume uses it)\n"));
+  }
+  EXPECT_TRUE(std::filesystem::is_directory(tree.project(0) / "checkpoints/abandoned-1/4/fields/out"));
+  EXPECT_FALSE(std::filesystem::exists(tree.project(0) / "checkpoints/2"));
+
+  // The resumed run stopped in cycle 2 before any checkpoint: a plain resume
+  // goes on after cycle 1 again, not after the abandoned 4.
+  const Exit again = resume({"--dry-run"});
+  EXPECT_EQ(again.status, 0) << again.err;
+  EXPECT_THAT(again.out, HasSubstr("would resume " + tree.run().string() + " after cycle 1 of 4"));
+  EXPECT_THAT(run_program({LOCKSTEPCTL_BINARY, "status", "."}, tree.run()).out,
+              HasSubstr("\ncheckpoints set aside by a resume that went back to an earlier cycle (never used again):\n"
+                        "  main: cycles 2, 3, 4 (checkpoints/abandoned-*)\n"));
+
+  // A checkpoint of the new timeline, then another rollback: a second folder.
+  record(2);
+  const Exit second = resume({"--after-cycle", "1"});
+  ASSERT_EQ(second.status, 0) << second.err;
+  EXPECT_THAT(second.out, HasSubstr("main: checkpoints/2 set aside as checkpoints/abandoned-2/2"));
+  EXPECT_EQ(resume::set_aside_cycles(tree.project(1).string()), (std::vector<std::int32_t>{2, 2, 3, 4}));
+}
+
+// The settings backup is what resume and check trust most: one that cannot
+// be read stops resume and shows in check, with what to do.
+TEST_F(ResumeTest, AnUnreadableSettingsBackupIsReportedWithWhatToDo) {
+  for (int index = 0; index <= 2; ++index) std::filesystem::create_directories(tree.project(index) / "checkpoints/1");
+  write_file(tree.run() / "analysis_settings.dat.before-resume", "");
+  const std::string problem =
+      "analysis_settings.dat.before-resume, the settings as first written that lockstepctl resume keeps, cannot be "
+      "used (" + tree.run().string() + "/analysis_settings.dat.before-resume does not give time_step=, cycle_num= "
+      "and num_subprojects= as lockstep reads them): write the run's first time_step=, cycle_num= and "
+      "num_subprojects= into " + tree.run().string() + "/analysis_settings.dat.before-resume, then run lockstepctl "
+      "resume again";
+  const Exit refused = resume();
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.err, "lockstepctl resume: " + problem + "\n");
+  const Exit check = run_program({LOCKSTEPCTL_BINARY, "check", "."}, tree.run());
+  EXPECT_EQ(check.status, 1);
+  EXPECT_THAT(check.out, HasSubstr(problem + "\n"));
+
+  // Written by resume itself, it is whole and leaves no temporary file behind.
+  std::filesystem::remove(tree.run() / "analysis_settings.dat.before-resume");
+  const std::string settings = read_file(tree.run() / "analysis_settings.dat");
+  ASSERT_EQ(resume().status, 0);
+  EXPECT_EQ(read_file(tree.run() / "analysis_settings.dat.before-resume"), settings);
+  for (const auto& entry : std::filesystem::directory_iterator(tree.run())) {
+    EXPECT_FALSE(entry.path().filename().string().ends_with(".tmp")) << entry.path();
+  }
 }
 
 }  // namespace

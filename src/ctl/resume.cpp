@@ -26,7 +26,7 @@ namespace fs = std::filesystem;
 using resume::Change;
 
 constexpr const char* kSettingsFile = "analysis_settings.dat";
-constexpr const char* kBackupFile = "analysis_settings.dat.before-resume";
+constexpr const char* kBackupFile = resume::kSettingsBackupFile;
 constexpr const char* kLockFile = ".lockstep-resume.lock";
 
 constexpr const char* kFooter =
@@ -197,22 +197,22 @@ std::optional<std::vector<Change>> plan_changes(const fs::path& run, const resum
     for (Change& change : resume::restore_fields(directory.string(), project_name(index), after)) {
       changes.push_back(std::move(change));
     }
+    for (Change& change : resume::set_aside_checkpoints(directory.string(), project_name(index), after)) {
+      changes.push_back(std::move(change));
+    }
     go_file_changes(directory, project_name(index), changes);
     changes.push_back({project_name(index) + ": " + resume::kRecordFile + " written (the run resumes after cycle " +
                            std::to_string(after) + ")",
                        [directory, record](std::string& why) { return resume::write_record(directory, record, why); }});
   }
+  const std::string settings_text = read_whole(run / kSettingsFile, error);
   if (!resumed_before) {
-    changes.push_back({std::string(kSettingsFile) + " kept as " + kBackupFile, [run](std::string& why) {
-                         std::error_code failure;
-                         fs::copy_file(run / kSettingsFile, run / kBackupFile, failure);
-                         if (failure) why = "cannot copy " + (run / kSettingsFile).string() + ": " + failure.message();
-                         return !failure;
+    changes.push_back({std::string(kSettingsFile) + " kept as " + kBackupFile, [run, settings_text](std::string& why) {
+                         return resume::replace_file((run / kBackupFile).string(), settings_text, why);
                        }});
   }
   changes.push_back({std::string(resume::kRecordFile) + " written in the run directory",
                      [run, record](std::string& why) { return resume::write_record(run.string(), record, why); }});
-  const std::string settings_text = read_whole(run / kSettingsFile, error);
   const std::optional<std::string> updated = with_cycle_num(settings_text, record.remaining());
   if (!updated) {
     if (error.empty()) error = "no cycle_num= value to change in " + (run / kSettingsFile).string();
@@ -288,8 +288,10 @@ int resume_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   // The run's own settings: as first written, before any resume.
   Settings now, original;
   if (!read_settings(run / kSettingsFile, now, error)) return fail(err, error);
-  const bool resumed_before = fs::exists(run / kBackupFile);
-  if (resumed_before && !read_settings(run / kBackupFile, original, error)) return fail(err, error);
+  const bool resumed_before = fs::exists(fs::symlink_status(run / kBackupFile));
+  fields::RunSettings backup;
+  if (const std::string problem = settings_backup_problem(run, backup); !problem.empty()) return fail(err, problem);
+  if (resumed_before) original = {backup.time_steps, backup.cycles, backup.subprojects};
   if (!resumed_before) original = now;
   resume::Record previous;
   const resume::ReadOutcome recorded = resume::read_record(run.string(), previous, error);

@@ -12,6 +12,7 @@
 #include "ctl/command_line.h"
 #include "ctl/text.h"
 #include "ctl/tree.h"
+#include "resume/checkpoint.h"
 #include "fields/store.h"
 
 namespace lockstep::ctl {
@@ -96,6 +97,23 @@ std::string newest_outputs(const TreeState& tree) {
   return lines.empty() ? "" : "\nnewest outputs:\n" + lines;
 }
 
+// The checkpoints a resume set aside, by project: they belong to a timeline
+// the run left, and no resume uses them.
+std::string set_aside(const TreeState& tree) {
+  std::string listed;
+  for (const ProjectState& project : tree.projects) {
+    const std::vector<std::int32_t> cycles =
+        resume::set_aside_cycles((tree.run_directory / project.directory).lexically_normal().string());
+    if (cycles.empty()) continue;
+    listed += "  " + project.name() + ": cycles";
+    for (std::size_t i = 0; i < cycles.size(); ++i) listed += (i == 0 ? " " : ", ") + std::to_string(cycles[i]);
+    listed += " (checkpoints/abandoned-*)\n";
+  }
+  return listed.empty() ? listed
+                        : "\ncheckpoints set aside by a resume that went back to an earlier cycle (never used "
+                          "again):\n" + listed;
+}
+
 View status_view(const TreeState& tree, bool colour) {
   const auto paint = [colour](const std::string& text, const char* code) {
     return colour ? std::string("\033[") + code + "m" + text + "\033[0m" : text;
@@ -159,6 +177,7 @@ View status_view(const TreeState& tree, bool colour) {
     }
   }
   out << newest_outputs(tree);
+  out << set_aside(tree);
   if (complete) {
     out << "\nthe run is complete\n";
   } else if (!running) {

@@ -235,7 +235,7 @@ InspectionFileSystem::InspectionFileSystem(std::filesystem::path run_directory)
 }
 
 int InspectionFileSystem::open(const std::string& path, records::OpenMode mode) {
-  if (mode == records::OpenMode::kReplace) return -EROFS;
+  if (mode == records::OpenMode::kReplace || mode == records::OpenMode::kCreateNew) return -EROFS;
   const std::filesystem::path full = path.empty() || path.front() != '/' ? run_directory_ / path : std::filesystem::path(path);
   const int fd = ::open(full.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return -errno;
@@ -285,7 +285,13 @@ void check_resume_record(TreeState& tree) {
   resume::Record record;
   std::string error;
   const resume::ReadOutcome read = resume::read_record(tree.run_directory.string(), record, error);
-  if (read == resume::ReadOutcome::kError) tree.run_problems.push_back(error);
+  if (read == resume::ReadOutcome::kError) {
+    tree.run_problems.push_back(error + "; run lockstepctl resume again to write it anew");
+  }
+  fields::RunSettings first;
+  if (std::string problem = settings_backup_problem(tree.run_directory, first); !problem.empty()) {
+    tree.run_problems.push_back(std::move(problem));
+  }
   if (read != resume::ReadOutcome::kRead) return;
   tree.resumed = record;
   if (tree.time_step == record.time_step && tree.cycle_num == record.remaining() &&
@@ -325,6 +331,18 @@ void check_project_resume_record(const TreeState& tree, ProjectState& project) {
 }
 
 }  // namespace
+
+std::string settings_backup_problem(const std::filesystem::path& run_directory, fields::RunSettings& settings) {
+  const std::filesystem::path backup = run_directory / resume::kSettingsBackupFile;
+  std::error_code error;
+  if (!std::filesystem::exists(std::filesystem::symlink_status(backup, error))) return {};
+  std::string why;
+  if (fields::read_run_settings(backup.string(), settings, why) && settings.cycles >= 1) return {};
+  return std::string(resume::kSettingsBackupFile) + ", the settings as first written that lockstepctl resume " +
+         "keeps, cannot be used (" + (why.empty() ? "cycle_num= is below 1" : why) +
+         "): write the run's first time_step=, cycle_num= and num_subprojects= into " + backup.string() +
+         ", then run lockstepctl resume again";
+}
 
 TreeState inspect_tree(const std::filesystem::path& run_directory, bool before_run) {
   InspectionFileSystem fs(run_directory);

@@ -15,6 +15,7 @@
 
 #include "project/endpoint.h"
 #include "records/file_system.h"
+#include "fields/interaction.h"
 #include "resume/record.h"
 
 namespace lockstep::ctl {
@@ -73,6 +74,11 @@ struct TreeState {
 // each project's interaction record, program and write access, and whatever
 // would go wrong in a run started now.
 TreeState inspect_tree(const std::filesystem::path& run_directory, bool before_run);
+
+// Why the settings backup a resume keeps in `run_directory` cannot be used,
+// and what to do; empty when it can, or is not there. `settings` gets its
+// values.
+std::string settings_backup_problem(const std::filesystem::path& run_directory, fields::RunSettings& settings);
 
 // The projects a run with these settings serves: 0 to this index.
 int last_project(const TreeState& tree);

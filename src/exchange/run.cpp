@@ -20,7 +20,8 @@ int run_copies(const Table& table, fields::InteractionFields& fields, std::ostre
     fields::Values values{header.type, header.shape, header.column_major, buffer.data()};
     if (copy.first) {
       const std::size_t size = fields::element_size(header.type);
-      if (*copy.last * size > buffer.size()) {
+      // Compared as counts: a bound from the table times the value size may wrap.
+      if (*copy.last > buffer.size() / size) {
         errors << "lockstep-exchange: " << where << "output \"" << copy.output << "\" of "
                << fields::project_name(copy.from) << " has " << buffer.size() / size << " values, fewer than "
                << *copy.last << "\n";

@@ -3,6 +3,8 @@
 #include <array>
 #include <charconv>
 #include <fstream>
+#include <map>
+#include <set>
 
 #include "fields/format.h"
 
@@ -48,6 +50,9 @@ std::optional<int> parse_project(const std::string& name) {
 
 Table parse_table(const std::string& text) {
   Table table;
+  // The line that writes each input, by project and name.
+  std::map<std::pair<int, std::string>, int> writers;
+  std::set<std::pair<int, std::string>> conflicts;
   std::size_t next = 0;
   for (int number = 1; next < text.size(); ++number) {
     const std::size_t line_end = std::min(text.find('\n', next), text.size());
@@ -85,8 +90,16 @@ Table parse_table(const std::string& text) {
       table.errors.push_back(where + error);
       continue;
     }
+    if (const auto [earlier, first] = writers.try_emplace({copy.to, copy.input}, number); !first) {
+      table.errors.push_back(where + "input \"" + copy.input + "\" of " + fields::project_name(copy.to) +
+                             " is already written by line " + std::to_string(earlier->second) +
+                             ": an input comes from one line only; neither line is carried out");
+      conflicts.insert(earlier->first);
+      continue;
+    }
     table.copies.push_back(copy);
   }
+  std::erase_if(table.copies, [&](const Copy& copy) { return conflicts.count({copy.to, copy.input}) > 0; });
   return table;
 }
 

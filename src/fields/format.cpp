@@ -118,7 +118,8 @@ bool value_count(const std::vector<std::int64_t>& shape, std::size_t& count) {
   for (const std::int64_t extent : shape) {
     if (extent < 0) return false;
     const auto size = static_cast<std::size_t>(extent);
-    if (size != 0 && count > std::numeric_limits<std::size_t>::max() / 8 / size) return false;
+    // At most 2^63 bytes of values: a header and the values then fit a file offset.
+    if (size != 0 && count > static_cast<std::size_t>(std::numeric_limits<std::int64_t>::max()) / 8 / size) return false;
     count *= size;
   }
   return true;

@@ -80,12 +80,11 @@ bool write_field(const std::string& path, const Header& header, const void* data
     error = "cannot write " + path + ": the shape holds too many values";
     return false;
   }
-  const std::string temporary = directory + "/." + path.substr(directory.size() + 1) + "." +
-                                std::to_string(::getpid()) + ".tmp";
+  std::string temporary;
   records::PosixFileSystem fs;
-  records::Descriptor file(fs, ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  records::Descriptor file(fs, records::create_temporary(fs, path, temporary));
   if (!file.valid()) {
-    error = "cannot write " + temporary + ": " + records::os_error_text(errno);
+    error = "cannot write " + path + ": " + records::os_error_text(-file.get());
     return false;
   }
   const std::string prefix = encode_header(header);

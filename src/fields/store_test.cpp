@@ -87,10 +87,38 @@ TEST(FieldStoreTest, MissingCutAndOddFilesAreToldApart) {
   testing::plant(path, "<fifo>");
   EXPECT_EQ(read_into(path, header, values, error), ReadOutcome::kError);
   EXPECT_EQ(error, "cannot read " + path + ": not a regular file");
+}
+
+// The temporary file is never one someone else chose: not a link planted
+// under the name an earlier version would have used, and a write whose
+// temporary file cannot be made fails, leaving the field as it was.
+TEST(FieldStoreTest, TheTemporaryFileIsNewAndItsFailureIsReported) {
+  TempDir dir;
+  const std::string path = field_path(dir.path().string(), Role::kInput, "c");
+  const double one[] = {1};
+  std::string error;
+  ASSERT_TRUE(write_field(path, doubles(1, 1), one, error)) << error;
+  const std::filesystem::path outside = dir.path() / "outside.txt";
+  testing::write_file(outside, "not the field's");
+  std::filesystem::create_symlink(outside, dir.path() / ("fields/in/.c.npy." + std::to_string(::getpid()) + ".tmp"));
+  const double two[] = {2};
+  ASSERT_TRUE(write_field(path, doubles(1, 2), two, error)) << error;
+  EXPECT_EQ(testing::read_file(outside), "not the field's");
+  Header header;
+  std::vector<double> values;
+  ASSERT_EQ(read_into(path, header, values, error), ReadOutcome::kRead);
+  EXPECT_EQ(values, std::vector<double>{2});
+
+  // A file where the directory belongs: no temporary file can be opened.
+  const std::string blocked = field_path((dir.path() / "blocked").string(), Role::kOutput, "u");
+  testing::write_file(dir.path() / "blocked/fields/out", "a file, not a directory");
+  EXPECT_FALSE(write_field(blocked, doubles(1, 1), one, error));
+  EXPECT_EQ(error, "cannot write " + blocked + ": Not a directory");
+  // And one that cannot be written to, where permissions hold (not as root).
   testing::plant(dir.path() / "fields/in", "<read-only>");
   if (::geteuid() != 0) {
-    EXPECT_FALSE(write_field(path, doubles(3, 2), three, error));
-    EXPECT_EQ(error.rfind("cannot write " + dir.path().string() + "/fields/in/.x.npy.", 0), 0u) << error;
+    EXPECT_FALSE(write_field(path, doubles(1, 3), one, error));
+    EXPECT_EQ(error, "cannot write " + path + ": Permission denied");
   }
 }
 

@@ -29,10 +29,14 @@ namespace {
 constexpr std::int32_t kRequestCode = 1;
 constexpr std::int32_t kResetCode = -1000;
 
-bool write_small_file(const std::string& path, std::string_view content, int& os_error) {
+// Writes `content` to a new temporary file beside `path`, named in
+// `temporary` once created (to be removed when this fails), else empty.
+bool write_small_temporary(const std::string& path, std::string_view content, std::string& temporary,
+                           int& os_error) {
   records::PosixFileSystem fs;
-  const int fd = fs.open(path, records::OpenMode::kReplace);
+  const int fd = records::create_temporary(fs, path, temporary);
   if (fd < 0) {
+    temporary.clear();
     os_error = -fd;
     return false;
   }
@@ -431,11 +435,12 @@ DoneResult Endpoint::report_done() {
     }
     return DoneResult::kOverrun;
   }
-  const std::string temporary = directory_ + "/.go2.dat." + std::to_string(::getpid()) + ".tmp";
+  std::string temporary;
   int os_error = 0;
-  if (!write_small_file(temporary, "0\n", os_error)) {
-    error_ = "cannot write " + temporary + ": " + records::os_error_text(os_error);
-    ::unlink(temporary.c_str());
+  if (!write_small_temporary(directory_ + "/go2.dat", "0\n", temporary, os_error)) {
+    error_ = "cannot write " + (temporary.empty() ? directory_ + "/go2.dat" : temporary) + ": " +
+             records::os_error_text(os_error);
+    if (!temporary.empty()) ::unlink(temporary.c_str());
     return DoneResult::kError;
   }
   if (::rename(temporary.c_str(), (directory_ + "/go2.dat").c_str()) != 0) {

@@ -85,6 +85,23 @@ def test_what_a_field_cannot_hold(tree):
         project.put("x", ["a"])
     with pytest.raises(lockstep.Error, match="not allowed"):
         project.put("../x", [1.0])
+    # Values beyond the stored type are refused, naming the field; nothing is written.
+    too_big = [
+        ("a", numpy.array([2**63 + 5], dtype=numpy.uint64), "the value 9223372036854775813 does not fit"),
+        ("b", [2**63 + 5], "the value 9223372036854775813 does not fit"),
+        ("c", [-(2**63) - 1], "the value -9223372036854775809 does not fit"),
+        ("d", [1, 2**70], "the value 1180591620717411303424 does not fit"),
+        ("e", numpy.array([1e4000], dtype=numpy.longdouble), "a value does not fit the float64"),
+    ]
+    for name, values, message in too_big:
+        with pytest.raises(lockstep.Error, match=f'field "{name}": {message}'):
+            project.put(name, values)
+        assert not (tree / "main" / "fields" / "out" / f"{name}.npy").exists()
+    # What fits goes through exactly, at both ends of the range.
+    project.put("edges", numpy.array([2**63 - 1, 0], dtype=numpy.uint64))
+    project.put("low", [-(2**63), True])
+    assert numpy.load(tree / "main" / "fields" / "out" / "edges.npy").tolist() == [2**63 - 1, 0]
+    assert numpy.load(tree / "main" / "fields" / "out" / "low.npy").tolist() == [-(2**63), 1]
     with pytest.raises(lockstep.Error, match='accept="stale"'):
         project.get("x", accept="stale")
 

@@ -1,10 +1,13 @@
 #include "records/file_system.h"
 
 #include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 
 namespace lockstep::records {
 
@@ -14,6 +17,7 @@ int PosixFileSystem::open(const std::string& path, OpenMode mode) {
     case OpenMode::kReadOnly: flags |= O_RDONLY; break;
     case OpenMode::kReadWriteCreate: flags |= O_RDWR | O_CREAT; break;
     case OpenMode::kReplace: flags |= O_WRONLY | O_CREAT | O_TRUNC; break;
+    case OpenMode::kCreateNew: flags |= O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW; break;
   }
   for (;;) {
     const int fd = ::open(path.c_str(), flags, 0666);
@@ -71,6 +75,49 @@ void Descriptor::reset() { static_cast<void>(close()); }
 std::string full_path_name(FileSystem& fs, const std::string& name) {
   if (!name.empty() && name.front() == '/') return name;
   return fs.current_directory() + "/" + name;
+}
+
+namespace {
+
+// ".NAME.RANDOM.tmp" beside `path`; false when no random bytes could be had.
+bool random_sibling(const std::string& path, std::string& temporary) {
+  std::uint64_t bits = 0;
+  if (::getrandom(&bits, sizeof bits, 0) != static_cast<ssize_t>(sizeof bits)) return false;
+  const std::size_t slash = path.rfind('/') + 1;
+  char digits[17];
+  for (int i = 15; i >= 0; --i, bits >>= 4) digits[i] = "0123456789abcdef"[bits & 15];
+  digits[16] = '\0';
+  temporary = path.substr(0, slash) + "." + path.substr(slash) + "." + digits + ".tmp";
+  return true;
+}
+
+// Tries `make` under fresh names while a name is taken: a name can only be
+// taken by chance or by someone who guessed it, so a few tries suffice.
+template <typename Make>
+int with_fresh_name(const std::string& path, std::string& temporary, Make make) {
+  int result = -EEXIST;
+  for (int attempt = 0; attempt < 8 && result == -EEXIST; ++attempt) {
+    if (!random_sibling(path, temporary)) return -errno;
+    result = make(temporary);
+  }
+  return result;
+}
+
+}  // namespace
+
+int create_temporary(FileSystem& fs, const std::string& path, std::string& temporary) {
+  return with_fresh_name(path, temporary, [&fs](const std::string& name) { return fs.open(name, OpenMode::kCreateNew); });
+}
+
+int create_temporary_directory(const std::string& path, std::string& temporary) {
+  return with_fresh_name(path, temporary,
+                         [](const std::string& name) { return ::mkdir(name.c_str(), 0777) == 0 ? 0 : -errno; });
+}
+
+bool is_temporary_name(const std::string& name) {
+  return name.size() > 22 && name.front() == '.' && name.ends_with(".tmp") &&
+         name.find_first_not_of("0123456789abcdef", name.size() - 20) == name.size() - 4 &&
+         name[name.size() - 21] == '.';
 }
 
 }  // namespace lockstep::records

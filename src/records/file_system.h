@@ -14,6 +14,7 @@ enum class OpenMode {
   kReadOnly,         // the file must exist
   kReadWriteCreate,  // created empty (0666 less umask) when missing
   kReplace,          // write-only, created when missing, truncated in place
+  kCreateNew,        // write-only, created; fails when anything, a link too, has the name
 };
 
 // Standard output's descriptor, valid for every implementation.
@@ -68,5 +69,17 @@ class Descriptor {
 // "name" when it begins with a slash, else the working directory, a slash and
 // the name, relative parts kept as written.
 std::string full_path_name(FileSystem& fs, const std::string& name);
+
+// A file written whole beside `path` before it is renamed over it: created
+// new (kCreateNew) under ".NAME.RANDOM.tmp" in the same directory, RANDOM
+// being 16 hex digits from the kernel's random source, so that no other
+// process can plant a link under the name beforehand. The descriptor, or
+// the negated system error number; `temporary` holds the name.
+int create_temporary(FileSystem& fs, const std::string& path, std::string& temporary);
+// The same for a directory: created by mkdir, which never follows a link.
+// 0 or the negated system error number.
+int create_temporary_directory(const std::string& path, std::string& temporary);
+// True for a name that create_temporary* gave (the final part of a path).
+bool is_temporary_name(const std::string& name);
 
 }  // namespace lockstep::records

@@ -20,8 +20,9 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kRoles[] = {"fields/in", "fields/out"};
+constexpr const char* kAbandonedPrefix = "abandoned-";
 
-// A name a writer uses while a file is not yet whole: ".NAME.PID.tmp".
+// A name a writer uses while a file is not yet whole: ".NAME.RANDOM.tmp".
 bool temporary_name(const std::string& name) { return !name.empty() && name.front() == '.'; }
 
 // The regular files of `directory` (none when it is missing), by name.
@@ -32,6 +33,15 @@ std::vector<std::string> files_in(const fs::path& directory) {
     if (entry->is_regular_file(error)) names.push_back(entry->path().filename().string());
   }
   std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::vector<std::string> directories_in(const fs::path& directory) {
+  std::vector<std::string> names;
+  std::error_code error;
+  for (fs::directory_iterator entry(directory, error), end; !error && entry != end; entry.increment(error)) {
+    if (entry->is_directory(error)) names.push_back(entry->path().filename().string());
+  }
   return names;
 }
 
@@ -54,6 +64,21 @@ void remove_tree(const std::string& path) {
   fs::remove_all(path, ignored);
 }
 
+std::vector<std::int32_t> cycles_in(const fs::path& checkpoints) {
+  std::vector<std::int32_t> cycles;
+  std::error_code error;
+  for (fs::directory_iterator entry(checkpoints, error), end; !error && entry != end; entry.increment(error)) {
+    const std::string name = entry->path().filename().string();
+    std::int32_t cycle = 0;
+    const auto [stop, failure] = std::from_chars(name.data(), name.data() + name.size(), cycle);
+    if (failure == std::errc() && stop == name.data() + name.size() && cycle > 0 && entry->is_directory(error)) {
+      cycles.push_back(cycle);
+    }
+  }
+  std::sort(cycles.begin(), cycles.end());
+  return cycles;
+}
+
 }  // namespace
 
 bool copy_file(const std::string& from, const std::string& to, std::string& error) {
@@ -63,7 +88,7 @@ bool copy_file(const std::string& from, const std::string& to, std::string& erro
     error = "cannot read " + from + ": " + records::os_error_text(errno);
     return false;
   }
-  records::Descriptor out(posix, posix.open(to, records::OpenMode::kReplace));
+  records::Descriptor out(posix, posix.open(to, records::OpenMode::kCreateNew));
   if (!out.valid()) {
     error = "cannot write " + to + ": " + records::os_error_text(-out.get());
     return false;
@@ -95,11 +120,18 @@ bool copy_file(const std::string& from, const std::string& to, std::string& erro
 bool record_checkpoint(const std::string& directory, std::int32_t cycle, std::string& error) {
   const std::string checkpoints = directory + "/" + kCheckpointDirectory;
   const std::string final_path = checkpoints + "/" + std::to_string(cycle);
-  const std::string building = checkpoints + "/." + std::to_string(cycle) + "." + std::to_string(::getpid()) + ".tmp";
-  // What a killed checkpoint of this PID left goes first.
-  remove_tree(building);
-  if (!make_directory(checkpoints, error) || !make_directory(building, error) ||
-      !make_directory(building + "/fields", error)) {
+  if (!make_directory(checkpoints, error)) return false;
+  // What killed checkpoints left goes first: one process serves a project.
+  for (const std::string& name : directories_in(checkpoints)) {
+    if (records::is_temporary_name(name)) remove_tree(checkpoints + "/" + name);
+  }
+  std::string building;
+  if (const int failed = records::create_temporary_directory(final_path, building); failed != 0) {
+    error = "cannot create a directory beside " + final_path + ": " + records::os_error_text(-failed);
+    return false;
+  }
+  if (!make_directory(building + "/fields", error)) {
+    remove_tree(building);
     return false;
   }
   bool copied = true;
@@ -122,16 +154,43 @@ bool record_checkpoint(const std::string& directory, std::int32_t cycle, std::st
 }
 
 std::vector<std::int32_t> recorded_cycles(const std::string& directory) {
-  std::vector<std::int32_t> cycles;
-  std::error_code error;
+  return cycles_in(fs::path(directory) / kCheckpointDirectory);
+}
+
+std::vector<Change> set_aside_checkpoints(const std::string& directory, const std::string& name, std::int32_t cycle) {
+  std::vector<Change> changes;
+  const std::vector<std::int32_t> cycles = recorded_cycles(directory);
+  const auto after = std::upper_bound(cycles.begin(), cycles.end(), cycle);
+  if (after == cycles.end()) return changes;
   const fs::path checkpoints = fs::path(directory) / kCheckpointDirectory;
-  for (fs::directory_iterator entry(checkpoints, error), end; !error && entry != end; entry.increment(error)) {
-    const std::string name = entry->path().filename().string();
-    std::int32_t cycle = 0;
-    const auto [stop, failure] = std::from_chars(name.data(), name.data() + name.size(), cycle);
-    if (failure == std::errc() && stop == name.data() + name.size() && cycle > 0 && entry->is_directory(error)) {
-      cycles.push_back(cycle);
-    }
+  int free = 1;
+  std::error_code error;
+  while (fs::exists(fs::symlink_status(checkpoints / (kAbandonedPrefix + std::to_string(free)), error))) ++free;
+  const std::string folder = kAbandonedPrefix + std::to_string(free);
+  for (auto later = after; later != cycles.end(); ++later) {
+    const std::string number = std::to_string(*later);
+    const fs::path from = checkpoints / number;
+    const fs::path to = checkpoints / folder / number;
+    changes.push_back({name + ": " + kCheckpointDirectory + "/" + number + " set aside as " + kCheckpointDirectory +
+                           "/" + folder + "/" + number + " (recorded before this resume, after cycle " +
+                           std::to_string(cycle) + ": no resume uses it)",
+                       [from, to](std::string& why) {
+                         if (!make_directory(to.parent_path().string(), why)) return false;
+                         if (::rename(from.c_str(), to.c_str()) == 0) return true;
+                         why = "cannot move " + from.string() + " to " + to.string() + ": " +
+                               records::os_error_text(errno);
+                         return false;
+                       }});
+  }
+  return changes;
+}
+
+std::vector<std::int32_t> set_aside_cycles(const std::string& directory) {
+  std::vector<std::int32_t> cycles;
+  const fs::path checkpoints = fs::path(directory) / kCheckpointDirectory;
+  for (const std::string& name : directories_in(checkpoints)) {
+    if (name.rfind(kAbandonedPrefix, 0) != 0) continue;
+    for (const std::int32_t cycle : cycles_in(checkpoints / name)) cycles.push_back(cycle);
   }
   std::sort(cycles.begin(), cycles.end());
   return cycles;

@@ -34,7 +34,16 @@ struct Change {
 // a killed writer removed.
 std::vector<Change> restore_fields(const std::string& directory, const std::string& name, std::int32_t cycle);
 
-// Copies `from` to `to` (created, or truncated) with its bytes only.
+// A resume that goes on after `cycle` ends the timeline those after it
+// belong to: the changes that move each checkpoint after `cycle` into
+// checkpoints/abandoned-K (K the first number free), where no resume looks.
+std::vector<Change> set_aside_checkpoints(const std::string& directory, const std::string& name, std::int32_t cycle);
+
+// The cycles of every checkpoints/abandoned-K of `directory`, oldest first.
+std::vector<std::int32_t> set_aside_cycles(const std::string& directory);
+
+// Copies `from` to `to` with its bytes only; `to` is created new, and
+// nothing that has its name (a file, a link) is written through.
 bool copy_file(const std::string& from, const std::string& to, std::string& error);
 
 }  // namespace lockstep::resume

@@ -94,20 +94,19 @@ ReadOutcome read_record(const std::string& directory, Record& record, std::strin
 }
 
 bool replace_file(const std::string& path, const std::string& content, std::string& error) {
-  const std::size_t slash = path.rfind('/') + 1;
-  const std::string temporary =
-      path.substr(0, slash) + "." + path.substr(slash) + "." + std::to_string(::getpid()) + ".tmp";
+  std::string temporary;
   records::PosixFileSystem fs;
-  records::Descriptor file(fs, fs.open(temporary, records::OpenMode::kReplace));
-  int os_error = file.valid() ? 0 : -file.get();
-  if (file.valid()) {
+  records::Descriptor file(fs, records::create_temporary(fs, path, temporary));
+  const bool created = file.valid();
+  int os_error = created ? 0 : -file.get();
+  if (created) {
     const ssize_t written = fs.write(file.get(), content.data(), content.size());
     os_error = written < 0 ? static_cast<int>(-written) : written != static_cast<ssize_t>(content.size()) ? EIO : 0;
     if (const int closed = file.close(); os_error == 0) os_error = -closed;
   }
   if (os_error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) os_error = errno;
   if (os_error == 0) return true;
-  ::unlink(temporary.c_str());
+  if (created) ::unlink(temporary.c_str());
   error = "cannot write " + path + ": " + records::os_error_text(os_error);
   return false;
 }

@@ -13,6 +13,8 @@
 namespace lockstep::resume {
 
 inline constexpr const char* kRecordFile = "lockstep-resume.dat";
+// The run's settings as first written, kept by the first resume.
+inline constexpr const char* kSettingsBackupFile = "analysis_settings.dat.before-resume";
 
 struct Record {
   std::int32_t after_cycle = 0;  // the driver's cycle c is the run's c + after_cycle

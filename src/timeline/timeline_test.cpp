@@ -118,6 +118,36 @@ TEST(TimelineTest, ALongRunIsShadedAndSummed) {
   EXPECT_NE(svg.find("<title>50% busy"), std::string::npos);
 }
 
+// Each pixel column's share is what of it the lane was busy: stages of 1.5 s
+// over 1080 columns of 1 s each, main busy the first 0.6 s of each, so that
+// every other stage's work straddles two columns.
+TEST(TimelineTest, AShadeIsTheShareOfItsColumnEachStageCovers) {
+  std::string text = kHeader;
+  const auto event = [&](double t, const std::string& rest) {
+    std::ostringstream line;
+    line << R"({"t":)" << t << "," << rest << "}\n";
+    text += line.str();
+  };
+  for (int i = 0; i < 720; ++i) {
+    const std::string request = R"("event":"request","cycle":1,"time_step":)" + std::to_string(i / 4 + 1) +
+                                R"(,"stage":)" + std::to_string(i % 4 + 1) + R"(,"project":)";
+    event(1.5 * i, request + "0");
+    event(1.5 * i, request + "1");
+    event(1.5 * i + 0.6, R"("event":"done","project":0)");
+    event(1.5 * i + 1.5, R"("event":"done","project":1)");
+  }
+  const std::string svg = svg_timeline(read(text));
+  // Main's lane: per 3 s, columns busy 0.6, 0.5 + 0 and 0.1 of their second.
+  std::map<std::string, int> main_shades;
+  const std::string lane = "y=\"64.00\"";
+  for (std::size_t at = svg.find(lane); at != std::string::npos; at = svg.find(lane, at + 1)) {
+    const std::size_t title = svg.find("<title>", at) + 7;
+    const std::string shade = svg.substr(title, svg.find("</title>", title) - title);
+    if (shade.find("% busy") != std::string::npos) ++main_shades[shade];
+  }
+  EXPECT_EQ(main_shades, (std::map<std::string, int>{{"10% busy", 360}, {"50% busy", 360}, {"60% busy", 360}}));
+}
+
 TEST(TimelineTest, RecordingsThatAreNotOnesAreRefusedAndOddLinesSkipped) {
   for (const std::string text : {"", "{}\n", "not json\n"}) {
     std::istringstream in(text);

@@ -15,13 +15,14 @@ int MemoryFileSystem::call(const std::string& operation, const std::string& path
 }
 
 int MemoryFileSystem::open(const std::string& path, records::OpenMode mode) {
-  const char* mode_names[] = {" read", " readwrite", " replace"};
+  const char* mode_names[] = {" read", " readwrite", " replace", " new"};
   if (const int os_error = call("open", path, mode_names[static_cast<int>(mode)])) return -os_error;
   const std::size_t slash = path.rfind('/');
   if (slash != std::string::npos && directories_.count(path.substr(0, slash)) == 0) return -ENOENT;
   if (directories_.count(path) != 0) return -EISDIR;
   const bool exists = files_.count(path) != 0;
   if (!exists && mode == records::OpenMode::kReadOnly) return -ENOENT;
+  if (exists && mode == records::OpenMode::kCreateNew) return -EEXIST;
   if (!exists || mode == records::OpenMode::kReplace) files_[path].clear();
   open_files_[next_fd_] = {path, 0};
   return next_fd_++;

@@ -62,20 +62,38 @@ class StaleFieldError(Error):
 _ACCEPT = ("stage", "time_step", "any")
 
 
-def _as_field(values: Any) -> "numpy.ndarray":
+def _as_field(name: str, values: Any) -> "numpy.ndarray":
     """The values as an array a field holds: float64, int32 or int64,
-    contiguous in C or Fortran order."""
+    contiguous in C or Fortran order. A value the stored type cannot hold
+    is an error, never wrapped or rounded to infinity."""
     array = numpy.asarray(values)
     if array.dtype not in (numpy.float64, numpy.int32, numpy.int64):
-        if array.dtype.kind in "iub":
+        if array.dtype.kind in "iub" or (array.dtype.kind == "O" and _all_integers(array)):
+            # Compared as Python integers: numpy compares uint64 with int64 as float64.
+            largest, smallest = (int(array.max()), int(array.min())) if array.size else (0, 0)
+            for value in (largest, smallest):
+                if not _INT64.min <= value <= _INT64.max:
+                    raise Error(f'field "{name}": the value {value} does not fit the int64 values a field holds')
             array = array.astype(numpy.int64)
         elif array.dtype.kind == "f":
-            array = array.astype(numpy.float64)
+            converted = array.astype(numpy.float64)
+            if numpy.any(numpy.isinf(converted) & ~numpy.isinf(array)):
+                raise Error(f'field "{name}": a value does not fit the float64 values a field holds')
+            array = converted
         else:
-            raise Error(f"a field holds float64, int32 or int64 values, not {array.dtype}")
+            raise Error(f'field "{name}": a field holds float64, int32 or int64 values, not {array.dtype}')
     if not (array.flags.c_contiguous or array.flags.f_contiguous):
         array = numpy.ascontiguousarray(array)
     return array
+
+
+_INT64 = numpy.iinfo(numpy.int64)
+
+
+def _all_integers(array: "numpy.ndarray") -> bool:
+    """True for an object array of Python integers, as numpy makes of
+    integers beyond 64 bits."""
+    return all(isinstance(value, int) and not isinstance(value, bool) for value in array.flat)
 
 
 @dataclass(frozen=True)
@@ -179,7 +197,7 @@ class Project:
     def put(self, name: str, values: Any) -> None:
         """Publishes the output ``name``, stamped with the request being
         served, or as a starting output before the first request."""
-        self._open().put(name, _as_field(values))
+        self._open().put(name, _as_field(name, values))
 
     def get(self, name: str, accept: str = "stage") -> "numpy.ndarray":
         """The input ``name`` that this project's interaction program wrote
@@ -245,4 +263,4 @@ class Interaction:
 
     def put(self, name: str, values: Any) -> None:
         """This project's input ``name``, stamped with this stage."""
-        self._context.put(name, _as_field(values))
+        self._context.put(name, _as_field(name, values))
