@@ -8,14 +8,21 @@
 # the job, names the run's state. The two-node script: driver and main on
 # n1, sub projects on n2, checked by where each step ran. Then the resumable
 # script: a first job cancelled part-way, a second that resumes and
-# completes the run.
+# completes the run. Last, the chain example across both nodes: its solvers
+# exchange fields through lockstep-exchange in every stage, main on n1 and
+# both sub projects on n2 through the view, and the coupled result must be
+# the chain's integrated in one process.
 # Every daemon started here is stopped by its PID, also when the test fails.
-#   cluster_test.sh CLUSTER_DOC PROTOCOL_DOC PREFIX   (lockstep installed in PREFIX)
+#   cluster_test.sh CLUSTER_DOC PROTOCOL_DOC PREFIX CHAIN_SOLVER CHAIN_CHECK EXCHANGE_TABLE
+# (lockstep installed in PREFIX)
 # LOCKSTEP_SANITIZE_FLAGS: the sanitizer flags the library was built with.
 set -euo pipefail
 doc=$1
 protocol=$2
 prefix=$(cd "$3" && pwd)
+chain_solver=$4
+chain_check=$5
+chain_table=$6
 export PATH="$prefix/bin:$PATH:/usr/sbin:/sbin"
 export LD_LIBRARY_PATH="$prefix/lib"
 
@@ -261,3 +268,34 @@ for project in main sub1; do
 done
 status=$(lockstepctl status "$case_dir/run")
 grep -q '^the run is complete$' <<<"$status" || { echo "status does not say the resumed run is complete:" >&2; echo "$status" >&2; exit 1; }
+
+# The chain across both nodes: 4 cycles of 3 time steps.
+mkdir -p "$cases/chain/run"
+printf 'time_step=\n3\ncycle_num=\n4\nnum_subprojects=\n2\n' > "$cases/chain/run/analysis_settings.dat"
+cp "$chain_table" "$cases/chain/run/exchange.dat"
+for project in main sub1 sub2; do
+  mkdir -p "$cases/chain/$project"
+  ln -s "$prefix/bin/lockstep-exchange" "$cases/chain/$project/exchange"
+  echo exchange > "$cases/chain/$project/CalculateInteraction.dat"
+  echo 0 > "$cases/chain/$project/go2.dat"
+done
+cat > "$work/chain.sh" <<SCRIPT
+#!/bin/bash
+#SBATCH --job-name=chain --nodes=2 --ntasks-per-node=3 --output=chain-%j.out
+cd "$cases/chain" || exit 1
+first=\$(scontrol show hostnames | sed -n 1p)
+second=\$(scontrol show hostnames | sed -n 2p)
+srun --nodes=1 --ntasks=1 --exact --overcommit --nodelist="\$first" "$chain_solver" main 0 4 4 2> main/solver.log &
+srun --nodes=1 --ntasks=1 --exact --overcommit --nodelist="\$second" "$chain_solver" sub1 4 4 4 2> sub1/solver.log &
+srun --nodes=1 --ntasks=1 --exact --overcommit --nodelist="\$second" "$chain_solver" sub2 8 4 4 2> sub2/solver.log &
+# Every solver publishes its starting boundary before the first stage.
+until [ -f main/fields/out/last.npy ] && [ -f sub1/fields/out/last.npy ] && [ -f sub2/fields/out/last.npy ]; do sleep 0.05; done
+(cd run && lockstep) > run/driver.log
+wait
+SCRIPT
+job=$(cd "$cases/chain" && sbatch --parsable --export=ALL "$work/chain.sh")
+wait_until "[ -z \"\$(squeue -h -j $job 2>/dev/null)\" ]" "cat '$cases/chain'/*/chain.csv 2>/dev/null | wc -l"
+state=$(scontrol show job "$job" | grep -o 'JobState=[A-Z]*' || true)
+[ "$state" = "JobState=COMPLETED" ] || { echo "chain job $job ended with $state" >&2; cat "$cases"/chain/*/solver.log >&2; exit 1; }
+"$chain_check" "$cases/chain" 4 3 main:0:4 sub1:4:4 sub2:8:4
+echo "cluster: the chain on two nodes, sub1 and sub2 through sshfs -o auto_cache on n2: fields exchanged every stage, exactly"

@@ -5,13 +5,20 @@
 # next request in go.dat often does. The driver and main work on the local
 # path; sub1 is served by an agent and sub2 by the C solver of
 # docs/protocol.md, both through the view. Every request must be served
-# once, in order.
+# once, in order. Then the chain example's three solvers exchange fields
+# through lockstep-exchange, main on the local path and both sub projects
+# through the view, and the coupled result must equal the chain integrated
+# in one process.
 # Every daemon started here is stopped by its PID, also when the test fails.
-#   shared_fs_test.sh PROTOCOL_DOC PREFIX   (lockstep installed in PREFIX)
+#   shared_fs_test.sh PROTOCOL_DOC PREFIX CHAIN_SOLVER CHAIN_CHECK EXCHANGE_TABLE
+# (lockstep installed in PREFIX)
 # LOCKSTEP_SANITIZE_FLAGS: the sanitizer flags the library was built with.
 set -euo pipefail
 protocol=$1
 prefix=$(cd "$2" && pwd)
+chain_solver=$3
+chain_check=$4
+chain_table=$5
 export PATH="$prefix/bin:$PATH:/usr/sbin:/sbin"
 export LD_LIBRARY_PATH="$prefix/lib"
 
@@ -27,7 +34,7 @@ chmod 755 "$work"
 finish() {
   local status=$?
   stop_daemons
-  [ "$status" -eq 0 ] || show_logs "$work"/*.log "$work"/tree/*/*.log
+  [ "$status" -eq 0 ] || show_logs "$work"/*.log "$work"/tree/*/*.log "$work"/chain/*/*.log
   rm -rf "$work"
   exit "$status"
 }
@@ -80,3 +87,36 @@ for project in main sub1 sub2; do
 done
 grep -q 'waiting by polling (fuse)' "$work/sub1-agent.log" || { echo "sub1's agent did not poll the view" >&2; exit 1; }
 echo "shared file system: main locally, sub1 (agent) and sub2 (C solver) through sshfs -o auto_cache: 26 requests each, once, in order"
+
+# The chain: 4 cycles of 3 time steps, boundary fields replaced in every
+# stage with the same size, within the same second.
+chain=$work/chain
+mkdir -p "$chain/run"
+printf 'time_step=\n3\ncycle_num=\n4\nnum_subprojects=\n2\n' > "$chain/run/analysis_settings.dat"
+cp "$chain_table" "$chain/run/exchange.dat"
+for project in main sub1 sub2; do
+  mkdir -p "$chain/$project"
+  ln -s "$prefix/bin/lockstep-exchange" "$chain/$project/exchange"
+  echo exchange > "$chain/$project/CalculateInteraction.dat"
+  echo 0 > "$chain/$project/go2.dat"
+done
+mount_sshfs "$work" "$chain" "$work/chain-view" auto_cache
+solvers=()
+first=0
+for project in main sub1 sub2; do
+  directory=$work/chain-view/$project
+  [ "$project" = main ] && directory=$chain/main
+  "$chain_solver" "$directory" "$first" 4 4 2>"$chain/$project/solver.log" &
+  solvers+=($!)
+  first=$((first + 4))
+done
+daemons+=("${solvers[@]}")
+for project in main sub1 sub2; do wait_until "[ -f '$chain/$project/fields/out/last.npy' ]"; done
+(cd "$chain/run" && exec lockstep) >"$chain/run/driver.log" 2>&1 &
+driver=$!
+daemons+=("$driver")
+wait_until "! kill -0 $driver" "cat '$chain'/*/chain.csv | wc -l"
+wait "$driver"
+for pid in "${solvers[@]}"; do wait "$pid" || { echo "a chain solver failed" >&2; exit 1; }; done
+"$chain_check" "$chain" 4 3 main:0:4 sub1:4:4 sub2:8:4
+echo "shared file system: the chain's solvers, two through sshfs -o auto_cache, exchanged fields every stage exactly"

@@ -1,8 +1,25 @@
 #include "fields/access.h"
 
+#include <chrono>
 #include <charconv>
+#include <thread>
+
+#include "records/file_system.h"
 
 namespace lockstep::fields {
+namespace {
+
+// What to add to a stale field's message when a network file system showed
+// it so for `waited`: the mount, and the options that cause such a view.
+std::string seen_through(const std::string& path, std::chrono::seconds waited) {
+  return "; this machine has seen it so for " + std::to_string(waited.count()) + " s through " +
+         records::mount_of(path) +
+         ", and such a view may show an older copy of a file replaced on another machine: if the file there holds "
+         "the right stamp (lockstepctl field show), mount the run tree here without auto_cache or kernel_cache "
+         "(sshfs), nocto or a long actimeo (NFS), cache=loose (SMB)";
+}
+
+}  // namespace
 
 std::optional<int> project_index(const std::string& directory) {
   std::string name = directory;
@@ -41,24 +58,40 @@ Outcome put_field(const std::string& name, const std::string& path, const Stamp&
 
 Outcome get_field(const std::string& name, const std::string& path,
                   const std::function<std::string(const std::optional<Stamp>&)>& check,
-                  const Destination& destination, Header& header, std::string& error) {
+                  const Destination& destination, Header& header, std::string& error, const Settle& settle) {
   if (error = check_name(name); !error.empty()) return Outcome::kError;
-  std::string stale;
-  const ReadOutcome outcome = read_field(
-      path, header,
-      [&](const Header& found, std::string& reason) -> void* {
-        if (stale = check(found.stamp); !stale.empty()) return nullptr;
-        return destination(found, reason);
-      },
-      error);
-  if (outcome == ReadOutcome::kMissing) stale = check(std::nullopt);
-  if (!stale.empty()) {
-    error = stale;
-    return Outcome::kStale;
+  const auto started = std::chrono::steady_clock::now();
+  auto pause = std::chrono::milliseconds{1};
+  for (;;) {
+    std::string stale;
+    bool remote = false;
+    const ReadOutcome outcome = read_field(
+        path, header,
+        [&](const Header& found, std::string& reason) -> void* {
+          if (stale = check(found.stamp); !stale.empty()) return nullptr;
+          return destination(found, reason);
+        },
+        error, &remote);
+    if (outcome == ReadOutcome::kMissing) stale = check(std::nullopt);
+    if (outcome == ReadOutcome::kRead && stale.empty()) return Outcome::kOk;
+    const bool unsettled = outcome == ReadOutcome::kUnsettled || !stale.empty();
+    // A network file system may show an older copy of a field replaced
+    // elsewhere for a while: look again until it settles.
+    const auto waited = std::chrono::steady_clock::now() - started;
+    if (remote && unsettled && waited < settle.limit) {
+      std::this_thread::sleep_for(pause);
+      pause = std::min(pause * 2, settle.longest_pause);
+      continue;
+    }
+    const std::string seen =
+        remote && unsettled ? seen_through(path, std::chrono::duration_cast<std::chrono::seconds>(waited)) : "";
+    if (!stale.empty()) {
+      error = stale + seen;
+      return Outcome::kStale;
+    }
+    error = "field \"" + name + "\": " + error + seen;
+    return Outcome::kError;
   }
-  if (outcome == ReadOutcome::kRead) return Outcome::kOk;
-  error = "field \"" + name + "\": " + error;
-  return Outcome::kError;
 }
 
 Destination into(const Values& values, std::vector<char>& scratch) {

@@ -2,6 +2,7 @@
 // the values given as type, shape and order, the stamp checked on reading.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -43,11 +44,19 @@ std::string project_directory(int project);
 Outcome put_field(const std::string& name, const std::string& path, const Stamp& stamp, const Values& values,
                   std::string& error);
 
+// How long a read on a network file system looks again while the field is
+// stale, missing or torn, in case the view lags behind the writer's machine
+// (sshfs keeps a file's attributes for 20 s by default).
+struct Settle {
+  std::chrono::milliseconds limit{30000};
+  std::chrono::milliseconds longest_pause{100};
+};
+
 // Reads `path`, asks `check` whether its stamp (nullopt when the file is
 // missing) may be used (empty: yes), then reads its values to `destination`.
 Outcome get_field(const std::string& name, const std::string& path,
                   const std::function<std::string(const std::optional<Stamp>&)>& check,
-                  const Destination& destination, Header& header, std::string& error);
+                  const Destination& destination, Header& header, std::string& error, const Settle& settle = {});
 
 // A destination that takes exactly `values`' type and shape, rearranged to
 // its order; `scratch` holds values that need rearranging meanwhile.

@@ -111,7 +111,7 @@ bool write_field(const std::string& path, const Header& header, const void* data
 
 ReadOutcome read_field(const std::string& path, Header& header,
                        const std::function<void*(const Header&, std::string& error)>& destination,
-                       std::string& error) {
+                       std::string& error, bool* remote) {
   records::PosixFileSystem fs;
   // O_NONBLOCK: a FIFO planted there must not hang the reader.
   records::Descriptor file(fs, ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
@@ -125,10 +125,16 @@ ReadOutcome read_field(const std::string& path, Header& header,
     error = "cannot read " + path + ": not a regular file";
     return ReadOutcome::kError;
   }
+  const bool past_cache = records::read_past_cache(file.get());
+  if (remote != nullptr) *remote = past_cache;
+  const ReadOutcome torn = past_cache ? ReadOutcome::kUnsettled : ReadOutcome::kError;
   std::string prefix(std::min<std::size_t>(kHeaderLimit, static_cast<std::size_t>(info.st_size)), '\0');
   std::size_t offset = 0;
-  if (read_all(file.get(), prefix.data(), prefix.size()) != static_cast<ssize_t>(prefix.size()) ||
-      !decode_header(prefix, header, offset, error)) {
+  if (read_all(file.get(), prefix.data(), prefix.size()) != static_cast<ssize_t>(prefix.size())) {
+    error = "cannot read " + path + ": it changed while being read";
+    return torn;
+  }
+  if (!decode_header(prefix, header, offset, error)) {
     error = path + ": " + (error.empty() ? "cannot be read" : error);
     return ReadOutcome::kError;
   }
@@ -137,7 +143,7 @@ ReadOutcome read_field(const std::string& path, Header& header,
       static_cast<std::size_t>(info.st_size) != offset + count * element_size(header.type)) {
     error = path + ": " + std::to_string(info.st_size) + " bytes do not match its header (" +
             std::to_string(count) + " values of " + type_name(header.type) + ")";
-    return ReadOutcome::kError;
+    return torn;
   }
   if (!destination) return ReadOutcome::kRead;
   void* values = destination(header, error);
@@ -148,7 +154,7 @@ ReadOutcome read_field(const std::string& path, Header& header,
   if (size > already &&
       read_all(file.get(), static_cast<char*>(values) + already, size - already) != static_cast<ssize_t>(size - already)) {
     error = "cannot read " + path + ": it changed while being read";
-    return ReadOutcome::kError;
+    return torn;
   }
   return ReadOutcome::kRead;
 }

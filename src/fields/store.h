@@ -18,13 +18,23 @@ std::string field_path(const std::string& project_directory, Role role, const st
 // the fields directories when missing. False with the reason in `error`.
 bool write_field(const std::string& path, const Header& header, const void* data, std::string& error);
 
-enum class ReadOutcome { kRead, kMissing, kError };
+enum class ReadOutcome {
+  kRead,
+  kMissing,
+  kError,
+  // On a network file system: the file's size disagrees with its header,
+  // or it changed while being read. The view of a file replaced elsewhere
+  // may lag; a later read may see it whole.
+  kUnsettled,
+};
 
 // Reads the header, asks `destination` where the values go (it may refuse by
-// returning nullptr, having set `error`), and reads them there.
+// returning nullptr, having set `error`), and reads them there. On a network
+// file system the file's cached pages are dropped first, and `remote`, when
+// given, is set.
 ReadOutcome read_field(const std::string& path, Header& header,
                        const std::function<void*(const Header&, std::string& error)>& destination,
-                       std::string& error);
+                       std::string& error, bool* remote = nullptr);
 
 // A destination for read_field that takes any field into `buffer`, resized
 // to its values.

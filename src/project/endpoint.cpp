@@ -153,17 +153,7 @@ GoRecord parse_go_record(std::string_view content) {
 std::string network_file_system(const std::string& directory) {
   struct statfs info {};
   if (::statfs(directory.c_str(), &info) != 0) return {};
-  switch (static_cast<unsigned long>(info.f_type)) {
-    case 0x6969: return "nfs";
-    case 0x0bd00bd0: return "lustre";
-    case 0x47504653: return "gpfs";
-    case 0x19830326: return "beegfs";
-    case 0xff534d42: return "cifs";
-    case 0xfe534d42: return "smb2";
-    case 0x00c36400: return "ceph";
-    case 0x65735546: return "fuse";
-    default: return {};
-  }
+  return records::network_file_system_kind(static_cast<unsigned long>(info.f_type));
 }
 
 std::unique_ptr<Endpoint> Endpoint::open(const std::string& directory, std::string& error, WaitSettings settings) {

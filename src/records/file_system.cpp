@@ -3,11 +3,15 @@
 #include <fcntl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
 
 namespace lockstep::records {
 
@@ -104,6 +108,59 @@ int with_fresh_name(const std::string& path, std::string& temporary, Make make) 
 }
 
 }  // namespace
+
+std::string network_file_system_kind(unsigned long type) {
+  switch (type) {
+    case 0x6969: return "nfs";
+    case 0x0bd00bd0: return "lustre";
+    case 0x47504653: return "gpfs";
+    case 0x19830326: return "beegfs";
+    case 0xff534d42: return "cifs";
+    case 0xfe534d42: return "smb2";
+    case 0x00c36400: return "ceph";
+    case 0x65735546: return "fuse";
+    default: return {};
+  }
+}
+
+bool read_past_cache(int fd) {
+  struct statfs info {};
+  if (::fstatfs(fd, &info) != 0 || network_file_system_kind(static_cast<unsigned long>(info.f_type)).empty()) {
+    return false;
+  }
+  // A hint: where it fails nothing better can be done than to read.
+  ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+  return true;
+}
+
+std::string mount_of(const std::string& path) {
+  char resolved[PATH_MAX];
+  // The file or, when it is missing, its directory.
+  std::string target = path;
+  while (::realpath(target.c_str(), resolved) == nullptr) {
+    const std::size_t slash = target.rfind('/');
+    if (slash == std::string::npos || slash == 0) return "an unknown mount";
+    target.resize(slash);
+  }
+  const std::string full = resolved;
+  std::ifstream mounts("/proc/self/mountinfo");
+  std::string line, best_point, best_type;
+  // ID PARENT MAJOR:MINOR ROOT POINT OPTIONS [OPTIONAL...] - TYPE SOURCE ...
+  while (std::getline(mounts, line)) {
+    std::istringstream words(line);
+    std::string id, parent, device, root, point, word;
+    words >> id >> parent >> device >> root >> point;
+    while (words >> word && word != "-") {}
+    std::string type;
+    words >> type;
+    const bool holds = full == point || point == "/" || full.rfind(point + "/", 0) == 0;
+    if (holds && point.size() >= best_point.size()) {
+      best_point = point;
+      best_type = type;
+    }
+  }
+  return best_point.empty() ? "an unknown mount" : best_type + " at " + best_point;
+}
 
 int create_temporary(FileSystem& fs, const std::string& path, std::string& temporary) {
   return with_fresh_name(path, temporary, [&fs](const std::string& name) { return fs.open(name, OpenMode::kCreateNew); });

@@ -70,6 +70,22 @@ class Descriptor {
 // the name, relative parts kept as written.
 std::string full_path_name(FileSystem& fs, const std::string& name);
 
+// The name of a network file system by its statfs type ("nfs", "fuse", ...):
+// one where other machines' writes may be seen late, and inotify misses
+// them. Empty for any other.
+std::string network_file_system_kind(unsigned long type);
+
+// Where the open file `fd` is on a network file system, drops the pages of
+// it this machine has cached, so that the next read asks the server: a
+// caching client (sshfs with auto_cache, NFS with nocto) may otherwise show
+// the old content of a file replaced elsewhere with the same size and time.
+// True when it is on one.
+bool read_past_cache(int fd);
+
+// "fuse.sshfs at /mnt/view": the type and mount point of the mount that
+// holds `path`, from /proc/self/mountinfo; "an unknown mount" when unknown.
+std::string mount_of(const std::string& path);
+
 // A file written whole beside `path` before it is renamed over it: created
 // new (kCreateNew) under ".NAME.RANDOM.tmp" in the same directory, RANDOM
 // being 16 hex digits from the kernel's random source, so that no other

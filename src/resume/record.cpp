@@ -75,6 +75,8 @@ ReadOutcome read_record(const std::string& directory, Record& record, std::strin
     error = "cannot read " + path + ": " + records::os_error_text(errno);
     return ReadOutcome::kError;
   }
+  // Written by lockstepctl resume, perhaps on another machine.
+  records::read_past_cache(file.get());
   std::string text(kRecordLimit + 1, '\0');
   std::size_t have = 0;
   for (ssize_t got = 1; got > 0 && have < text.size(); have += static_cast<std::size_t>(got)) {
