@@ -41,6 +41,8 @@ constexpr const char* kFooter =
     "directory and in every project directory, records the cycle the run resumes\n"
     "after: lockstep counts the remaining cycles from 1, and the project library,\n"
     "the agent, interaction programs and lockstepctl add that cycle to its numbers.\n"
+    "Checkpoints after that cycle are set aside in checkpoints/abandoned-K, where\n"
+    "no later resume looks: they belong to the timeline the run leaves.\n"
     "Every change is listed; --dry-run lists them and changes nothing. Refused while\n"
     "lockstep runs in RUN_DIR or another resume prepares it.";
 
