@@ -91,7 +91,7 @@ def test_what_a_field_cannot_hold(tree):
         ("b", [2**63 + 5], "the value 9223372036854775813 does not fit"),
         ("c", [-(2**63) - 1], "the value -9223372036854775809 does not fit"),
         ("d", [1, 2**70], "the value 1180591620717411303424 does not fit"),
-        ("e", numpy.array([1e4000], dtype=numpy.longdouble), "a value does not fit the float64"),
+        ("e", numpy.array([numpy.longdouble("1e4000")]), "a value does not fit the float64"),
     ]
     for name, values, message in too_big:
         with pytest.raises(lockstep.Error, match=f'field "{name}": {message}'):

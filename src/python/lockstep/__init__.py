@@ -76,7 +76,8 @@ def _as_field(name: str, values: Any) -> "numpy.ndarray":
                     raise Error(f'field "{name}": the value {value} does not fit the int64 values a field holds')
             array = array.astype(numpy.int64)
         elif array.dtype.kind == "f":
-            converted = array.astype(numpy.float64)
+            with numpy.errstate(over="ignore"):
+                converted = array.astype(numpy.float64)
             if numpy.any(numpy.isinf(converted) & ~numpy.isinf(array)):
                 raise Error(f'field "{name}": a value does not fit the float64 values a field holds')
             array = converted
