@@ -2,7 +2,92 @@
 
 #include <vector>
 
+#include "mapping/store.h"
+
 namespace lockstep::exchange {
+namespace {
+
+// A field of `source` read whole: values in `buffer`, its header in `header`.
+bool read_whole(fields::InteractionFields& fields, int source, const std::string& name, fields::Accept accept,
+                std::vector<char>& buffer, fields::Header& header, std::string& error) {
+  if (fields.get(source, name, fields::into_buffer(buffer), header, accept) == fields::Outcome::kOk) return true;
+  error = fields.error();
+  return false;
+}
+
+// The points and, if named, cells of a mesh of `project`. Meshes are
+// outputs published at any time: the newest is the mesh.
+bool read_mesh(fields::InteractionFields& fields, int project, const std::string& points_name,
+               const std::string* cells_name, mapping::Points& points, std::optional<mapping::Cells>& cells,
+               std::string& error) {
+  std::vector<char> buffer;
+  fields::Header header;
+  if (!read_whole(fields, project, points_name, fields::Accept::kAny, buffer, header, error)) return false;
+  if (error = mapping::points_from_field(header, buffer.data(), points); !error.empty()) {
+    error = "mesh \"" + points_name + "\" of " + fields::project_name(project) + ": " + error;
+    return false;
+  }
+  if (cells_name == nullptr) return true;
+  if (!read_whole(fields, project, *cells_name, fields::Accept::kAny, buffer, header, error)) return false;
+  cells.emplace();
+  if (error = mapping::cells_from_field(header, buffer.data(), points, *cells); !error.empty()) {
+    error = "cells \"" + *cells_name + "\" of " + fields::project_name(project) + ": " + error;
+    return false;
+  }
+  return true;
+}
+
+// The values of `copy`'s output mapped onto the target mesh, put as its
+// input. False with the reason in `error`; nothing is written then.
+bool map_copy(const Copy& copy, fields::InteractionFields& fields, std::string& error) {
+  mapping::Method method;
+  std::map<std::string, std::string> names;
+  mapping::parse_method(copy.mapping, method, names);
+  const auto name = [&](const char* key) { return names.count(key) > 0 ? &names.at(key) : nullptr; };
+  mapping::Points from, to;
+  std::optional<mapping::Cells> from_cells, to_cells;
+  if (!read_mesh(fields, copy.from, names.at("from-mesh"), name("from-cells"), from, from_cells, error) ||
+      !read_mesh(fields, copy.to, names.at("to-mesh"), name("to-cells"), to, to_cells, error)) {
+    return false;
+  }
+  std::vector<char> values;
+  fields::Header header;
+  if (!read_whole(fields, copy.from, copy.output, fields::Accept::kStage, values, header, error)) return false;
+  std::size_t components = 0;
+  if (error = mapping::components_of(header, from.count, components); !error.empty()) {
+    error = "output \"" + copy.output + "\" of " + fields::project_name(copy.from) + " on mesh \"" +
+            names.at("from-mesh") + "\": " + error;
+    return false;
+  }
+  const mapping::Mapping wanted{method,
+                                &from,
+                                from_cells ? &*from_cells : nullptr,
+                                &to,
+                                to_cells ? &*to_cells : nullptr,
+                                fields::project_name(copy.from) + " " + names.at("from-mesh") + " -> " +
+                                    fields::project_name(copy.to) + " " + names.at("to-mesh")};
+  mapping::Weights weights;
+  mapping::Source source;
+  if (error = mapping::weights_for(".", wanted, weights, source); !error.empty()) return false;
+  std::vector<double> mapped(to.count * components);
+  std::vector<double> rows(values.size() / sizeof(double));
+  // Column-major (n, k) values from Fortran: taken row by row.
+  if (header.column_major && header.shape.size() == 2) {
+    fields::reorder(header.shape, sizeof(double), false, values.data(), rows.data());
+  } else {
+    std::copy_n(reinterpret_cast<const double*>(values.data()), rows.size(), rows.data());
+  }
+  weights.apply(rows.data(), components, mapped.data());
+  std::vector<std::int64_t> shape = {static_cast<std::int64_t>(to.count)};
+  if (header.shape.size() == 2) shape.push_back(static_cast<std::int64_t>(components));
+  if (fields.put(copy.input, {fields::Type::kFloat64, shape, false, mapped.data()}) != fields::Outcome::kOk) {
+    error = fields.error();
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
 
 int run_copies(const Table& table, fields::InteractionFields& fields, std::ostream& errors) {
   int status = 0;
@@ -10,6 +95,14 @@ int run_copies(const Table& table, fields::InteractionFields& fields, std::ostre
   for (const Copy& copy : table.copies) {
     if (copy.to != fields.project()) continue;
     const std::string where = std::string(kTableFile) + ":" + std::to_string(copy.line) + ": ";
+    if (!copy.mapping.empty()) {
+      std::string error;
+      if (!map_copy(copy, fields, error)) {
+        errors << "lockstep-exchange: " << where << error << "\n";
+        status = 1;
+      }
+      continue;
+    }
     fields::Header header;
     const fields::Outcome got = fields.get(copy.from, copy.output, fields::into_buffer(buffer), header);
     if (got != fields::Outcome::kOk) {

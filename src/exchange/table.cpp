@@ -7,6 +7,7 @@
 #include <set>
 
 #include "fields/format.h"
+#include "mapping/method.h"
 
 namespace lockstep::exchange {
 namespace {
@@ -34,6 +35,29 @@ bool parse_output(const std::string& text, Copy& copy, std::string& error) {
   }
   error = fields::check_name(copy.output);
   return error.empty();
+}
+
+// The words after INPUT: key=value each, a mapping's.
+std::string parse_mapping(const std::vector<std::string>& word, Copy& copy) {
+  for (std::size_t i = 4; i < word.size(); ++i) {
+    const std::size_t equals = word[i].find('=');
+    if (equals == std::string::npos || equals == 0) {
+      return "\"" + word[i] + "\" is no mapping word: after FROM OUTPUT TO INPUT come only key=value words, such "
+             "as map=nearest-neighbour from-mesh=NAME to-mesh=NAME";
+    }
+    if (!copy.mapping.emplace(word[i].substr(0, equals), word[i].substr(equals + 1)).second) {
+      return word[i].substr(0, equals + 1) + " is given twice";
+    }
+  }
+  if (copy.mapping.empty()) return {};
+  if (copy.first) return "a mapped output is mapped whole, not sliced";
+  mapping::Method method;
+  std::map<std::string, std::string> names;
+  if (std::string error = mapping::parse_method(copy.mapping, method, names); !error.empty()) return error;
+  for (const auto& [key, name] : names) {
+    if (std::string error = fields::check_name(name); !error.empty()) return key + "=" + name + ": " + error;
+  }
+  return {};
 }
 
 }  // namespace
@@ -68,7 +92,7 @@ Table parse_table(const std::string& text) {
     }
     if (word.empty()) continue;
     const std::string where = std::string(kTableFile) + ":" + std::to_string(number) + ": ";
-    if (word.size() != 4) {
+    if (word.size() < 4) {
       table.errors.push_back(where + "a line holds four words, FROM OUTPUT TO INPUT, not " +
                              std::to_string(word.size()));
       continue;
@@ -86,7 +110,8 @@ Table parse_table(const std::string& text) {
     copy.from = *from;
     copy.to = *to;
     copy.input = word[3];
-    if (!parse_output(word[1], copy, error) || !(error = fields::check_name(copy.input)).empty()) {
+    if (!parse_output(word[1], copy, error) || !(error = fields::check_name(copy.input)).empty() ||
+        !(error = parse_mapping(word, copy)).empty()) {
       table.errors.push_back(where + error);
       continue;
     }

@@ -2,12 +2,14 @@
 // which project, one line each, read by lockstep-exchange in every stage and
 // by lockstepctl check before a run.
 //
-//   # from  output      to    input
+//   # from  output      to    input   mapping
 //   sub1    u[0:1]      main  right
 //   main    u[3:4]      sub1  left
+//   main    T           sub1  T_in    map=linear from-mesh=xy from-cells=tri to-mesh=xy_left
 #pragma once
 
 #include <cstddef>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,6 +30,8 @@ struct Copy {
   std::optional<std::size_t> first, last;
   int to = 0;
   std::string input;
+  // The mapping words, key=value, checked; empty for a plain copy.
+  std::map<std::string, std::string> mapping;
 };
 
 struct Table {

@@ -1,0 +1,31 @@
+// The consistent weights of each method, for method.cpp.
+#pragma once
+
+#include <string>
+
+#include "mapping/method.h"
+#include "mapping/search.h"
+
+namespace lockstep::mapping {
+
+// Each target point takes its nearest source point's value.
+Weights nearest_weights(const Points& from, const PointSearch& search, const Points& to);
+
+// Barycentric weights in the cell that holds each target point, or, for a
+// point outside every cell (or off a surface of triangles), in the nearest
+// cell at the point's projection onto it. `outside` counts those.
+Weights linear_weights(const Points& from, const Cells& cells, const Points& to, std::size_t& outside);
+
+// One global RBF system over every source point.
+std::string rbf_weights(const Method& method, const Points& from, const PointSearch& search, const Points& to,
+                        Weights& weights);
+
+// Partition of unity: a small RBF system per cluster, blended.
+std::string rbf_pum_weights(const Method& method, const Points& from, const PointSearch& search, const Points& to,
+                            Weights& weights);
+
+// Two source points at one place make an RBF system singular: their
+// indices, if any.
+std::string duplicate_points(const Points& from, const PointSearch& search);
+
+}  // namespace lockstep::mapping

@@ -1,0 +1,148 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <numeric>
+#include <random>
+
+#include "mapping/method.h"
+
+namespace lockstep::mapping {
+namespace {
+
+Points random_points(std::size_t count, int dimension, unsigned seed) {
+  std::mt19937 random(seed);
+  std::uniform_real_distribution<double> unit(0, 1);
+  Points points;
+  points.count = count;
+  points.dimension = dimension;
+  for (std::size_t i = 0; i < count * static_cast<std::size_t>(dimension); ++i) points.coordinates.push_back(unit(random));
+  return points;
+}
+
+std::vector<double> sampled(const Points& points, double (*f)(const double*)) {
+  std::vector<double> values(points.count);
+  for (std::size_t i = 0; i < points.count; ++i) values[i] = f(points.at(i));
+  return values;
+}
+
+Method method_of(const std::map<std::string, std::string>& words) {
+  Method method;
+  std::map<std::string, std::string> names;
+  EXPECT_EQ(parse_method(words, method, names), "");
+  return method;
+}
+
+TEST(MappingTest, EveryWrongWordIsRefusedWithWhatToWrite) {
+  const std::map<std::string, std::string> meshes = {{"from-mesh", "a"}, {"to-mesh", "b"}};
+  const struct {
+    std::map<std::string, std::string> words;
+    std::string error;
+  } cases[] = {
+      {{}, "a mapping needs map=: linear, nearest-neighbour, rbf, rbf-pum"},
+      {{{"map", "cubic"}}, "map=cubic is no method: use linear, nearest-neighbour, rbf, rbf-pum"},
+      {{{"map", "rbf"}, {"basis", "multiquadric"}},
+       "basis=multiquadric is no basis: use gaussian, thin-plate-spline, wendland-c2, wendland-c4, wendland-c6"},
+      {{{"map", "linear"}, {"basis", "gaussian"}}, "basis= applies to map=rbf and map=rbf-pum, not map=linear"},
+      {{{"map", "rbf"}, {"basis", "gaussian"}, {"shape", "-1"}}, "shape=-1: give a positive number"},
+      {{{"map", "rbf"}, {"shape", "2"}}, "shape= applies to basis=gaussian"},
+      {{{"map", "rbf"}, {"radius", "nan"}}, "radius=nan: give a positive number"},
+      {{{"map", "rbf"}, {"polynomial", "yes"}}, "polynomial=yes: use on or off"},
+      {{{"map", "rbf"}, {"cluster-size", "9"}}, "cluster-size= applies to map=rbf-pum, not map=rbf"},
+      {{{"map", "rbf-pum"}, {"cluster-size", "4.5"}}, "cluster-size=4.5: give a whole number from 5 to 1000"},
+      {{{"map", "nearest-neighbour"}, {"constraint", "exact"}}, "constraint=exact: use consistent or conservative"},
+      {{{"map", "nearest-neighbour"}, {"weight", "1"}},
+       "\"weight=\" is no mapping word: use map, constraint, from-mesh, to-mesh, from-cells, to-cells, basis, shape, "
+       "radius, polynomial, cluster-size, overlap"},
+      {{{"map", "linear"}}, "map=linear needs from-cells=, the source mesh's triangles or tetrahedra"},
+      {{{"map", "linear"}, {"constraint", "conservative"}, {"from-cells", "t"}},
+       "a conservative map=linear needs to-cells=, the target mesh's triangles or tetrahedra (it is the transpose "
+       "of the linear map from the target mesh)"},
+  };
+  for (const auto& c : cases) {
+    auto words = c.words;
+    words.insert(meshes.begin(), meshes.end());
+    Method method;
+    std::map<std::string, std::string> names;
+    EXPECT_EQ(parse_method(words, method, names), c.error);
+  }
+  Method method;
+  std::map<std::string, std::string> names;
+  EXPECT_EQ(parse_method({{"map", "rbf"}, {"from-mesh", "a"}}, method, names), "a mapping needs from-mesh= and to-mesh=");
+  EXPECT_EQ(method_of({{"map", "rbf-pum"}, {"from-mesh", "a"}, {"to-mesh", "b"}}).canonical(),
+            "map=rbf-pum constraint=consistent basis=wendland-c6 polynomial=on cluster-size=50 overlap=0.5");
+}
+
+TEST(MappingTest, MeshesAndCellsAreCheckedBeforeUse) {
+  const double coordinates[] = {0, 0, 1, 0, 0, 1, NAN, 0};
+  Points points;
+  EXPECT_EQ(points_from_field({fields::Type::kFloat64, false, {4, 2}, {}}, coordinates, points),
+            "point 3 has a coordinate that is not finite (nan)");
+  EXPECT_EQ(points_from_field({fields::Type::kFloat64, false, {2, 4}, {}}, coordinates, points),
+            "a mesh has shape (n,) or (n, d) with d 1, 2 or 3, not (2, 4)");
+  EXPECT_EQ(points_from_field({fields::Type::kInt64, false, {4}, {}}, coordinates, points),
+            "a mesh holds float64 coordinates, not int64");
+  ASSERT_EQ(points_from_field({fields::Type::kFloat64, false, {3, 2}, {}}, coordinates, points), "");
+  const std::int32_t triangle[] = {0, 1, 3};
+  Cells cells;
+  EXPECT_EQ(cells_from_field({fields::Type::kInt32, false, {1, 3}, {}}, triangle, points, cells),
+            "cell 0 names point 3, but the mesh has points 0 to 2");
+  EXPECT_EQ(cells_from_field({fields::Type::kInt32, false, {1, 4}, {}}, triangle, points, cells),
+            "tetrahedra need 3-D points, not 2-D");
+  std::size_t components = 0;
+  EXPECT_EQ(components_of({fields::Type::kFloat64, false, {4, 2}, {}}, 3, components),
+            "the values have shape (4, 2), but their mesh has 3 points: give (3,) or (3, k)");
+  ASSERT_EQ(components_of({fields::Type::kFloat64, false, {3, 2}, {}}, 3, components), "");
+  EXPECT_EQ(components, 2u);
+}
+
+double linear_field(const double* x) { return 1 + 2 * x[0] - 3 * x[1] + 0.5 * x[2]; }
+
+// What every method must do on any mesh: constants and linear fields kept
+// where the method promises it, and conservation of the sum.
+TEST(MappingTest, ConstantsLinearFieldsAndSumsAreKept) {
+  const Points from = random_points(400, 3, 1), to = random_points(300, 3, 2);
+  for (const char* kind : {"nearest-neighbour", "rbf", "rbf-pum"}) {
+    SCOPED_TRACE(kind);
+    const Method consistent = method_of({{"map", kind}, {"from-mesh", "a"}, {"to-mesh", "b"}});
+    Weights weights;
+    ASSERT_EQ(compute_weights(consistent, from, nullptr, to, nullptr, weights), "");
+    EXPECT_EQ(weights.defect(), nullptr);
+    ASSERT_EQ(weights.rows, to.count);
+    const std::vector<double> source = sampled(from, linear_field);
+    std::vector<double> target(to.count);
+    weights.apply(source.data(), 1, target.data());
+    for (std::size_t row = 0; row < weights.rows; ++row) {
+      double sum = 0;
+      for (auto at = weights.row_start[row]; at < weights.row_start[row + 1]; ++at) sum += weights.value[static_cast<std::size_t>(at)];
+      ASSERT_NEAR(sum, 1, 1e-9) << row;
+      if (std::string(kind) != "nearest-neighbour") {
+        ASSERT_NEAR(target[row], linear_field(to.at(row)), 1e-7) << row;
+      }
+    }
+    // Conservative: the transpose of the map the other way; the sum kept.
+    Method conservative = consistent;
+    conservative.conservative = true;
+    Weights kept, backwards;
+    ASSERT_EQ(compute_weights(conservative, from, nullptr, to, nullptr, kept), "");
+    ASSERT_EQ(compute_weights(consistent, to, nullptr, from, nullptr, backwards), "");
+    const Weights twice = backwards.transposed();
+    EXPECT_EQ(kept.row_start, twice.row_start);
+    EXPECT_EQ(kept.column_of, twice.column_of);
+    EXPECT_EQ(kept.value, twice.value);
+    std::vector<double> forces(from.count), moved(to.count);
+    std::iota(forces.begin(), forces.end(), 1.0);
+    kept.apply(forces.data(), 1, moved.data());
+    const double before = std::accumulate(forces.begin(), forces.end(), 0.0);
+    EXPECT_NEAR(std::accumulate(moved.begin(), moved.end(), 0.0), before, 1e-12 * before);
+  }
+  // Two source points at one place cannot carry an RBF system.
+  Points twin = from;
+  std::copy_n(twin.at(7), 3, twin.coordinates.begin() + 3 * 200);
+  Weights weights;
+  EXPECT_EQ(compute_weights(method_of({{"map", "rbf"}, {"from-mesh", "a"}, {"to-mesh", "b"}}), twin, nullptr, to,
+                            nullptr, weights),
+            "source points 7 and 200 are at one place, which makes the RBF system singular: remove one");
+}
+
+}  // namespace
+}  // namespace lockstep::mapping

@@ -1,0 +1,82 @@
+#include "mapping/mesh.h"
+
+#include <cmath>
+#include <cstring>
+
+namespace lockstep::mapping {
+
+std::string points_from_field(const fields::Header& header, const void* values, Points& points) {
+  const auto& shape = header.shape;
+  if (header.type != fields::Type::kFloat64) {
+    return "a mesh holds float64 coordinates, not " + fields::type_name(header.type);
+  }
+  if (shape.empty() || shape.size() > 2 || (shape.size() == 2 && (shape[1] < 1 || shape[1] > 3))) {
+    return "a mesh has shape (n,) or (n, d) with d 1, 2 or 3, not " + fields::shape_text(shape);
+  }
+  points.count = static_cast<std::size_t>(shape[0]);
+  points.dimension = shape.size() == 1 ? 1 : static_cast<int>(shape[1]);
+  if (points.count == 0) return "a mesh needs at least one point";
+  const std::size_t total = points.count * static_cast<std::size_t>(points.dimension);
+  points.coordinates.resize(total);
+  std::memcpy(points.coordinates.data(), values, total * sizeof(double));
+  // Column-major (n, d) coordinates come from Fortran: put them row by row.
+  if (header.column_major && points.dimension > 1) {
+    fields::reorder(shape, sizeof(double), false, values, points.coordinates.data());
+  }
+  for (std::size_t i = 0; i < total; ++i) {
+    if (!std::isfinite(points.coordinates[i])) {
+      return "point " + std::to_string(i / static_cast<std::size_t>(points.dimension)) +
+             " has a coordinate that is not finite (" + std::to_string(points.coordinates[i]) + ")";
+    }
+  }
+  return {};
+}
+
+std::string cells_from_field(const fields::Header& header, const void* values, const Points& points, Cells& cells) {
+  const auto& shape = header.shape;
+  if (header.type == fields::Type::kFloat64) return "cells hold int32 or int64 point indices, not float64";
+  if (shape.size() != 2 || (shape[1] != 3 && shape[1] != 4)) {
+    return "cells have shape (m, 3) for triangles or (m, 4) for tetrahedra, not " + fields::shape_text(shape);
+  }
+  cells.count = static_cast<std::size_t>(shape[0]);
+  cells.corners = static_cast<int>(shape[1]);
+  if (cells.corners == 4 && points.dimension != 3) {
+    return "tetrahedra need 3-D points, not " + std::to_string(points.dimension) + "-D";
+  }
+  if (points.dimension == 1) return "triangles need 2-D or 3-D points, not 1-D";
+  const std::size_t total = cells.count * static_cast<std::size_t>(cells.corners);
+  cells.indices.resize(total);
+  std::vector<std::int64_t> stored(total);
+  for (std::size_t i = 0; i < total; ++i) {
+    stored[i] = header.type == fields::Type::kInt32 ? static_cast<const std::int32_t*>(values)[i]
+                                                    : static_cast<const std::int64_t*>(values)[i];
+  }
+  if (header.column_major) {
+    fields::reorder(shape, sizeof(std::int64_t), false, stored.data(), cells.indices.data());
+  } else {
+    cells.indices = std::move(stored);
+  }
+  for (std::size_t i = 0; i < total; ++i) {
+    if (cells.indices[i] < 0 || static_cast<std::size_t>(cells.indices[i]) >= points.count) {
+      return "cell " + std::to_string(i / static_cast<std::size_t>(cells.corners)) + " names point " +
+             std::to_string(cells.indices[i]) + ", but the mesh has points 0 to " + std::to_string(points.count - 1);
+    }
+  }
+  if (cells.count == 0) return "no cells are given";
+  return {};
+}
+
+std::string components_of(const fields::Header& header, std::size_t count, std::size_t& components) {
+  const auto& shape = header.shape;
+  if (header.type != fields::Type::kFloat64) {
+    return "mapped values are float64, not " + fields::type_name(header.type);
+  }
+  if (shape.empty() || shape.size() > 2 || static_cast<std::size_t>(shape[0]) != count) {
+    return "the values have shape " + fields::shape_text(shape) + ", but their mesh has " + std::to_string(count) +
+           " points: give (" + std::to_string(count) + ",) or (" + std::to_string(count) + ", k)";
+  }
+  components = shape.size() == 1 ? 1 : static_cast<std::size_t>(shape[1]);
+  return {};
+}
+
+}  // namespace lockstep::mapping

@@ -1,0 +1,235 @@
+#include <Eigen/Dense>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "mapping/kernels.h"
+
+namespace lockstep::mapping {
+namespace {
+
+double wendland(Basis basis, double rho) {
+  if (rho >= 1) return 0;
+  const double s = 1 - rho;
+  switch (basis) {
+    case Basis::kWendlandC2: return std::pow(s, 4) * (4 * rho + 1);
+    case Basis::kWendlandC4: return std::pow(s, 6) * (35 * rho * rho + 18 * rho + 3) / 3;
+    default: return std::pow(s, 8) * (32 * rho * rho * rho + 25 * rho * rho + 8 * rho + 1);
+  }
+}
+
+// The basis with its scale settled: phi(r).
+struct Kernel {
+  Basis basis;
+  double shape = 1, radius = 1;
+  double operator()(double r) const {
+    switch (basis) {
+      case Basis::kThinPlateSpline: return r > 0 ? r * r * std::log(r) : 0.0;
+      case Basis::kGaussian: return std::exp(-(shape * r) * (shape * r));
+      default: return wendland(basis, r / radius);
+    }
+  }
+};
+
+// Defaults from the point spacing h: a Gaussian as wide as a few points, a
+// Wendland support holding a few dozen.
+Kernel kernel_for(const Method& method, double spacing) {
+  return {method.basis, method.shape.value_or(1 / (3 * spacing)), method.radius.value_or(6 * spacing)};
+}
+
+double distance(const double* a, const double* b, int dimension) {
+  double sum = 0;
+  for (int k = 0; k < dimension; ++k) sum += (a[k] - b[k]) * (a[k] - b[k]);
+  return std::sqrt(sum);
+}
+
+// The local interpolant's weights: for each target row t of `targets`, the
+// coefficients on `sources` that give its value. Points by index into
+// `from` and `to`. False when the system cannot be solved.
+bool solve_local(const Kernel& phi, bool polynomial, const Points& from, const std::vector<std::size_t>& sources,
+                 const Points& to, const std::vector<std::size_t>& targets, Eigen::MatrixXd& result) {
+  const int d = from.dimension;
+  const auto n = static_cast<Eigen::Index>(sources.size());
+  const Eigen::Index p = polynomial ? d + 1 : 0;
+  Eigen::MatrixXd system = Eigen::MatrixXd::Zero(n + p, n + p);
+  for (Eigen::Index i = 0; i < n; ++i) {
+    const double* xi = from.at(sources[static_cast<std::size_t>(i)]);
+    for (Eigen::Index j = 0; j <= i; ++j) {
+      system(i, j) = system(j, i) = phi(distance(xi, from.at(sources[static_cast<std::size_t>(j)]), d));
+    }
+    if (polynomial) {
+      system(i, n) = system(n, i) = 1;
+      for (int k = 0; k < d; ++k) system(i, n + 1 + k) = system(n + 1 + k, i) = xi[k];
+    }
+  }
+  const auto m = static_cast<Eigen::Index>(targets.size());
+  Eigen::MatrixXd evaluation(n + p, m);
+  for (Eigen::Index t = 0; t < m; ++t) {
+    const double* x = to.at(targets[static_cast<std::size_t>(t)]);
+    for (Eigen::Index j = 0; j < n; ++j) {
+      evaluation(j, t) = phi(distance(x, from.at(sources[static_cast<std::size_t>(j)]), d));
+    }
+    if (polynomial) {
+      evaluation(n, t) = 1;
+      for (int k = 0; k < d; ++k) evaluation(n + 1 + k, t) = x[k];
+    }
+  }
+  // The system is symmetric: the weights are evaluation^T system^-1.
+  result = system.partialPivLu().solve(evaluation).topRows(n);
+  return result.allFinite();
+}
+
+}  // namespace
+
+std::string rbf_weights(const Method& method, const Points& from, const PointSearch& search, const Points& to,
+                        Weights& weights) {
+  if (std::string duplicate = duplicate_points(from, search); !duplicate.empty()) return duplicate;
+  if (from.count > 20000) {
+    return "map=rbf solves one dense system over all " + std::to_string(from.count) +
+           " source points, too many: use map=rbf-pum";
+  }
+  if (method.polynomial && from.count < static_cast<std::size_t>(from.dimension) + 1) {
+    return "polynomial=on needs at least " + std::to_string(from.dimension + 1) + " source points";
+  }
+  std::vector<std::size_t> sources(from.count), targets(to.count);
+  for (std::size_t i = 0; i < from.count; ++i) sources[i] = i;
+  for (std::size_t i = 0; i < to.count; ++i) targets[i] = i;
+  Eigen::MatrixXd local;
+  if (!solve_local(kernel_for(method, mean_spacing(from, search)), method.polynomial, from, sources, to, targets,
+                   local)) {
+    return "the RBF system is singular: the source points may lie on a line or plane (try polynomial=off)";
+  }
+  weights = Weights{};
+  weights.columns = from.count;
+  std::vector<std::int64_t> columns(from.count);
+  for (std::size_t i = 0; i < from.count; ++i) columns[i] = static_cast<std::int64_t>(i);
+  std::vector<double> row(from.count);
+  for (std::size_t t = 0; t < to.count; ++t) {
+    for (std::size_t i = 0; i < from.count; ++i) {
+      row[i] = local(static_cast<Eigen::Index>(i), static_cast<Eigen::Index>(t));
+    }
+    weights.add_row(columns, row);
+  }
+  return {};
+}
+
+std::string rbf_pum_weights(const Method& method, const Points& from, const PointSearch& search, const Points& to,
+                            Weights& weights) {
+  if (std::string duplicate = duplicate_points(from, search); !duplicate.empty()) return duplicate;
+  const int d = from.dimension;
+  const std::size_t wanted = std::min(method.cluster_size, from.count);
+  // The cluster radius: what holds `wanted` source points around a sample
+  // of them (the median, so that clusters in sparse parts grow below).
+  std::vector<double> reach;
+  const std::size_t stride = std::max<std::size_t>(1, from.count / 256);
+  for (std::size_t i = 0; i < from.count; i += stride) {
+    reach.push_back(std::sqrt(search.nearest(from.at(i), wanted).back().second));
+  }
+  std::nth_element(reach.begin(), reach.begin() + static_cast<std::ptrdiff_t>(reach.size() / 2), reach.end());
+  const double radius = std::max(reach[reach.size() / 2], std::numeric_limits<double>::min()) * (1 + method.overlap);
+  // Centres on a grid over the source points' box, close enough that the
+  // balls cover it.
+  std::vector<double> low(static_cast<std::size_t>(d), std::numeric_limits<double>::infinity());
+  std::vector<double> high(static_cast<std::size_t>(d), -std::numeric_limits<double>::infinity());
+  for (std::size_t i = 0; i < from.count; ++i) {
+    for (int k = 0; k < d; ++k) {
+      low[static_cast<std::size_t>(k)] = std::min(low[static_cast<std::size_t>(k)], from.at(i)[k]);
+      high[static_cast<std::size_t>(k)] = std::max(high[static_cast<std::size_t>(k)], from.at(i)[k]);
+    }
+  }
+  const double spacing = 2 * radius / std::sqrt(static_cast<double>(d)) / (1 + method.overlap);
+  std::vector<std::size_t> steps(static_cast<std::size_t>(d));
+  std::size_t total = 1;
+  for (int k = 0; k < d; ++k) {
+    steps[static_cast<std::size_t>(k)] =
+        static_cast<std::size_t>(std::floor((high[static_cast<std::size_t>(k)] - low[static_cast<std::size_t>(k)]) /
+                                            spacing)) + 1;
+    total *= steps[static_cast<std::size_t>(k)];
+  }
+  Points centres;
+  centres.dimension = d;
+  std::vector<std::vector<std::size_t>> members;
+  for (std::size_t g = 0; g < total; ++g) {
+    double centre[3];
+    std::size_t rest = g;
+    for (int k = 0; k < d; ++k) {
+      const std::size_t step = rest % steps[static_cast<std::size_t>(k)];
+      rest /= steps[static_cast<std::size_t>(k)];
+      centre[k] = low[static_cast<std::size_t>(k)] + (static_cast<double>(step) + 0.5) * spacing;
+    }
+    std::vector<std::size_t> inside;
+    for (const auto& [index, ignored] : search.within(centre, radius)) inside.push_back(index);
+    if (inside.size() < static_cast<std::size_t>(d) + 2) continue;
+    std::sort(inside.begin(), inside.end());
+    centres.coordinates.insert(centres.coordinates.end(), centre, centre + d);
+    members.push_back(std::move(inside));
+    ++centres.count;
+  }
+  if (centres.count == 0) return "too few source points for rbf-pum's clusters: use map=rbf";
+  const PointSearch centre_search(centres);
+  const Kernel phi = kernel_for(method, mean_spacing(from, search));
+  // Each target's clusters and blending weights, summing to one; a point
+  // beyond every ball takes its nearest cluster's interpolant alone.
+  std::vector<std::vector<std::pair<std::size_t, double>>> blend(to.count);
+  std::vector<std::vector<std::size_t>> targets_of(centres.count);
+  for (std::size_t t = 0; t < to.count; ++t) {
+    double sum = 0;
+    for (const auto& [c, squared] : centre_search.within(to.at(t), radius)) {
+      const double w = wendland(Basis::kWendlandC2, std::sqrt(squared) / radius);
+      if (w <= 0) continue;
+      blend[t].push_back({c, w});
+      sum += w;
+    }
+    if (blend[t].empty()) {
+      blend[t].push_back({centre_search.nearest(to.at(t), 1).front().first, 1.0});
+      sum = 1;
+    }
+    for (auto& [c, w] : blend[t]) {
+      w /= sum;
+      targets_of[c].push_back(t);
+    }
+  }
+  std::vector<std::vector<std::pair<std::int64_t, double>>> rows(to.count);
+  Eigen::MatrixXd local;
+  for (std::size_t c = 0; c < centres.count; ++c) {
+    if (targets_of[c].empty()) continue;
+    const bool polynomial = method.polynomial && members[c].size() > static_cast<std::size_t>(d) + 1;
+    if (!solve_local(phi, polynomial, from, members[c], to, targets_of[c], local)) {
+      return "the RBF system of the cluster around source point " + std::to_string(members[c].front()) +
+             " is singular: its points may lie on a line or plane (try polynomial=off)";
+    }
+    for (std::size_t k = 0; k < targets_of[c].size(); ++k) {
+      const std::size_t t = targets_of[c][k];
+      double share = 0;
+      for (const auto& [cluster, w] : blend[t]) {
+        if (cluster == c) share = w;
+      }
+      for (std::size_t j = 0; j < members[c].size(); ++j) {
+        rows[t].push_back({static_cast<std::int64_t>(members[c][j]),
+                           share * local(static_cast<Eigen::Index>(j), static_cast<Eigen::Index>(k))});
+      }
+    }
+  }
+  weights = Weights{};
+  weights.columns = from.count;
+  std::vector<std::int64_t> columns;
+  std::vector<double> values;
+  for (auto& row : rows) {
+    std::sort(row.begin(), row.end());
+    columns.clear();
+    values.clear();
+    for (const auto& [column, value] : row) {
+      if (!columns.empty() && columns.back() == column) {
+        values.back() += value;
+      } else {
+        columns.push_back(column);
+        values.push_back(value);
+      }
+    }
+    weights.add_row(columns, values);
+  }
+  return {};
+}
+
+}  // namespace lockstep::mapping

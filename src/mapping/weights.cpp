@@ -1,0 +1,59 @@
+#include "mapping/weights.h"
+
+#include <algorithm>
+
+namespace lockstep::mapping {
+
+void Weights::add_row(const std::vector<std::int64_t>& row_columns, const std::vector<double>& row_values) {
+  column_of.insert(column_of.end(), row_columns.begin(), row_columns.end());
+  value.insert(value.end(), row_values.begin(), row_values.end());
+  row_start.push_back(static_cast<std::int64_t>(value.size()));
+  ++rows;
+}
+
+Weights Weights::transposed() const {
+  Weights other;
+  other.rows = columns;
+  other.columns = rows;
+  other.row_start.assign(columns + 1, 0);
+  for (const std::int64_t column : column_of) ++other.row_start[static_cast<std::size_t>(column) + 1];
+  for (std::size_t i = 0; i < columns; ++i) other.row_start[i + 1] += other.row_start[i];
+  other.column_of.resize(value.size());
+  other.value.resize(value.size());
+  std::vector<std::int64_t> next(other.row_start.begin(), other.row_start.end() - 1);
+  for (std::size_t row = 0; row < rows; ++row) {
+    for (auto at = static_cast<std::size_t>(row_start[row]); at < static_cast<std::size_t>(row_start[row + 1]); ++at) {
+      const auto to = static_cast<std::size_t>(next[static_cast<std::size_t>(column_of[at])]++);
+      other.column_of[to] = static_cast<std::int64_t>(row);
+      other.value[to] = value[at];
+    }
+  }
+  return other;
+}
+
+void Weights::apply(const double* source, std::size_t components, double* target) const {
+  std::fill(target, target + rows * components, 0.0);
+  for (std::size_t row = 0; row < rows; ++row) {
+    double* out = target + row * components;
+    for (auto at = static_cast<std::size_t>(row_start[row]); at < static_cast<std::size_t>(row_start[row + 1]); ++at) {
+      const double* in = source + static_cast<std::size_t>(column_of[at]) * components;
+      for (std::size_t k = 0; k < components; ++k) out[k] += value[at] * in[k];
+    }
+  }
+}
+
+const char* Weights::defect() const {
+  if (row_start.size() != rows + 1 || row_start.front() != 0 ||
+      static_cast<std::size_t>(row_start.back()) != value.size() || column_of.size() != value.size()) {
+    return "its row offsets do not match its values";
+  }
+  for (std::size_t row = 0; row < rows; ++row) {
+    if (row_start[row + 1] < row_start[row]) return "its row offsets fall";
+  }
+  for (const std::int64_t column : column_of) {
+    if (column < 0 || static_cast<std::size_t>(column) >= columns) return "a column lies outside the source mesh";
+  }
+  return nullptr;
+}
+
+}  // namespace lockstep::mapping

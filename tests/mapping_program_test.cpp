@@ -1,0 +1,135 @@
+// lockstep-exchange mapping between meshes that do not match: what it
+// writes, the weights it keeps and computes anew, and every fault of a
+// mapping line, each refused with its line number and nothing written.
+#include <filesystem>
+
+#include "fields/store.h"
+#include "run_tree.h"
+
+namespace lockstep::testing {
+namespace {
+
+using fields::Role;
+using fields::Type;
+
+class MappingRunTest : public ::testing::Test {
+ protected:
+  MappingRunTest() {
+    tree.settings(1, 1, 1);
+    tree.projects(1, "");
+  }
+  // An output of `project`, published before the first request.
+  template <typename T>
+  void publish(int project, const std::string& name, Type type, std::vector<std::int64_t> shape,
+               const std::vector<T>& values) {
+    std::string error;
+    ASSERT_TRUE(fields::write_field(fields::field_path(tree.project(project).string(), Role::kOutput, name),
+                                    {type, false, std::move(shape), {project, Role::kOutput, {0, 0, 0}}},
+                                    values.data(), error))
+        << error;
+  }
+  Exit exchange(const std::string& table) {
+    write_file(tree.run() / "exchange.dat", table);
+    return run_program({EXCHANGE_BINARY, "1", "1", "1", "1"}, tree.run());
+  }
+  std::vector<double> input(const std::string& name, std::vector<std::int64_t>* shape = nullptr) {
+    fields::Header header;
+    std::vector<char> bytes;
+    std::string error;
+    EXPECT_EQ(fields::read_field(fields::field_path(tree.project(1).string(), Role::kInput, name), header,
+                                 fields::into_buffer(bytes), error),
+              fields::ReadOutcome::kRead)
+        << error;
+    if (shape != nullptr) *shape = header.shape;
+    const auto* first = reinterpret_cast<const double*>(bytes.data());
+    return std::vector<double>(first, first + bytes.size() / sizeof(double));
+  }
+  std::size_t kept_weights() {
+    std::error_code error;
+    const auto folder = tree.run() / "mappings";
+    return std::filesystem::exists(folder) ? static_cast<std::size_t>(std::distance(
+                                                 std::filesystem::directory_iterator(folder, error), {}))
+                                           : 0;
+  }
+  RunTree tree;
+};
+
+// Nearest points on a line, two components each; the weights are kept,
+// used again, and computed anew when the target mesh changes.
+TEST_F(MappingRunTest, ValuesFollowTheMeshesAndWeightsAreKeptPerMesh) {
+  publish<double>(0, "x", Type::kFloat64, {4}, {0, 1, 2, 3});
+  publish<double>(0, "u", Type::kFloat64, {4, 2}, {10, -10, 11, -11, 12, -12, 13, -13});
+  publish<double>(1, "y", Type::kFloat64, {3}, {2.9, 0.2, 1.6});
+  const std::string table = "main u sub1 v map=nearest-neighbour from-mesh=x to-mesh=y\n";
+  const Exit first = exchange(table);
+  ASSERT_EQ(first.status, 0) << first.err;
+  std::vector<std::int64_t> shape;
+  EXPECT_EQ(input("v", &shape), (std::vector<double>{13, -13, 10, -10, 12, -12}));
+  EXPECT_EQ(shape, (std::vector<std::int64_t>{3, 2}));
+  EXPECT_EQ(kept_weights(), 1u);
+  ASSERT_EQ(exchange(table).status, 0);
+  EXPECT_EQ(kept_weights(), 1u);
+  // The target project re-meshes with as many points: new weights.
+  publish<double>(1, "y", Type::kFloat64, {3}, {0.1, 1.2, 2.2});
+  ASSERT_EQ(exchange(table).status, 0);
+  EXPECT_EQ(input("v"), (std::vector<double>{10, -10, 11, -11, 12, -12}));
+  EXPECT_EQ(kept_weights(), 2u);
+  // Damaged weights are not applied: they are computed again.
+  for (const auto& entry : std::filesystem::directory_iterator(tree.run() / "mappings")) {
+    write_file(entry.path() / "indices.npy", "damaged");
+  }
+  ASSERT_EQ(exchange(table).status, 0);
+  EXPECT_EQ(input("v"), (std::vector<double>{10, -10, 11, -11, 12, -12}));
+}
+
+TEST_F(MappingRunTest, EveryFaultOfAMappingIsRefusedWithItsLine) {
+  publish<double>(0, "xy", Type::kFloat64, {4, 2}, {0, 0, 1, 0, 0, 1, 1, 1});
+  publish<double>(0, "twin", Type::kFloat64, {3, 2}, {0, 0, 1, 0, 0, 0});
+  publish<double>(0, "bad", Type::kFloat64, {2, 2}, {0, 0, NAN, 1});
+  publish<double>(0, "wide", Type::kFloat64, {2, 4}, {0, 0, 0, 0, 1, 1, 1, 1});
+  publish<std::int64_t>(0, "ints", Type::kInt64, {4, 2}, {0, 0, 1, 0, 0, 1, 1, 1});
+  publish<std::int32_t>(0, "tri", Type::kInt32, {2, 3}, {0, 1, 2, 1, 2, 4});
+  publish<double>(0, "T", Type::kFloat64, {4}, {1, 2, 3, 4});
+  publish<double>(0, "T3", Type::kFloat64, {3}, {1, 2, 3});
+  publish<double>(1, "xy", Type::kFloat64, {2, 2}, {0.5, 0.5, 0.2, 0.1});
+  const struct {
+    std::string words;
+    std::string error;
+    std::string output = "T";
+  } cases[] = {
+      {"map=cubic from-mesh=xy to-mesh=xy", "map=cubic is no method: use linear, nearest-neighbour, rbf, rbf-pum"},
+      {"map=rbf basis=quintic from-mesh=xy to-mesh=xy",
+       "basis=quintic is no basis: use gaussian, thin-plate-spline, wendland-c2, wendland-c4, wendland-c6"},
+      {"map=rbf from-mesh=xy to-mesh=xy stiffness=2",
+       "\"stiffness=\" is no mapping word: use map, constraint, from-mesh, to-mesh, from-cells, to-cells, basis, "
+       "shape, radius, polynomial, cluster-size, overlap"},
+      {"map=nearest-neighbour from-mesh=ints to-mesh=xy", "mesh \"ints\" of main: a mesh holds float64 "
+                                                           "coordinates, not int64"},
+      {"map=nearest-neighbour from-mesh=wide to-mesh=xy",
+       "mesh \"wide\" of main: a mesh has shape (n,) or (n, d) with d 1, 2 or 3, not (2, 4)"},
+      {"map=nearest-neighbour from-mesh=bad to-mesh=xy",
+       "mesh \"bad\" of main: point 1 has a coordinate that is not finite (nan)"},
+      {"map=linear from-mesh=xy from-cells=tri to-mesh=xy",
+       "cells \"tri\" of main: cell 1 names point 4, but the mesh has points 0 to 3"},
+      {"map=rbf from-mesh=twin to-mesh=xy",
+       "source points 0 and 2 are at one place, which makes the RBF system singular: remove one", "T3"},
+      {"map=nearest-neighbour from-mesh=xy to-mesh=xy",
+       "output \"T3\" of main on mesh \"xy\": the values have shape (3,), but their mesh has 4 points: give (4,) "
+       "or (4, k)", "T3"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.words);
+    const Exit run = exchange("# a mapping\nmain " + c.output + " sub1 T_in " + c.words + "\n");
+    EXPECT_NE(run.status, 0);
+    EXPECT_EQ(run.err, "lockstep-exchange: exchange.dat:2: " + c.error + "\n");
+    EXPECT_FALSE(std::filesystem::exists(tree.project(1) / "fields/in/T_in.npy"));
+  }
+  // check finds the table's faults before a run.
+  write_file(tree.run() / "exchange.dat", "main T sub1 T_in map=linear from-mesh=xy to-mesh=xy\n");
+  const Exit check = run_program({LOCKSTEPCTL_BINARY, "check", "."}, tree.run());
+  EXPECT_THAT(check.out, HasSubstr("exchange.dat:1: map=linear needs from-cells=, the source mesh's triangles or "
+                                   "tetrahedra\n"));
+}
+
+}  // namespace
+}  // namespace lockstep::testing
