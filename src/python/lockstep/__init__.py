@@ -29,7 +29,8 @@ from typing import Any, Iterator, List, Optional
 
 import numpy
 
-__all__ = ["Error", "Interaction", "OutOfOrderError", "OverrunError", "Project", "Request", "StaleFieldError"]
+__all__ = ["Error", "Interaction", "OutOfOrderError", "OverrunError", "Project", "Request", "StaleFieldError",
+           "mapping_weights"]
 
 
 class Error(RuntimeError):
@@ -119,6 +120,7 @@ class Request:
 
 from ._lockstep import Endpoint as _Endpoint  # noqa: E402  (needs Error defined)
 from ._lockstep import Interaction as _Interaction  # noqa: E402
+from ._lockstep import mapping_weights as _mapping_weights  # noqa: E402
 
 
 class Project:
@@ -265,3 +267,19 @@ class Interaction:
     def put(self, name: str, values: Any) -> None:
         """This project's input ``name``, stamped with this stage."""
         self._context.put(name, _as_field(name, values))
+
+
+def mapping_weights(from_mesh: Any, to_mesh: Any, map: str = "nearest-neighbour", from_cells: Any = None,
+                    to_cells: Any = None, **words: Any) -> tuple:
+    """The weights lockstep-exchange computes for a mapping line, offline:
+    ``(rows, columns, values, shape)`` as NumPy arrays and a tuple, ready for
+    ``scipy.sparse.coo_matrix((values, (rows, columns)), shape)``, whose
+    product with values on ``from_mesh`` gives values on ``to_mesh``.
+    Meshes are float64 arrays (n,) or (n, d); cells int arrays (m, 3) or
+    (m, 4). The other words are the table's, with ``_`` for ``-``:
+    ``constraint="conservative"``, ``basis="gaussian"``, ``shape=2.0``,
+    ``radius=0.1``, ``polynomial="off"``, ``cluster_size=80``, ``overlap=0.5``."""
+    options = {"map": map}
+    for key, value in words.items():
+        options[key.replace("_", "-")] = value if isinstance(value, str) else repr(value)
+    return _mapping_weights(from_mesh, to_mesh, options, from_cells, to_cells)
