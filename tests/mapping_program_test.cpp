@@ -69,6 +69,10 @@ TEST_F(MappingRunTest, ValuesFollowTheMeshesAndWeightsAreKeptPerMesh) {
   EXPECT_EQ(kept_weights(), 1u);
   ASSERT_EQ(exchange(table).status, 0);
   EXPECT_EQ(kept_weights(), 1u);
+  // check says what the line maps, and how far the targets are.
+  EXPECT_THAT(run_program({LOCKSTEPCTL_BINARY, "check", "."}, tree.run()).out,
+              HasSubstr("\nmappings:\n  exchange.dat:1: nearest-neighbour, main x (4 points) to sub1 y (3 points): "
+                        "largest distance to a source point 0.4, 0 target points outside the source mesh\n"));
   // The target project re-meshes with as many points: new weights.
   publish<double>(1, "y", Type::kFloat64, {3}, {0.1, 1.2, 2.2});
   ASSERT_EQ(exchange(table).status, 0);
@@ -124,11 +128,19 @@ TEST_F(MappingRunTest, EveryFaultOfAMappingIsRefusedWithItsLine) {
     EXPECT_EQ(run.err, "lockstep-exchange: exchange.dat:2: " + c.error + "\n");
     EXPECT_FALSE(std::filesystem::exists(tree.project(1) / "fields/in/T_in.npy"));
   }
-  // check finds the table's faults before a run.
-  write_file(tree.run() / "exchange.dat", "main T sub1 T_in map=linear from-mesh=xy to-mesh=xy\n");
+  // check finds the same faults before a run.
+  write_file(tree.run() / "exchange.dat",
+             "main T sub1 T_in map=linear from-mesh=xy to-mesh=xy\n"
+             "main T3 sub1 T_a map=rbf from-mesh=twin to-mesh=xy\n"
+             "main T sub1 T_b map=linear from-mesh=xy from-cells=tri to-mesh=xy\n");
   const Exit check = run_program({LOCKSTEPCTL_BINARY, "check", "."}, tree.run());
+  EXPECT_EQ(check.status, 1);
   EXPECT_THAT(check.out, HasSubstr("exchange.dat:1: map=linear needs from-cells=, the source mesh's triangles or "
                                    "tetrahedra\n"));
+  EXPECT_THAT(check.out, HasSubstr("exchange.dat:2: source points 0 and 2 are at one place, which makes the RBF "
+                                   "system singular: remove one\n"));
+  EXPECT_THAT(check.out, HasSubstr("exchange.dat:3: cells \"tri\" of main: cell 1 names point 4, but the mesh has "
+                                   "points 0 to 3\n"));
 }
 
 }  // namespace

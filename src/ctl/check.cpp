@@ -67,6 +67,7 @@ std::string check_json(const TreeState& tree) {
       {"settings_problems", tree.settings_problems},
       {"projects", projects},
       {"run_problems", tree.run_problems},
+      {"mappings", tree.mappings},
       {"drivers", tree.drivers}};
   // JSON is UTF-8: bytes that are not become U+FFFD.
   return report.dump(-1, ' ', false, ordered_json::error_handler_t::replace) + "\n";
@@ -96,6 +97,8 @@ std::string check_text(const TreeState& tree) {
     for (const std::string& warning : project.warnings) list(project.name() + ": warning: " + warning);
   }
   for (const std::string& problem : tree.run_problems) list(problem);
+  if (!tree.mappings.empty()) out << "\nmappings:\n";
+  for (const std::string& mapping : tree.mappings) out << "  " << text::printable(mapping) << "\n";
   const std::size_t problems = tree.problem_count();
   if (problems == 0) {
     out << "\nready: " << tree.projects.size() << (tree.projects.size() == 1 ? " project" : " projects")

@@ -1,11 +1,76 @@
 #include "ctl/exchange_check.h"
 
+#include <cstdio>
+#include <map>
+#include <optional>
 #include <set>
 
 #include "exchange/table.h"
+#include "config/project_tree.h"
 #include "fields/store.h"
+#include "mapping/method.h"
 
 namespace lockstep::ctl {
+namespace {
+
+// A published mesh (and cells) of `project`; false with the reason, or
+// with an empty reason when it is not published yet.
+bool read_mesh(const TreeState& tree, int project, const std::string& name, const std::string* cells_name,
+               mapping::Points& points, std::optional<mapping::Cells>& cells, std::string& error) {
+  const std::string directory = (tree.run_directory / config::project_directory(project)).string();
+  std::vector<char> values;
+  fields::Header header;
+  const auto read = [&](const std::string& field) {
+    return fields::read_field(fields::field_path(directory, fields::Role::kOutput, field), header,
+                              fields::into_buffer(values), error);
+  };
+  if (const fields::ReadOutcome outcome = read(name); outcome != fields::ReadOutcome::kRead) return false;
+  if (error = mapping::points_from_field(header, values.data(), points); !error.empty()) {
+    error = "mesh \"" + name + "\" of " + fields::project_name(project) + ": " + error;
+    return false;
+  }
+  if (cells_name == nullptr) return true;
+  if (read(*cells_name) != fields::ReadOutcome::kRead) return false;
+  cells.emplace();
+  if (error = mapping::cells_from_field(header, values.data(), points, *cells); !error.empty()) {
+    error = "cells \"" + *cells_name + "\" of " + fields::project_name(project) + ": " + error;
+    return false;
+  }
+  return true;
+}
+
+// A mapping line whose meshes are published: what it maps and how far the
+// target points lie from the source mesh, or what is wrong with them.
+void check_mapping(TreeState& tree, const exchange::Copy& copy, const std::string& where) {
+  mapping::Method method;
+  std::map<std::string, std::string> names;
+  mapping::parse_method(copy.mapping, method, names);
+  const auto name = [&](const char* key) { return names.count(key) > 0 ? &names.at(key) : nullptr; };
+  mapping::Points from, to;
+  std::optional<mapping::Cells> from_cells, to_cells;
+  std::string error;
+  if (!read_mesh(tree, copy.from, names.at("from-mesh"), name("from-cells"), from, from_cells, error) ||
+      !read_mesh(tree, copy.to, names.at("to-mesh"), name("to-cells"), to, to_cells, error)) {
+    if (!error.empty()) tree.run_problems.push_back(where + error);
+    if (error.empty()) tree.mappings.push_back(where + "its meshes are not all published yet");
+    return;
+  }
+  if (error = mapping::check_meshes(method, from, to); !error.empty()) {
+    tree.run_problems.push_back(where + error);
+    return;
+  }
+  const mapping::Reach reach = mapping::reach(from, from_cells ? &*from_cells : nullptr, to);
+  char distance[32];
+  std::snprintf(distance, sizeof distance, "%.6g", reach.largest_distance);
+  tree.mappings.push_back(where + copy.mapping.at("map") + (method.conservative ? " (conservative)" : "") + ", " +
+                          fields::project_name(copy.from) + " " + names.at("from-mesh") + " (" +
+                          std::to_string(from.count) + " points) to " + fields::project_name(copy.to) + " " +
+                          names.at("to-mesh") + " (" + std::to_string(to.count) + " points): largest distance to a "
+                          "source point " + distance + ", " + std::to_string(reach.outside) +
+                          " target points outside the source mesh");
+}
+
+}  // namespace
 
 void check_exchange(TreeState& tree) {
   namespace fs = std::filesystem;
@@ -34,6 +99,7 @@ void check_exchange(TreeState& tree) {
     if (!inside) continue;
     receivers.insert(copy.to);
     ProjectState& source = tree.projects.at(static_cast<std::size_t>(copy.from));
+    if (!copy.mapping.empty()) check_mapping(tree, copy, where);
     const fs::path output = tree.run_directory / fields::field_path(source.directory, fields::Role::kOutput, copy.output);
     if (!fs::exists(output, error)) {
       source.warnings.push_back(where + "its output \"" + copy.output + "\" has not been published (" +

@@ -63,6 +63,7 @@ struct TreeState {
   std::vector<std::string> settings_problems;
   std::vector<ProjectState> projects;  // the main project, then the sub projects read
   std::vector<std::string> run_problems;
+  std::vector<std::string> mappings;  // what each mapping line of the exchange table maps, and how far
   std::vector<pid_t> drivers;  // lockstep processes working in the run directory
   // Set in a resumed run: the driver's cycle c is the run's c + after_cycle.
   std::optional<resume::Record> resumed;
