@@ -143,5 +143,43 @@ TEST_F(MappingRunTest, EveryFaultOfAMappingIsRefusedWithItsLine) {
                                    "points 0 to 3\n"));
 }
 
+// Two sub projects' exchange programs computing the same weights at once:
+// neither sees the other's half-written files, both write the same values,
+// and one set of weights stays, with no temporary directory left.
+TEST_F(MappingRunTest, ProgramsComputingTheSameWeightsAtOnceAgree) {
+  tree.settings(1, 1, 2);
+  tree.projects(2, "");
+  std::vector<double> source(3 * 1500), target(3 * 1000), values(1500);
+  unsigned state = 1;
+  const auto next = [&state] { return (state = state * 1103515245u + 12345u) / 4294967296.0; };
+  for (double& x : source) x = next();
+  for (double& x : target) x = 0.05 + 0.9 * next();
+  for (std::size_t i = 0; i < values.size(); ++i) values[i] = source[3 * i] * source[3 * i + 1] + source[3 * i + 2];
+  publish(0, "xyz", Type::kFloat64, {1500, 3}, source);
+  publish(0, "T", Type::kFloat64, {1500}, values);
+  publish(1, "xyz", Type::kFloat64, {1000, 3}, target);
+  publish(2, "xyz", Type::kFloat64, {1000, 3}, target);
+  write_file(tree.run() / "exchange.dat",
+             "main T sub1 T map=rbf-pum from-mesh=xyz to-mesh=xyz\n"
+             "main T sub2 T map=rbf-pum from-mesh=xyz to-mesh=xyz\n");
+  for (int round = 0; round < 2; ++round) {
+    std::filesystem::remove_all(tree.run() / "mappings");
+    Background sub1({EXCHANGE_BINARY, "1", "1", "1", "1"}, tree.run()), sub2({EXCHANGE_BINARY, "2", "1", "1", "1"}, tree.run());
+    ASSERT_EQ(sub1.wait(kStall), 0);
+    ASSERT_EQ(sub2.wait(kStall), 0);
+    const auto read = [&](int project) {
+      fields::Header header;
+      std::vector<char> bytes;
+      std::string error;
+      fields::read_field(fields::field_path(tree.project(project).string(), Role::kInput, "T"), header,
+                         fields::into_buffer(bytes), error);
+      return bytes;
+    };
+    EXPECT_EQ(read(1), read(2));
+    EXPECT_EQ(read(1).size(), 1000 * sizeof(double));
+    EXPECT_EQ(kept_weights(), 1u);
+  }
+}
+
 }  // namespace
 }  // namespace lockstep::testing
