@@ -18,6 +18,10 @@ done
 echo "== fields from Python"
 PYTHONPATH="$repo/build/release/src/python" /usr/bin/python3 "$repo/bench/fields.py" | tee "$results/fields_python.json"
 
+echo "== mapping, against SciPy"
+PYTHONPATH="$repo/build/release/src/python" /usr/bin/python3 "$repo/bench/mapping.py" "$repo/build/release/src/lockstep-exchange" |
+  tee "$results/mapping.json"
+
 echo "== through a network file system"
 bash "$repo/bench/shared_fs.sh" "$repo/build/release/src" "$repo/build/release/examples/chain_solver" | tee "$results/shared_fs.json"
 
@@ -217,6 +221,35 @@ else:
         local, remote = shared[key + "local_ms_per_stage"], shared[key + "sshfs_ms_per_stage"]
         lines.append("| %s | %d | %.2f | %.2f | %.2f |" % (what, shared["stages"], local, remote, remote / local))
 lines.append("")
+mapping = load("mapping")
+lines += [
+    "## Mapping",
+    "",
+    "`bench/mapping.py`: 20,000 Halton points in the unit cube mapped to 30,000 random points in",
+    "[0.05, 0.95]^3, Franke's 3-D function as the values, side by side with SciPy in the same run on",
+    "the same points; then 33,000 Halton points to 98,000 random ones with `rbf-pum` through",
+    "`lockstep-exchange`, as whole processes: the first stage computes and stores the weights, later",
+    "stages map the stored files and apply them (median of 7).",
+    "",
+    "| figure | lockstep | target | |",
+    "|---|---:|---:|---|",
+    "| nearest-neighbour, setup and one application | %.1f ms | cKDTree build and query: %.1f ms | %s |" % (
+        mapping["nearest_s"] * 1e3, mapping["ckdtree_s"] * 1e3, verdict(mapping["nearest_s"] <= mapping["ckdtree_s"])),
+    "| rbf-pum, relative L2 error | %.2e | RBFInterpolator(neighbors=50, quintic): %.2e | %s |" % (
+        mapping["pum_error"], mapping["scipy_rbf_error"], verdict(mapping["pum_error"] <= mapping["scipy_rbf_error"])),
+    "| rbf-pum, setup | %.2f s | a tenth of that SciPy call's %.2f s: %.2f s | %s |" % (
+        mapping["pum_setup_s"], mapping["scipy_rbf_s"], mapping["scipy_rbf_s"] / 10,
+        verdict(mapping["pum_setup_s"] <= mapping["scipy_rbf_s"] / 10)),
+    "| 33,000 to 98,000, rbf-pum setup (whole first stage) | %.2f s | 0.8 s | %s |" % (
+        mapping["large_setup_s"], verdict(mapping["large_setup_s"] < 0.8)),
+    "| 33,000 to 98,000, a stage applying stored weights | %.1f ms | 32 ms | %s |" % (
+        mapping["large_stage_s"] * 1e3, verdict(mapping["large_stage_s"] < 0.032)),
+    "| weights on disk | %.0f MB (%.0f values per target point) | | |" % (
+        mapping["large_weights_bytes"] / 1e6, mapping["pum_values_per_row"]),
+    "| peak memory of the setup | %.0f MB | | |" % (mapping["large_peak_bytes"] / 1e6),
+    "| relative L2 error at 33,000 to 98,000 | %.2e | | |" % mapping["large_error"],
+    "",
+]
 with open(out, "w") as f:
     f.write("\n".join(lines))
 print("wrote", out)

@@ -78,9 +78,18 @@ TEST_F(MappingRunTest, ValuesFollowTheMeshesAndWeightsAreKeptPerMesh) {
   ASSERT_EQ(exchange(table).status, 0);
   EXPECT_EQ(input("v"), (std::vector<double>{10, -10, 11, -11, 12, -12}));
   EXPECT_EQ(kept_weights(), 2u);
-  // Damaged weights are not applied: they are computed again.
+  // Damaged weights are not applied: they are computed again. A file that
+  // is no array, and one whose columns lie outside the source mesh.
   for (const auto& entry : std::filesystem::directory_iterator(tree.run() / "mappings")) {
     write_file(entry.path() / "indices.npy", "damaged");
+  }
+  ASSERT_EQ(exchange(table).status, 0);
+  EXPECT_EQ(input("v"), (std::vector<double>{10, -10, 11, -11, 12, -12}));
+  for (const auto& entry : std::filesystem::directory_iterator(tree.run() / "mappings")) {
+    std::string error;
+    const std::vector<std::int64_t> outside = {0, 4000000, 2};
+    ASSERT_TRUE(fields::write_field((entry.path() / "indices.npy").string(),
+                                    {Type::kInt64, false, {3}, {0, Role::kOutput, {0, 0, 0}}}, outside.data(), error));
   }
   ASSERT_EQ(exchange(table).status, 0);
   EXPECT_EQ(input("v"), (std::vector<double>{10, -10, 11, -11, 12, -12}));

@@ -66,9 +66,6 @@ bool map_copy(const Copy& copy, fields::InteractionFields& fields, std::string& 
                                 to_cells ? &*to_cells : nullptr,
                                 fields::project_name(copy.from) + " " + names.at("from-mesh") + " -> " +
                                     fields::project_name(copy.to) + " " + names.at("to-mesh")};
-  mapping::Weights weights;
-  mapping::Source source;
-  if (error = mapping::weights_for(".", wanted, weights, source); !error.empty()) return false;
   std::vector<double> mapped(to.count * components);
   std::vector<double> rows(values.size() / sizeof(double));
   // Column-major (n, k) values from Fortran: taken row by row.
@@ -77,7 +74,7 @@ bool map_copy(const Copy& copy, fields::InteractionFields& fields, std::string& 
   } else {
     std::copy_n(reinterpret_cast<const double*>(values.data()), rows.size(), rows.data());
   }
-  weights.apply(rows.data(), components, mapped.data());
+  if (error = mapping::map_values(".", wanted, rows.data(), components, mapped.data()); !error.empty()) return false;
   std::vector<std::int64_t> shape = {static_cast<std::int64_t>(to.count)};
   if (header.shape.size() == 2) shape.push_back(static_cast<std::int64_t>(components));
   if (fields.put(copy.input, {fields::Type::kFloat64, shape, false, mapped.data()}) != fields::Outcome::kOk) {

@@ -1,8 +1,11 @@
 #include <Eigen/Dense>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <limits>
+#include <thread>
+#include <vector>
 
 #include "mapping/kernels.h"
 
@@ -42,6 +45,16 @@ Kernel kernel_for(const Method& method, double spacing) {
 // for accuracy (a relative error of 6e-5 on Franke's function from 20,000
 // points), not so flat that 50 points make the system ill-conditioned.
 constexpr double kPumShape = 0.4;
+
+// Runs `work` on every core, at most eight, and waits for all.
+template <typename Work>
+void run_on_every_core(const Work& work) {
+  const unsigned cores = std::clamp(std::thread::hardware_concurrency(), 1u, 8u);
+  std::vector<std::thread> threads;
+  for (unsigned i = 1; i < cores; ++i) threads.emplace_back(work);
+  work();
+  for (std::thread& thread : threads) thread.join();
+}
 
 double distance(const double* a, const double* b, int dimension) {
   double sum = 0;
@@ -177,64 +190,106 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
   // Wendland support of the cluster's diameter.
   const Kernel phi{method.basis, method.shape.value_or(kPumShape / radius), method.radius.value_or(2 * radius)};
   // Each target's clusters and blending weights, summing to one; a point
-  // beyond every ball takes its nearest cluster's interpolant alone.
-  std::vector<std::vector<std::pair<std::size_t, double>>> blend(to.count);
-  std::vector<std::vector<std::size_t>> targets_of(centres.count);
+  // beyond every ball takes its nearest cluster's interpolant alone. Every
+  // (cluster, target) pair gets its own place in the target's row before
+  // duplicates are merged, so that clusters can be solved in parallel.
+  struct Share {
+    std::size_t target;
+    double weight;
+    std::size_t offset;  // where its entries go in the target's row
+  };
+  std::vector<std::vector<Share>> targets_of(centres.count);
+  std::vector<std::size_t> row_begin(to.count + 1, 0);
+  std::vector<std::pair<std::size_t, double>> blend;
   for (std::size_t t = 0; t < to.count; ++t) {
+    blend.clear();
     double sum = 0;
     for (const auto& [c, squared] : centre_search.within(to.at(t), radius)) {
       const double w = wendland(Basis::kWendlandC2, std::sqrt(squared) / radius);
       if (w <= 0) continue;
-      blend[t].push_back({c, w});
+      blend.push_back({c, w});
       sum += w;
     }
-    if (blend[t].empty()) {
-      blend[t].push_back({centre_search.nearest(to.at(t), 1).front().first, 1.0});
+    if (blend.empty()) {
+      blend.push_back({centre_search.nearest(to.at(t), 1).front().first, 1.0});
       sum = 1;
     }
-    for (auto& [c, w] : blend[t]) {
-      w /= sum;
-      targets_of[c].push_back(t);
+    std::size_t size = 0;
+    for (const auto& [c, w] : blend) {
+      targets_of[c].push_back({t, w / sum, size});
+      size += members[c].size();
     }
+    row_begin[t + 1] = row_begin[t] + size;
   }
-  std::vector<std::vector<std::pair<std::int64_t, double>>> rows(to.count);
-  Eigen::MatrixXd local;
-  for (std::size_t c = 0; c < centres.count; ++c) {
-    if (targets_of[c].empty()) continue;
-    const bool polynomial = method.polynomial && members[c].size() > static_cast<std::size_t>(d) + 1;
-    if (!solve_local(phi, polynomial, from, members[c], to, targets_of[c], local)) {
-      return "the RBF system of the cluster around source point " + std::to_string(members[c].front()) +
-             " is singular: its points may lie on a line or plane (try polynomial=off)";
-    }
-    for (std::size_t k = 0; k < targets_of[c].size(); ++k) {
-      const std::size_t t = targets_of[c][k];
-      double share = 0;
-      for (const auto& [cluster, w] : blend[t]) {
-        if (cluster == c) share = w;
+  std::vector<std::pair<std::int64_t, double>> entries(row_begin.back());
+  std::atomic<std::size_t> next_cluster{0};
+  std::atomic<std::size_t> singular{centres.count};
+  const auto solve_clusters = [&] {
+    Eigen::MatrixXd local;
+    std::vector<std::size_t> targets;
+    for (std::size_t c = next_cluster++; c < centres.count; c = next_cluster++) {
+      if (targets_of[c].empty()) continue;
+      targets.clear();
+      for (const Share& share : targets_of[c]) targets.push_back(share.target);
+      const bool polynomial = method.polynomial && members[c].size() > static_cast<std::size_t>(d) + 1;
+      if (!solve_local(phi, polynomial, from, members[c], to, targets, local)) {
+        singular = c;
+        return;
       }
-      for (std::size_t j = 0; j < members[c].size(); ++j) {
-        rows[t].push_back({static_cast<std::int64_t>(members[c][j]),
-                           share * local(static_cast<Eigen::Index>(j), static_cast<Eigen::Index>(k))});
+      for (std::size_t k = 0; k < targets.size(); ++k) {
+        const Share& share = targets_of[c][k];
+        auto* out = entries.data() + row_begin[share.target] + share.offset;
+        for (std::size_t j = 0; j < members[c].size(); ++j) {
+          out[j] = {static_cast<std::int64_t>(members[c][j]),
+                    share.weight * local(static_cast<Eigen::Index>(j), static_cast<Eigen::Index>(k))};
+        }
       }
     }
+  };
+  run_on_every_core(solve_clusters);
+  if (singular < centres.count) {
+    return "the RBF system of the cluster around source point " + std::to_string(members[singular].front()) +
+           " is singular: its points may lie on a line or plane (try polynomial=off)";
   }
+  // Each row's duplicates merged in place, in parallel, through a map from
+  // column to place in the row (no sort: rows keep their first-seen order);
+  // then packed.
+  std::vector<std::size_t> merged(to.count);
+  std::atomic<std::size_t> next_row{0};
+  run_on_every_core([&] {
+    std::vector<std::int64_t> place(from.count, -1);
+    for (std::size_t t = next_row++; t < to.count; t = next_row++) {
+      auto* first = entries.data() + row_begin[t];
+      auto* last = entries.data() + row_begin[t + 1];
+      std::int64_t kept = 0;
+      for (auto* entry = first; entry != last; ++entry) {
+        std::int64_t& at = place[static_cast<std::size_t>(entry->first)];
+        if (at >= 0) {
+          first[at].second += entry->second;
+        } else {
+          at = kept;
+          first[kept++] = *entry;
+        }
+      }
+      for (std::int64_t k = 0; k < kept; ++k) place[static_cast<std::size_t>(first[k].first)] = -1;
+      merged[t] = static_cast<std::size_t>(kept);
+    }
+  });
   weights = Weights{};
+  weights.rows = to.count;
   weights.columns = from.count;
-  std::vector<std::int64_t> columns;
-  std::vector<double> values;
-  for (auto& row : rows) {
-    std::sort(row.begin(), row.end());
-    columns.clear();
-    values.clear();
-    for (const auto& [column, value] : row) {
-      if (!columns.empty() && columns.back() == column) {
-        values.back() += value;
-      } else {
-        columns.push_back(column);
-        values.push_back(value);
-      }
+  weights.row_start.resize(to.count + 1);
+  for (std::size_t t = 0; t < to.count; ++t) {
+    weights.row_start[t + 1] = weights.row_start[t] + static_cast<std::int64_t>(merged[t]);
+  }
+  weights.column_of.resize(static_cast<std::size_t>(weights.row_start.back()));
+  weights.value.resize(weights.column_of.size());
+  for (std::size_t t = 0; t < to.count; ++t) {
+    for (std::size_t k = 0; k < merged[t]; ++k) {
+      const auto at = static_cast<std::size_t>(weights.row_start[t]) + k;
+      weights.column_of[at] = entries[row_begin[t] + k].first;
+      weights.value[at] = entries[row_begin[t] + k].second;
     }
-    weights.add_row(columns, values);
   }
   return {};
 }

@@ -1,6 +1,9 @@
 #include "mapping/store.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -21,13 +24,18 @@ namespace fs = std::filesystem;
 // two different meshes never share a key by chance.
 class Hash {
  public:
+  // Eight bytes a step: meshes are hashed in every stage.
   void add(const void* data, std::size_t size) {
     const auto* bytes = static_cast<const unsigned char*>(data);
-    for (std::size_t i = 0; i < size; ++i) {
-      first_ = (first_ ^ bytes[i]) * 0x100000001b3ULL;
-      second_ = (second_ + bytes[i] + 1) * 0x9e3779b97f4a7c15ULL;
-      second_ ^= second_ >> 31;
+    std::size_t at = 0;
+    for (; at + 8 <= size; at += 8) {
+      std::uint64_t word;
+      std::memcpy(&word, bytes + at, 8);
+      mix(word);
     }
+    std::uint64_t rest = size - at;  // the tail, with its length
+    for (; at < size; ++at) rest = rest << 8 | bytes[at];
+    mix(rest);
   }
   void add(const std::string& text) {
     const std::uint64_t size = text.size();
@@ -48,6 +56,13 @@ class Hash {
   }
 
  private:
+  void mix(std::uint64_t word) {
+    first_ = (first_ ^ word) * 0x100000001b3ULL;
+    first_ ^= first_ >> 29;
+    second_ = (second_ + word + 1) * 0x9e3779b97f4a7c15ULL;
+    second_ ^= second_ >> 31;
+  }
+
   std::uint64_t first_ = 0xcbf29ce484222325ULL;
   std::uint64_t second_ = 0x84222325cbf29ce4ULL;
 };
@@ -70,29 +85,47 @@ bool write_array(const std::string& path, fields::Type type, const std::vector<T
   return fields::write_field(path, header, values.data(), error);
 }
 
-// Reads a one-dimensional array of `type` into `values`.
+// A one-dimensional array of `type` in the file at `path`, mapped into
+// memory; nullptr when it is no such array.
 template <typename T>
-bool read_array(const std::string& path, fields::Type type, std::vector<T>& values) {
+const T* map_array(const std::string& path, fields::Type type, std::size_t& count, StoredWeights& weights) {
   fields::Header header;
   std::string error;
-  return fields::read_field(path, header,
-                            [&](const fields::Header& found, std::string&) -> void* {
-                              if (found.type != type || found.shape.size() != 1) return nullptr;
-                              values.resize(static_cast<std::size_t>(found.shape[0]));
-                              return values.data();
-                            },
-                            error) == fields::ReadOutcome::kRead;
+  // The header is checked, and the file's size against it, before mapping.
+  if (fields::read_header(path, header, error) != fields::ReadOutcome::kRead || header.type != type ||
+      header.shape.size() != 1) {
+    return nullptr;
+  }
+  count = static_cast<std::size_t>(header.shape[0]);
+  records::PosixFileSystem posix;
+  records::Descriptor file(posix, ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat info {};
+  if (!file.valid() || ::fstat(file.get(), &info) != 0 ||
+      static_cast<std::size_t>(info.st_size) < count * sizeof(T) || info.st_size == 0) {
+    return nullptr;
+  }
+  const auto size = static_cast<std::size_t>(info.st_size);
+  void* base = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_POPULATE, file.get(), 0);
+  if (base == MAP_FAILED) return nullptr;
+  weights.mapped_files.emplace_back(base, [size](const void* mapped) { ::munmap(const_cast<void*>(mapped), size); });
+  return reinterpret_cast<const T*>(static_cast<const char*>(base) + size - count * sizeof(T));
 }
 
-bool load(const std::string& directory, const Mapping& mapping, Weights& weights) {
-  Weights found;
-  found.rows = mapping.to->count;
-  found.columns = mapping.from->count;
-  found.row_start.clear();
-  return read_array(directory + "/indptr.npy", fields::Type::kInt64, found.row_start) &&
-         read_array(directory + "/indices.npy", fields::Type::kInt64, found.column_of) &&
-         read_array(directory + "/data.npy", fields::Type::kFloat64, found.value) && found.defect() == nullptr &&
-         (weights = std::move(found), true);
+bool load(const std::string& directory, const Mapping& mapping, StoredWeights& weights) {
+  StoredWeights found;
+  std::size_t offsets = 0, columns = 0;
+  found.view.rows = mapping.to->count;
+  found.view.columns = mapping.from->count;
+  found.view.row_start = map_array<std::int64_t>(directory + "/indptr.npy", fields::Type::kInt64, offsets, found);
+  found.view.column_of = map_array<std::int64_t>(directory + "/indices.npy", fields::Type::kInt64, columns, found);
+  found.view.value = map_array<double>(directory + "/data.npy", fields::Type::kFloat64, found.view.count, found);
+  if (found.view.row_start == nullptr || found.view.column_of == nullptr || found.view.value == nullptr ||
+      offsets != found.view.rows + 1 || columns != found.view.count || found.view.defect() != nullptr) {
+    return false;
+  }
+  found.source = Source::kLoaded;
+  weights = std::move(found);
+  return true;
 }
 
 std::string describe(const Mapping& mapping, const Weights& weights) {
@@ -113,35 +146,49 @@ std::string weights_key(const Mapping& mapping) {
   return hash.hex();
 }
 
-std::string weights_for(const std::string& directory, const Mapping& mapping, Weights& weights, Source& source) {
+std::string weights_for(const std::string& directory, const Mapping& mapping, StoredWeights& weights) {
   const std::string root = directory + "/" + kWeightsDirectory;
   const std::string final_path = root + "/" + weights_key(mapping);
-  if (load(final_path, mapping, weights)) {
-    source = Source::kLoaded;
-    return {};
-  }
+  if (load(final_path, mapping, weights)) return {};
+  weights = StoredWeights{};
+  Weights& computed = weights.computed;
   std::string error = compute_weights(mapping.method, *mapping.from, mapping.from_cells, *mapping.to,
-                                      mapping.to_cells, weights);
+                                      mapping.to_cells, computed);
   if (!error.empty()) return error;
-  source = Source::kComputed;
+  weights.view = computed.view();
   // Kept for the stages to come; a failure to keep them costs only time.
   if (::mkdir(root.c_str(), 0777) != 0 && errno != EEXIST) return {};
   std::string building;
   if (records::create_temporary_directory(final_path, building) != 0) return {};
-  const bool written = write_array(building + "/indptr.npy", fields::Type::kInt64, weights.row_start, error) &&
-                       write_array(building + "/indices.npy", fields::Type::kInt64, weights.column_of, error) &&
-                       write_array(building + "/data.npy", fields::Type::kFloat64, weights.value, error) &&
-                       static_cast<bool>(std::ofstream(building + "/about.txt") << describe(mapping, weights));
+  const bool written = write_array(building + "/indptr.npy", fields::Type::kInt64, computed.row_start, error) &&
+                       write_array(building + "/indices.npy", fields::Type::kInt64, computed.column_of, error) &&
+                       write_array(building + "/data.npy", fields::Type::kFloat64, computed.value, error) &&
+                       static_cast<bool>(std::ofstream(building + "/about.txt") << describe(mapping, computed));
   std::error_code ignored;
   // Another program may have put the same weights in place meanwhile, or
   // a damaged copy may be there: the first is as good as these, the second
   // goes.
-  if (written && ::rename(building.c_str(), final_path.c_str()) != 0 && (errno == EEXIST || errno == ENOTEMPTY) &&
-      !load(final_path, mapping, weights)) {
-    fs::remove_all(final_path, ignored);
-    ::rename(building.c_str(), final_path.c_str());
+  if (written && ::rename(building.c_str(), final_path.c_str()) != 0 && (errno == EEXIST || errno == ENOTEMPTY)) {
+    StoredWeights theirs;
+    if (!load(final_path, mapping, theirs)) {
+      fs::remove_all(final_path, ignored);
+      ::rename(building.c_str(), final_path.c_str());
+    }
   }
   fs::remove_all(building, ignored);
+  return {};
+}
+
+std::string map_values(const std::string& directory, const Mapping& mapping, const double* values,
+                       std::size_t components, double* mapped) {
+  StoredWeights weights;
+  if (std::string error = weights_for(directory, mapping, weights); !error.empty()) return error;
+  if (weights.view.apply(values, components, mapped)) return {};
+  // A column outside the source mesh: the stored files are damaged.
+  std::error_code ignored;
+  fs::remove_all(directory + "/" + kWeightsDirectory + "/" + weights_key(mapping), ignored);
+  if (std::string error = weights_for(directory, mapping, weights); !error.empty()) return error;
+  weights.view.apply(values, components, mapped);
   return {};
 }
 

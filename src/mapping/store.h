@@ -8,7 +8,9 @@
 // its own: stale weights are never applied.
 #pragma once
 
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "mapping/method.h"
 
@@ -31,10 +33,25 @@ std::string weights_key(const Mapping& mapping);
 
 enum class Source { kLoaded, kComputed };
 
+// Weights as a stage applies them: computed here, or the stored files
+// mapped into memory, not copied.
+struct StoredWeights {
+  Weights computed;
+  std::vector<std::shared_ptr<const void>> mapped_files;
+  WeightsView view;
+  Source source = Source::kComputed;
+};
+
 // The mapping's weights from `directory`/mappings/KEY, or computed and
 // stored there (written to a temporary directory and renamed into place,
 // so that programs computing the same weights at once never see each
 // other's half-written files). Empty on success, else why not.
-std::string weights_for(const std::string& directory, const Mapping& mapping, Weights& weights, Source& source);
+std::string weights_for(const std::string& directory, const Mapping& mapping, StoredWeights& weights);
+
+// `values` (source points x components, row by row) mapped to `mapped`
+// (target points x components) with the weights weights_for finds; stored
+// weights found damaged while applying them are removed and computed anew.
+std::string map_values(const std::string& directory, const Mapping& mapping, const double* values,
+                       std::size_t components, double* mapped);
 
 }  // namespace lockstep::mapping

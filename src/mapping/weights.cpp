@@ -31,27 +31,39 @@ Weights Weights::transposed() const {
   return other;
 }
 
-void Weights::apply(const double* source, std::size_t components, double* target) const {
+WeightsView Weights::view() const {
+  return {rows, columns, value.size(), row_start.data(), column_of.data(), value.data()};
+}
+
+bool WeightsView::apply(const double* source, std::size_t components, double* target) const {
   std::fill(target, target + rows * components, 0.0);
   for (std::size_t row = 0; row < rows; ++row) {
     double* out = target + row * components;
     for (auto at = static_cast<std::size_t>(row_start[row]); at < static_cast<std::size_t>(row_start[row + 1]); ++at) {
-      const double* in = source + static_cast<std::size_t>(column_of[at]) * components;
+      const auto column = static_cast<std::size_t>(column_of[at]);
+      if (column >= columns) return false;
+      const double* in = source + column * components;
       for (std::size_t k = 0; k < components; ++k) out[k] += value[at] * in[k];
     }
   }
+  return true;
 }
 
 const char* Weights::defect() const {
-  if (row_start.size() != rows + 1 || row_start.front() != 0 ||
-      static_cast<std::size_t>(row_start.back()) != value.size() || column_of.size() != value.size()) {
+  if (row_start.size() != rows + 1 || column_of.size() != value.size()) return "its row offsets do not match its values";
+  if (const char* wrong = view().defect(); wrong != nullptr) return wrong;
+  for (const std::int64_t column : column_of) {
+    if (column < 0 || static_cast<std::size_t>(column) >= columns) return "a column lies outside the source mesh";
+  }
+  return nullptr;
+}
+
+const char* WeightsView::defect() const {
+  if (row_start[0] != 0 || row_start[rows] < 0 || static_cast<std::size_t>(row_start[rows]) != count) {
     return "its row offsets do not match its values";
   }
   for (std::size_t row = 0; row < rows; ++row) {
     if (row_start[row + 1] < row_start[row]) return "its row offsets fall";
-  }
-  for (const std::int64_t column : column_of) {
-    if (column < 0 || static_cast<std::size_t>(column) >= columns) return "a column lies outside the source mesh";
   }
   return nullptr;
 }

@@ -9,6 +9,22 @@
 
 namespace lockstep::mapping {
 
+// The same matrix in memory someone else owns (mapped weight files).
+struct WeightsView {
+  std::size_t rows = 0, columns = 0, count = 0;  // count: the number of weights
+  const std::int64_t* row_start = nullptr;       // rows + 1
+  const std::int64_t* column_of = nullptr;       // count
+  const double* value = nullptr;                 // count
+
+  // target (rows x components) = this * source (columns x components),
+  // both row by row. False, with `target` undefined, when a column lies
+  // outside the source mesh: checked here, in the one pass over them.
+  bool apply(const double* source, std::size_t components, double* target) const;
+  // nullptr when the row offsets are sound (rising from 0 to the number of
+  // values), else what is wrong.
+  const char* defect() const;
+};
+
 struct Weights {
   std::size_t rows = 0, columns = 0;
   std::vector<std::int64_t> row_start{0};  // rows + 1 offsets into column_of and value
@@ -19,11 +35,11 @@ struct Weights {
   void add_row(const std::vector<std::int64_t>& row_columns, const std::vector<double>& row_values);
   // The matrix of the other direction: rows become columns.
   Weights transposed() const;
-  // target (rows x components) = this * source (columns x components),
-  // both row by row.
-  void apply(const double* source, std::size_t components, double* target) const;
-  // nullptr when the structure is sound (offsets rising from 0 to the
-  // number of values, every column within the columns), else what is wrong.
+  WeightsView view() const;
+  bool apply(const double* source, std::size_t components, double* target) const {
+    return view().apply(source, components, target);
+  }
+  // nullptr when sound (row offsets, and every column within the columns).
   const char* defect() const;
 };
 
