@@ -69,6 +69,18 @@ TEST_F(MappingRunTest, ValuesFollowTheMeshesAndWeightsAreKeptPerMesh) {
   EXPECT_EQ(kept_weights(), 1u);
   ASSERT_EQ(exchange(table).status, 0);
   EXPECT_EQ(kept_weights(), 1u);
+  // The weights described: what they map, their size, their row sums.
+  const std::filesystem::path kept = std::filesystem::directory_iterator(tree.run() / "mappings")->path();
+  const Exit described = run_program({LOCKSTEPCTL_BINARY, "field", "weights", kept.string()}, tree.run());
+  EXPECT_EQ(described.status, 0) << described.err;
+  EXPECT_THAT(described.out, ::testing::StartsWith("main x -> sub1 y\nmap=nearest-neighbour constraint=consistent\n"
+                                                   "rows 3 (target points), columns 4 (source points), values 3\n"
+                                                   "row sums from 1 to 1\n"));
+  const Exit nothing = run_program({LOCKSTEPCTL_BINARY, "field", "weights", tree.run().string()}, tree.run());
+  EXPECT_EQ(nothing.status, 1);
+  EXPECT_EQ(nothing.err, "lockstepctl field: " + tree.run().string() + " holds no weights that lockstep-exchange "
+                         "wrote (about.txt, indptr.npy, indices.npy, data.npy): remove it, and the next stage computes "
+                         "them again\n");
   // check says what the line maps, and how far the targets are.
   EXPECT_THAT(run_program({LOCKSTEPCTL_BINARY, "check", "."}, tree.run()).out,
               HasSubstr("\nmappings:\n  exchange.dat:1: nearest-neighbour, main x (4 points) to sub1 y (3 points): "

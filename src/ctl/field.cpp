@@ -10,6 +10,7 @@
 #include "ctl/command_line.h"
 #include "ctl/text.h"
 #include "fields/store.h"
+#include "mapping/store.h"
 
 namespace lockstep::ctl {
 namespace {
@@ -69,7 +70,8 @@ int field_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   std::string path;
   bool as_json = false;
   std::size_t limit = 100;
-  CLI::App app("Shows a field file: who wrote it for which request, its type, shape and values.",
+  CLI::App app("Shows a field file: who wrote it for which request, its type, shape and values; or a "
+               "mapping's weights.",
                "lockstepctl field");
   set_up(app);
   app.require_subcommand(1);
@@ -78,7 +80,19 @@ int field_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   show->add_option("PATH", path, "the field file")->required()->type_name("");
   show->add_flag("--json", as_json, "print it as JSON");
   show->add_option("--limit", limit, "show at most this many values (default 100; 0: all)")->type_name("N");
+  std::string weights_directory;
+  CLI::App* weights = app.add_subcommand("weights", "describe a mapping's stored weights");
+  weights->footer("DIR is one directory of mappings/ in the run directory, where lockstep-exchange keeps\n"
+                  "a mapping's weights. Prints what they map, their size and the range of their row\n"
+                  "sums (1 for a consistent map).\n\nExit status: 0, 1 when DIR holds no weights, 2 on a usage error.");
+  weights->add_option("DIR", weights_directory, "the weights' directory")->required()->type_name("");
   if (const auto status = parse(app, words(argc, argv), out, err)) return *status;
+  if (weights->parsed()) {
+    std::string text;
+    const bool described = mapping::describe_stored(weights_directory, text);
+    (described ? out : err) << (described ? "" : "lockstepctl field: ") << text << (described ? "" : "\n");
+    return described ? 0 : 1;
+  }
 
   fields::Header header;
   std::vector<char> values;

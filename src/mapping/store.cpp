@@ -179,6 +179,41 @@ std::string weights_for(const std::string& directory, const Mapping& mapping, St
   return {};
 }
 
+bool describe_stored(const std::string& directory, std::string& text) {
+  std::ifstream about(directory + "/about.txt");
+  std::string line, described;
+  while (described.size() < 4096 && std::getline(about, line)) described += line + "\n";
+  StoredWeights weights;
+  std::size_t offsets = 0, columns = 0;
+  weights.view.row_start = map_array<std::int64_t>(directory + "/indptr.npy", fields::Type::kInt64, offsets, weights);
+  weights.view.column_of = map_array<std::int64_t>(directory + "/indices.npy", fields::Type::kInt64, columns, weights);
+  weights.view.value = map_array<double>(directory + "/data.npy", fields::Type::kFloat64, weights.view.count, weights);
+  weights.view.rows = offsets == 0 ? 0 : offsets - 1;
+  if (described.empty() || weights.view.row_start == nullptr || weights.view.column_of == nullptr ||
+      weights.view.value == nullptr || offsets == 0 || columns != weights.view.count ||
+      weights.view.defect() != nullptr) {
+    text = directory + " holds no weights that lockstep-exchange wrote (about.txt, indptr.npy, indices.npy, "
+           "data.npy): remove it, and the next stage computes them again";
+    return false;
+  }
+  double low = 0, high = 0;
+  for (std::size_t row = 0; row < weights.view.rows; ++row) {
+    double sum = 0;
+    for (auto at = weights.view.row_start[row]; at < weights.view.row_start[row + 1]; ++at) {
+      sum += weights.view.value[static_cast<std::size_t>(at)];
+    }
+    low = row == 0 ? sum : std::min(low, sum);
+    high = row == 0 ? sum : std::max(high, sum);
+  }
+  std::uintmax_t bytes = 0;
+  std::error_code ignored;
+  for (const char* file : {"indptr.npy", "indices.npy", "data.npy"}) bytes += fs::file_size(directory + "/" + file, ignored);
+  char summary[160];
+  std::snprintf(summary, sizeof summary, "row sums from %.17g to %.17g\n%ju bytes on disk\n", low, high, bytes);
+  text = described + summary;
+  return true;
+}
+
 std::string map_values(const std::string& directory, const Mapping& mapping, const double* values,
                        std::size_t components, double* mapped) {
   StoredWeights weights;

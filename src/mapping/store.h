@@ -48,6 +48,11 @@ struct StoredWeights {
 // other's half-written files). Empty on success, else why not.
 std::string weights_for(const std::string& directory, const Mapping& mapping, StoredWeights& weights);
 
+// What the weights in `directory` (one mappings/KEY) are: their
+// about.txt, then the row sums' range and the size on disk. False with the
+// reason in `text` when they cannot be read.
+bool describe_stored(const std::string& directory, std::string& text);
+
 // `values` (source points x components, row by row) mapped to `mapped`
 // (target points x components) with the weights weights_for finds; stored
 // weights found damaged while applying them are removed and computed anew.
