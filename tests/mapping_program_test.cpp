@@ -99,9 +99,9 @@ TEST_F(MappingRunTest, ValuesFollowTheMeshesAndWeightsAreKeptPerMesh) {
   EXPECT_EQ(input("v"), (std::vector<double>{10, -10, 11, -11, 12, -12}));
   for (const auto& entry : std::filesystem::directory_iterator(tree.run() / "mappings")) {
     std::string error;
-    const std::vector<std::int64_t> outside = {0, 4000000, 2};
+    const std::vector<std::int32_t> outside = {0, 4000000, 2};
     ASSERT_TRUE(fields::write_field((entry.path() / "indices.npy").string(),
-                                    {Type::kInt64, false, {3}, {0, Role::kOutput, {0, 0, 0}}}, outside.data(), error));
+                                    {Type::kInt32, false, {3}, {0, Role::kOutput, {0, 0, 0}}}, outside.data(), error));
   }
   ASSERT_EQ(exchange(table).status, 0);
   EXPECT_EQ(input("v"), (std::vector<double>{10, -10, 11, -11, 12, -12}));

@@ -127,7 +127,7 @@ Weights linear_weights(const Points& from, const Cells& cells, const Points& to,
   Weights weights;
   weights.columns = from.count;
   outside = 0;
-  std::vector<std::int64_t> columns(static_cast<std::size_t>(cells.corners));
+  std::vector<Column> columns(static_cast<std::size_t>(cells.corners));
   std::vector<double> values(static_cast<std::size_t>(cells.corners));
   for (std::size_t i = 0; i < to.count; ++i) {
     const Vector p = point3(to, i);
@@ -151,7 +151,7 @@ Weights linear_weights(const Points& from, const Cells& cells, const Points& to,
     }
     if (!best.inside) ++outside;
     for (int j = 0; j < cells.corners; ++j) {
-      columns[static_cast<std::size_t>(j)] = cells.at(best_cell)[j];
+      columns[static_cast<std::size_t>(j)] = static_cast<Column>(cells.at(best_cell)[j]);
       values[static_cast<std::size_t>(j)] = best.weights[static_cast<std::size_t>(j)];
     }
     weights.add_row(columns, values);

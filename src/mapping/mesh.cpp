@@ -2,6 +2,9 @@
 
 #include <cmath>
 #include <cstring>
+#include <limits>
+
+#include "mapping/weights.h"
 
 namespace lockstep::mapping {
 
@@ -16,6 +19,9 @@ std::string points_from_field(const fields::Header& header, const void* values, 
   points.count = static_cast<std::size_t>(shape[0]);
   points.dimension = shape.size() == 1 ? 1 : static_cast<int>(shape[1]);
   if (points.count == 0) return "a mesh needs at least one point";
+  if (points.count > static_cast<std::size_t>(std::numeric_limits<Column>::max())) {
+    return "a mesh holds fewer than 2^31 points, not " + std::to_string(points.count);
+  }
   const std::size_t total = points.count * static_cast<std::size_t>(points.dimension);
   points.coordinates.resize(total);
   std::memcpy(points.coordinates.data(), values, total * sizeof(double));

@@ -8,7 +8,7 @@ Weights nearest_weights(const Points& from, const PointSearch& search, const Poi
   weights.column_of.reserve(to.count);
   weights.value.reserve(to.count);
   for (std::size_t i = 0; i < to.count; ++i) {
-    weights.add_row({static_cast<std::int64_t>(search.nearest(to.at(i), 1).front().first)}, {1.0});
+    weights.add_row({static_cast<Column>(search.nearest(to.at(i), 1).front().first)}, {1.0});
   }
   return weights;
 }

@@ -120,8 +120,8 @@ std::string rbf_weights(const Method& method, const Points& from, const PointSea
   }
   weights = Weights{};
   weights.columns = from.count;
-  std::vector<std::int64_t> columns(from.count);
-  for (std::size_t i = 0; i < from.count; ++i) columns[i] = static_cast<std::int64_t>(i);
+  std::vector<Column> columns(from.count);
+  for (std::size_t i = 0; i < from.count; ++i) columns[i] = static_cast<Column>(i);
   std::vector<double> row(from.count);
   for (std::size_t t = 0; t < to.count; ++t) {
     for (std::size_t i = 0; i < from.count; ++i) {
@@ -221,7 +221,7 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
     }
     row_begin[t + 1] = row_begin[t] + size;
   }
-  std::vector<std::pair<std::int64_t, double>> entries(row_begin.back());
+  std::vector<std::pair<Column, double>> entries(row_begin.back());
   std::atomic<std::size_t> next_cluster{0};
   std::atomic<std::size_t> singular{centres.count};
   const auto solve_clusters = [&] {
@@ -240,7 +240,7 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
         const Share& share = targets_of[c][k];
         auto* out = entries.data() + row_begin[share.target] + share.offset;
         for (std::size_t j = 0; j < members[c].size(); ++j) {
-          out[j] = {static_cast<std::int64_t>(members[c][j]),
+          out[j] = {static_cast<Column>(members[c][j]),
                     share.weight * local(static_cast<Eigen::Index>(j), static_cast<Eigen::Index>(k))};
         }
       }

@@ -117,7 +117,7 @@ bool load(const std::string& directory, const Mapping& mapping, StoredWeights& w
   found.view.rows = mapping.to->count;
   found.view.columns = mapping.from->count;
   found.view.row_start = map_array<std::int64_t>(directory + "/indptr.npy", fields::Type::kInt64, offsets, found);
-  found.view.column_of = map_array<std::int64_t>(directory + "/indices.npy", fields::Type::kInt64, columns, found);
+  found.view.column_of = map_array<Column>(directory + "/indices.npy", fields::Type::kInt32, columns, found);
   found.view.value = map_array<double>(directory + "/data.npy", fields::Type::kFloat64, found.view.count, found);
   if (found.view.row_start == nullptr || found.view.column_of == nullptr || found.view.value == nullptr ||
       offsets != found.view.rows + 1 || columns != found.view.count || found.view.defect() != nullptr) {
@@ -161,7 +161,7 @@ std::string weights_for(const std::string& directory, const Mapping& mapping, St
   std::string building;
   if (records::create_temporary_directory(final_path, building) != 0) return {};
   const bool written = write_array(building + "/indptr.npy", fields::Type::kInt64, computed.row_start, error) &&
-                       write_array(building + "/indices.npy", fields::Type::kInt64, computed.column_of, error) &&
+                       write_array(building + "/indices.npy", fields::Type::kInt32, computed.column_of, error) &&
                        write_array(building + "/data.npy", fields::Type::kFloat64, computed.value, error) &&
                        static_cast<bool>(std::ofstream(building + "/about.txt") << describe(mapping, computed));
   std::error_code ignored;
@@ -186,7 +186,7 @@ bool describe_stored(const std::string& directory, std::string& text) {
   StoredWeights weights;
   std::size_t offsets = 0, columns = 0;
   weights.view.row_start = map_array<std::int64_t>(directory + "/indptr.npy", fields::Type::kInt64, offsets, weights);
-  weights.view.column_of = map_array<std::int64_t>(directory + "/indices.npy", fields::Type::kInt64, columns, weights);
+  weights.view.column_of = map_array<Column>(directory + "/indices.npy", fields::Type::kInt32, columns, weights);
   weights.view.value = map_array<double>(directory + "/data.npy", fields::Type::kFloat64, weights.view.count, weights);
   weights.view.rows = offsets == 0 ? 0 : offsets - 1;
   if (described.empty() || weights.view.row_start == nullptr || weights.view.column_of == nullptr ||

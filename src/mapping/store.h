@@ -1,7 +1,7 @@
 // Weights kept in the run tree: computed once, loaded in every later stage.
 // A mapping's weights live in mappings/KEY/ beside exchange.dat, as NumPy
 // files that scipy.sparse.csr_matrix((data, indices, indptr), shape) takes:
-// indptr.npy (int64, rows + 1), indices.npy (int64), data.npy (float64),
+// indptr.npy (int64, rows + 1), indices.npy (int32), data.npy (float64),
 // and about.txt, which says what they map. KEY is a 128-bit hash of the
 // mapping's words and the exact content of both meshes and their cells, so
 // a mesh published anew or a changed line finds no weights and computes

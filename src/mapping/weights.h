@@ -9,11 +9,15 @@
 
 namespace lockstep::mapping {
 
+// A source point's index in the weights: meshes hold fewer than 2^31
+// points, and four bytes a weight less is a quarter less to read per stage.
+using Column = std::int32_t;
+
 // The same matrix in memory someone else owns (mapped weight files).
 struct WeightsView {
   std::size_t rows = 0, columns = 0, count = 0;  // count: the number of weights
   const std::int64_t* row_start = nullptr;       // rows + 1
-  const std::int64_t* column_of = nullptr;       // count
+  const Column* column_of = nullptr;             // count
   const double* value = nullptr;                 // count
 
   // target (rows x components) = this * source (columns x components),
@@ -28,11 +32,11 @@ struct WeightsView {
 struct Weights {
   std::size_t rows = 0, columns = 0;
   std::vector<std::int64_t> row_start{0};  // rows + 1 offsets into column_of and value
-  std::vector<std::int64_t> column_of;
+  std::vector<Column> column_of;
   std::vector<double> value;
 
   // Appends the next row.
-  void add_row(const std::vector<std::int64_t>& row_columns, const std::vector<double>& row_values);
+  void add_row(const std::vector<Column>& row_columns, const std::vector<double>& row_values);
   // The matrix of the other direction: rows become columns.
   Weights transposed() const;
   WeightsView view() const;
