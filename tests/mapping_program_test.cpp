@@ -153,7 +153,8 @@ TEST_F(MappingRunTest, EveryFaultOfAMappingIsRefusedWithItsLine) {
   write_file(tree.run() / "exchange.dat",
              "main T sub1 T_in map=linear from-mesh=xy to-mesh=xy\n"
              "main T3 sub1 T_a map=rbf from-mesh=twin to-mesh=xy\n"
-             "main T sub1 T_b map=linear from-mesh=xy from-cells=tri to-mesh=xy\n");
+             "main T sub1 T_b map=linear from-mesh=xy from-cells=tri to-mesh=xy\n"
+             "main T3 sub1 T_c map=nearest-neighbour from-mesh=xy to-mesh=xy\n");
   const Exit check = run_program({LOCKSTEPCTL_BINARY, "check", "."}, tree.run());
   EXPECT_EQ(check.status, 1);
   EXPECT_THAT(check.out, HasSubstr("exchange.dat:1: map=linear needs from-cells=, the source mesh's triangles or "
@@ -162,6 +163,8 @@ TEST_F(MappingRunTest, EveryFaultOfAMappingIsRefusedWithItsLine) {
                                    "system singular: remove one\n"));
   EXPECT_THAT(check.out, HasSubstr("exchange.dat:3: cells \"tri\" of main: cell 1 names point 4, but the mesh has "
                                    "points 0 to 3\n"));
+  EXPECT_THAT(check.out, HasSubstr("exchange.dat:4: output \"T3\" of main on mesh \"xy\": the values have shape (3,), "
+                                   "but their mesh has 4 points: give (4,) or (4, k)\n"));
 }
 
 // Two sub projects' exchange programs computing the same weights at once:

@@ -59,6 +59,17 @@ void check_mapping(TreeState& tree, const exchange::Copy& copy, const std::strin
     tree.run_problems.push_back(where + error);
     return;
   }
+  // The values, where published, must lie on the source mesh.
+  fields::Header header;
+  const std::string values_path = fields::field_path(
+      (tree.run_directory / config::project_directory(copy.from)).string(), fields::Role::kOutput, copy.output);
+  std::size_t components = 0;
+  if (fields::read_header(values_path, header, error) == fields::ReadOutcome::kRead &&
+      !(error = mapping::components_of(header, from.count, components)).empty()) {
+    tree.run_problems.push_back(where + "output \"" + copy.output + "\" of " + fields::project_name(copy.from) +
+                                " on mesh \"" + names.at("from-mesh") + "\": " + error);
+    return;
+  }
   const mapping::Reach reach = mapping::reach(from, from_cells ? &*from_cells : nullptr, to);
   char distance[32];
   std::snprintf(distance, sizeof distance, "%.6g", reach.largest_distance);
