@@ -157,8 +157,8 @@ TEST_F(MappingRunTest, EveryFaultOfAMappingIsRefusedWithItsLine) {
              "main T3 sub1 T_c map=nearest-neighbour from-mesh=xy to-mesh=xy\n");
   const Exit check = run_program({LOCKSTEPCTL_BINARY, "check", "."}, tree.run());
   EXPECT_EQ(check.status, 1);
-  EXPECT_THAT(check.out, HasSubstr("exchange.dat:1: map=linear needs from-cells=, the source mesh's triangles or "
-                                   "tetrahedra\n"));
+  EXPECT_THAT(check.out, HasSubstr("exchange.dat:1: map=linear needs from-cells=, the source mesh's segments, "
+                                   "triangles or tetrahedra\n"));
   EXPECT_THAT(check.out, HasSubstr("exchange.dat:2: source points 0 and 2 are at one place, which makes the RBF "
                                    "system singular: remove one\n"));
   EXPECT_THAT(check.out, HasSubstr("exchange.dat:3: cells \"tri\" of main: cell 1 names point 4, but the mesh has "

@@ -63,6 +63,19 @@ struct Candidate {
 // how far from it and the coordinates of the nearest point of it.
 Candidate locate(const std::array<Vector, 4>& corner, int corners, int dimension, const Vector& p) {
   Candidate found;
+  if (corners == 2) {
+    // A segment: the nearest point on it; inside when that is between its
+    // ends and, off a line (in 2-D or 3-D), the projection.
+    const Vector along = corner[1] - corner[0];
+    const double length = along.squaredNorm();
+    const double raw = length > 0 ? (p - corner[0]).dot(along) / length : 0.0;
+    const double t = std::clamp(raw, 0.0, 1.0);
+    found.weights = {1 - t, t, 0, 0};
+    found.distance = (p - (corner[0] + t * along)).norm();
+    found.inside = raw >= -kInside && raw <= 1 + kInside;
+    if (dimension == 1 && found.inside) found.distance = 0;
+    return found;
+  }
   if (corners == 4 || dimension == 2) {
     // A tetrahedron, or a triangle in the plane: solve for the coordinates.
     const int n = corners - 1;

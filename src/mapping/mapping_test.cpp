@@ -53,10 +53,10 @@ TEST(MappingTest, EveryWrongWordIsRefusedWithWhatToWrite) {
       {{{"map", "nearest-neighbour"}, {"weight", "1"}},
        "\"weight=\" is no mapping word: use map, constraint, from-mesh, to-mesh, from-cells, to-cells, basis, shape, "
        "radius, polynomial, cluster-size, overlap"},
-      {{{"map", "linear"}}, "map=linear needs from-cells=, the source mesh's triangles or tetrahedra"},
+      {{{"map", "linear"}}, "map=linear needs from-cells=, the source mesh's segments, triangles or tetrahedra"},
       {{{"map", "linear"}, {"constraint", "conservative"}, {"from-cells", "t"}},
-       "a conservative map=linear needs to-cells=, the target mesh's triangles or tetrahedra (it is the transpose "
-       "of the linear map from the target mesh)"},
+       "a conservative map=linear needs to-cells=, the target mesh's segments, triangles or tetrahedra (it is the "
+       "transpose of the linear map from the target mesh)"},
   };
   for (const auto& c : cases) {
     auto words = c.words;

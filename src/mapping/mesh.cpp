@@ -41,15 +41,16 @@ std::string points_from_field(const fields::Header& header, const void* values, 
 std::string cells_from_field(const fields::Header& header, const void* values, const Points& points, Cells& cells) {
   const auto& shape = header.shape;
   if (header.type == fields::Type::kFloat64) return "cells hold int32 or int64 point indices, not float64";
-  if (shape.size() != 2 || (shape[1] != 3 && shape[1] != 4)) {
-    return "cells have shape (m, 3) for triangles or (m, 4) for tetrahedra, not " + fields::shape_text(shape);
+  if (shape.size() != 2 || shape[1] < 2 || shape[1] > 4) {
+    return "cells have shape (m, 2) for segments, (m, 3) for triangles or (m, 4) for tetrahedra, not " +
+           fields::shape_text(shape);
   }
   cells.count = static_cast<std::size_t>(shape[0]);
   cells.corners = static_cast<int>(shape[1]);
   if (cells.corners == 4 && points.dimension != 3) {
     return "tetrahedra need 3-D points, not " + std::to_string(points.dimension) + "-D";
   }
-  if (points.dimension == 1) return "triangles need 2-D or 3-D points, not 1-D";
+  if (cells.corners == 3 && points.dimension == 1) return "triangles need 2-D or 3-D points, not 1-D";
   const std::size_t total = cells.count * static_cast<std::size_t>(cells.corners);
   cells.indices.resize(total);
   std::vector<std::int64_t> stored(total);

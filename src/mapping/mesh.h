@@ -1,7 +1,7 @@
 // Meshes as the mapping sees them: points of dimension 1 to 3, and cells
-// (triangles or tetrahedra) as 0-based indices into them. Both come from
-// fields: float64 (n, d) or (n,) for points, int32 or int64 (m, 3) or (m, 4)
-// for cells.
+// (segments, triangles or tetrahedra) as 0-based indices into them. Both
+// come from fields: float64 (n, d) or (n,) for points, int32 or int64
+// (m, 2), (m, 3) or (m, 4) for cells.
 #pragma once
 
 #include <cstddef>
@@ -22,7 +22,7 @@ struct Points {
 
 struct Cells {
   std::size_t count = 0;
-  int corners = 0;  // 3: triangles, 4: tetrahedra
+  int corners = 0;  // 2: segments, 3: triangles, 4: tetrahedra
   std::vector<std::int64_t> indices;  // count x corners
   const std::int64_t* at(std::size_t i) const { return indices.data() + i * static_cast<std::size_t>(corners); }
 };
@@ -32,7 +32,7 @@ struct Cells {
 std::string points_from_field(const fields::Header& header, const void* values, Points& points);
 
 // The cells a field holds, checked against `points`: int32 or int64 of
-// shape (m, 3) or (m, 4), every index within the points.
+// shape (m, 2), (m, 3) or (m, 4), every index within the points.
 std::string cells_from_field(const fields::Header& header, const void* values, const Points& points, Cells& cells);
 
 // Values on a mesh of `count` points: shape (count,) or (count, k); the

@@ -118,10 +118,10 @@ std::string parse_method(const std::map<std::string, std::string>& words, Method
   }
   if (!given("from-mesh") || !given("to-mesh")) return "a mapping needs from-mesh= and to-mesh=";
   if (method.kind == Kind::kLinear && !method.conservative && !given("from-cells")) {
-    return "map=linear needs from-cells=, the source mesh's triangles or tetrahedra";
+    return "map=linear needs from-cells=, the source mesh's segments, triangles or tetrahedra";
   }
   if (method.kind == Kind::kLinear && method.conservative && !given("to-cells")) {
-    return "a conservative map=linear needs to-cells=, the target mesh's triangles or tetrahedra (it is the "
+    return "a conservative map=linear needs to-cells=, the target mesh's segments, triangles or tetrahedra (it is the "
            "transpose of the linear map from the target mesh)";
   }
   return {};

@@ -39,7 +39,7 @@ mapping::Points points_of(const char* what, const py::array_t<double, py::array:
 std::optional<mapping::Cells> cells_of(const char* what, const py::object& given, const mapping::Points& points) {
   if (given.is_none()) return std::nullopt;
   const auto array = py::array_t<std::int64_t, py::array::c_style | py::array::forcecast>::ensure(given);
-  if (!array) fail(std::string(what) + ": give an integer array of shape (m, 3) or (m, 4)");
+  if (!array) fail(std::string(what) + ": give an integer array of shape (m, 2), (m, 3) or (m, 4)");
   mapping::Cells cells;
   if (const std::string error = mapping::cells_from_field(header_of(array, fields::Type::kInt64), array.data(), points, cells);
       !error.empty()) {

@@ -50,6 +50,25 @@ def test_linear_on_given_triangles_and_tetrahedra_is_scipys_to_1e_12():
         assert numpy.isfinite(outside).all() and numpy.abs(outside).max() <= numpy.abs(values).max() + 1e-12
 
 
+def test_linear_on_segments_is_numpys_interp_and_projects_onto_curves():
+    # A line of points, unsorted, with segments between neighbours.
+    line = numpy.sort(RANDOM.random(60))
+    order = RANDOM.permutation(60)
+    points = line[order]
+    rank = numpy.argsort(order)
+    segments = numpy.column_stack([rank[:-1], rank[1:]])
+    target = RANDOM.random(200)
+    values = numpy.sin(3 * points)
+    mapped = matrix(lockstep.mapping_weights(points, target, map="linear", from_cells=segments)) @ values
+    expected = numpy.interp(target, line, numpy.sin(3 * line))
+    assert numpy.abs(mapped - expected).max() <= 1e-12
+    # The same line in the plane at x = 1: targets beside it are projected.
+    flat = numpy.column_stack([numpy.ones(60), points])
+    beside = numpy.column_stack([1 + RANDOM.uniform(-0.1, 0.1, 200), target])
+    mapped = matrix(lockstep.mapping_weights(flat, beside, map="linear", from_cells=segments)) @ values
+    assert numpy.abs(mapped - expected).max() <= 1e-12
+
+
 def test_linear_on_a_surface_of_triangles_projects_onto_it():
     # The plane z = 0.3 x + 0.2 y in space, triangulated; targets above and
     # below it take the value at their projection: a linear field exactly.
