@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "ctl/command_line.h"
+#include "ctl/field_export.h"
 #include "ctl/text.h"
 #include "fields/store.h"
 #include "mapping/store.h"
@@ -80,13 +81,35 @@ int field_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
   show->add_option("PATH", path, "the field file")->required()->type_name("");
   show->add_flag("--json", as_json, "print it as JSON");
   show->add_option("--limit", limit, "show at most this many values (default 100; 0: all)")->type_name("N");
-  std::string weights_directory;
+  std::string weights_directory, error;
   CLI::App* weights = app.add_subcommand("weights", "describe a mapping's stored weights");
   weights->footer("DIR is one directory of mappings/ in the run directory, where lockstep-exchange keeps\n"
                   "a mapping's weights. Prints what they map, their size and the range of their row\n"
                   "sums (1 for a consistent map).\n\nExit status: 0, 1 when DIR holds no weights, 2 on a usage error.");
   weights->add_option("DIR", weights_directory, "the weights' directory")->required()->type_name("");
+  ExportRequest exported;
+  CLI::App* export_command = app.add_subcommand("export", "write fields with their mesh as VTK files for ParaView");
+  export_command->footer(
+      "Writes the FIELD files, values on the mesh's points ((n,) or (n, k)), with the mesh\n"
+      "(--mesh, points (n,) or (n, d)) and its cells (--cells, (m, 2), (m, 3) or (m, 4);\n"
+      "a vertex per point without them) as VTK XML: into one grid when OUTPUT ends in\n"
+      ".vtu, each field an array named after its file; or, when OUTPUT ends in .pvd, a\n"
+      "grid per FIELD file beside it and a collection over the cycles their stamps name,\n"
+      "which ParaView plays as a time series.\n\nExit status: 0, 1 when a file cannot be read or written, 2 on a usage error.");
+  export_command->add_option("--mesh", exported.mesh, "the mesh's points (a field file)")->required()->type_name("FILE");
+  export_command->add_option("--cells", exported.cells, "the mesh's cells (a field file)")->type_name("FILE");
+  export_command->add_option("--output", exported.output, "NAME.vtu or NAME.pvd")->required()->type_name("OUTPUT");
+  export_command->add_option("FIELD", exported.fields, "field files on the mesh")->required()->type_name("");
   if (const auto status = parse(app, words(argc, argv), out, err)) return *status;
+  if (export_command->parsed()) {
+    std::vector<std::string> written;
+    if (!export_fields(exported, written, error)) {
+      err << "lockstepctl field: " << text::printable(error) << "\n";
+      return 1;
+    }
+    for (const std::string& file : written) out << "wrote " << text::printable(file) << "\n";
+    return 0;
+  }
   if (weights->parsed()) {
     std::string text;
     const bool described = mapping::describe_stored(weights_directory, text);
@@ -96,7 +119,6 @@ int field_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
 
   fields::Header header;
   std::vector<char> values;
-  std::string error;
   const fields::ReadOutcome outcome = fields::read_field(path, header, fields::into_buffer(values), error);
   if (outcome != fields::ReadOutcome::kRead) {
     err << "lockstepctl field: "

@@ -1,0 +1,191 @@
+"""Runs the heat example and checks it: the left side's Fortran solver
+(main) and the right side's Python solver (sub1) coupled by lockstep, their
+interface values mapped by lockstep-exchange.
+
+1. Matching interface points: the coupled result equals, to 1e-12, a program
+   that steps both sides in one process with the same discretisation and
+   interface conditions; its error against the exact solution is the
+   scheme's own.
+2. Interface points that do not match (N_left + 1 against N_right + 1): for
+   each mapping method, the error at the final time under refinement and the
+   observed order, which must reach about 1 for nearest-neighbour and about
+   2 for the others (at least 0.7 and 1.7).
+3. The temperatures of the matching run as VTK files for ParaView (one
+   collection per side over the cycle ends, and the interface values), and
+   the data for a picture of both sides.
+
+    heat.py BIN_DIR HEAT_LEFT WORK [--smallest] [--table FILE]
+
+BIN_DIR holds lockstep, lockstepctl and lockstep-exchange; HEAT_LEFT is the
+Fortran solver; the lockstep package must be importable.
+"""
+import math
+import os
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+import numpy
+
+import lockstep
+from heat_model import Left, Right, exact
+
+HERE = Path(__file__).resolve().parent
+END_TIME = 0.05
+CYCLES = 4
+MATCHING = 8
+SIZES = [(4, 10), (8, 20), (16, 40), (32, 80)]
+METHODS = {"nearest-neighbour": 0.7, "linear": 1.7, "rbf-pum": 1.7}
+
+
+def schedule(n_left, n_right):
+    """Time steps per cycle and the time step: RK4 stays stable below
+    0.35 h^2 for this Laplacian; 0.2 h^2 of the finer side, rounded so that
+    the cycles end at END_TIME."""
+    h = 1.0 / max(n_left, n_right)
+    time_steps = math.ceil(END_TIME / (0.2 * h * h) / CYCLES)
+    return time_steps, END_TIME / (CYCLES * time_steps)
+
+
+def table_words(method):
+    cells = " from-cells=segments" if method == "linear" else ""
+    return (f"sub1 temperature main temperature map={method} from-mesh=interface{cells} to-mesh=interface\n"
+            f"main flux sub1 flux map={method} from-mesh=interface{cells} to-mesh=interface\n")
+
+
+def run_coupled(binaries, heat_left, work, n_left, n_right, method):
+    """The coupled run; the final temperatures of both sides."""
+    time_steps, dt = schedule(n_left, n_right)
+    tree = work / f"{method}-{n_left}-{n_right}"
+    subprocess.run(["rm", "-rf", str(tree)], check=True)
+    (tree / "run").mkdir(parents=True)
+    (tree / "run" / "analysis_settings.dat").write_text(
+        f"time_step=\n{time_steps}\ncycle_num=\n{CYCLES}\nnum_subprojects=\n1\n")
+    (tree / "run" / "exchange.dat").write_text(table_words(method))
+    for name in ("main", "sub1"):
+        (tree / name).mkdir()
+        (tree / name / "go2.dat").write_text("0\n")
+        os.symlink(binaries / "lockstep-exchange", tree / name / "exchange")
+        (tree / name / "CalculateInteraction.dat").write_text("exchange\n")
+    step = "%.17g" % dt
+    solvers = [subprocess.Popen([str(heat_left), str(tree / "main"), str(n_left), step, str(CYCLES)]),
+               subprocess.Popen([sys.executable, str(HERE / "heat_right.py"), str(tree / "sub1"), str(n_right), step,
+                                 str(CYCLES)])]
+    for name, field in (("main", "flux"), ("sub1", "temperature")):
+        while not (tree / name / "fields" / "out" / f"{field}.npy").exists():
+            if any(solver.poll() is not None for solver in solvers):
+                raise SystemExit(f"heat: a solver stopped before publishing its starting outputs ({tree})")
+            time.sleep(0.01)
+    driver = subprocess.run([str(binaries / "lockstep")], cwd=tree / "run", stdout=subprocess.DEVNULL)
+    if driver.returncode != 0 or any(solver.wait() != 0 for solver in solvers):
+        raise SystemExit(f"heat: the run in {tree} failed")
+    left = numpy.load(tree / "main" / "fields" / "out" / "T.npy")
+    right = numpy.load(tree / "sub1" / "fields" / "out" / "T.npy")
+    return tree, left, right, dt, CYCLES * time_steps
+
+
+def run_in_one_process(n_left, n_right, method, dt, steps):
+    """Both sides stepped here, the interface values mapped with the weights
+    lockstep-exchange computes, exchanged in memory."""
+    left, right = Left(n_left, dt), Right(n_right, dt)
+    cells = {"from_cells": None}
+
+    def weights(source, target, source_segments):
+        if method == "linear":
+            cells["from_cells"] = source_segments
+        rows, columns, values, shape = lockstep.mapping_weights(source, target, map=method, **cells)
+        matrix = numpy.zeros(shape)
+        numpy.add.at(matrix, (rows, columns), values)
+        return matrix
+
+    from heat_model import segments
+    to_left = weights(right.y_coordinates, left.y_coordinates, segments(n_right))
+    to_right = weights(left.y_coordinates, right.y_coordinates, segments(n_left))
+    flux, temperature = left.start(), right.start()
+    for _ in range(steps):
+        for s in (1, 2, 3, 4):
+            flux, temperature = left.stage(s, to_left @ temperature), right.stage(s, to_right @ flux)
+    return left.whole(), right.whole()
+
+
+def error_against_exact(left_values, right_values, n_left, n_right):
+    t = END_TIME
+    worst = 0.0
+    for values, side in ((left_values, Left(n_left, 1.0)), (right_values, Right(n_right, 1.0))):
+        points = side.points()
+        worst = max(worst, numpy.abs(values - exact(points[:, 0], points[:, 1], t)).max())
+    return worst
+
+
+def export_vtk(binaries, tree, out):
+    """Each side's temperature at every cycle end, and the interface values."""
+    ctl = str(binaries / "lockstepctl")
+    for name, side in (("main", "left"), ("sub1", "right")):
+        fields = tree / name / "fields" / "out"
+        frames = sorted(str(p) for p in fields.glob("T-*.npy"))
+        subprocess.run([ctl, "field", "export", "--mesh", str(fields / "grid.npy"), "--cells", str(fields / "cells.npy"),
+                        "--output", str(out / f"heat-{side}.pvd"), *frames], check=True, stdout=subprocess.DEVNULL)
+        interface = "flux" if name == "main" else "temperature"
+        subprocess.run([ctl, "field", "export", "--mesh", str(fields / "interface.npy"), "--cells",
+                        str(fields / "segments.npy"), "--output", str(out / f"interface-{side}.vtu"),
+                        str(fields / f"{interface}.npy")], check=True, stdout=subprocess.DEVNULL)
+
+
+def write_plot_data(tree, out):
+    """x y T of both sides' final temperatures, a blank line between rows,
+    for gnuplot's pm3d."""
+    for name, side, n, origin in (("main", "left", int(tree.name.split("-")[-2]), 0.0),
+                                  ("sub1", "right", int(tree.name.split("-")[-1]), 1.0)):
+        values = numpy.load(tree / name / "fields" / "out" / "T.npy").reshape(n + 1, n + 1)
+        with open(out / f"heat-{side}.dat", "w") as data:
+            for j in range(n + 1):
+                for i in range(n + 1):
+                    data.write("%.6f %.6f %.9f\n" % (origin + i / n, j / n, values[j, i]))
+                data.write("\n")
+
+
+def main():
+    binaries, heat_left, work = Path(sys.argv[1]), Path(sys.argv[2]), Path(sys.argv[3])
+    smallest = "--smallest" in sys.argv
+    table_file = Path(sys.argv[sys.argv.index("--table") + 1]) if "--table" in sys.argv else None
+    work.mkdir(parents=True, exist_ok=True)
+
+    tree, left, right, dt, steps = run_coupled(binaries, heat_left, work, MATCHING, MATCHING, "nearest-neighbour")
+    one_left, one_right = run_in_one_process(MATCHING, MATCHING, "nearest-neighbour", dt, steps)
+    difference = max(numpy.abs(left - one_left).max(), numpy.abs(right - one_right).max())
+    print(f"matching interface points ({MATCHING + 1} on each side), {steps} time steps to t = {END_TIME}:")
+    print(f"  coupled run against one process: largest difference {difference:.3e} (at most 1e-12)")
+    print(f"  error against the exact solution: {error_against_exact(left, right, MATCHING, MATCHING):.3e}")
+    if difference > 1e-12:
+        raise SystemExit("heat: the coupled run differs from the one-process program")
+    export_vtk(binaries, tree, work)
+    write_plot_data(tree, work)
+
+    sizes = SIZES[:2] if smallest else SIZES
+    rows = []
+    failed = []
+    for method, least in METHODS.items():
+        errors = []
+        for n_left, n_right in sizes:
+            errors.append(error_against_exact(*run_coupled(binaries, heat_left, work, n_left, n_right, method)[1:3],
+                                              n_left, n_right))
+        orders = [math.log(errors[i - 1] / errors[i], 2) for i in range(1, len(errors))]
+        rows.append((method, errors, orders))
+        if not smallest and min(orders[1:]) < least:
+            failed.append(f"{method}: observed orders {', '.join('%.2f' % o for o in orders)}, expected at least {least}")
+    header = "| method | " + " | ".join(f"{l + 1} / {r + 1} points" for l, r in sizes) + " | observed orders |"
+    lines = [header, "|---|" + "---:|" * len(sizes) + "---|"]
+    for method, errors, orders in rows:
+        lines.append(f"| {method} | " + " | ".join("%.3e" % e for e in errors) + " | " +
+                     ", ".join("%.2f" % o for o in orders) + " |")
+    print("\nlargest error against the exact solution at t = %g, interface points left / right:" % END_TIME)
+    print("\n".join(lines))
+    if table_file:
+        table_file.write_text("\n".join(lines) + "\n")
+    if failed:
+        raise SystemExit("heat: " + "; ".join(failed))
+
+
+if __name__ == "__main__":
+    main()
