@@ -48,7 +48,8 @@ std::string Method::canonical() const {
   std::string text = "map=" + name_of(kKinds, kind) + " constraint=" + (conservative ? "conservative" : "consistent");
   if (kind == Kind::kRbf || kind == Kind::kRbfPum) {
     char number[64];
-    text += " basis=" + name_of(kBases, basis) + " polynomial=" + (polynomial ? "on" : "off");
+    text += " basis=" + (basis ? name_of(kBases, *basis) : std::string("default")) +
+            " polynomial=" + (polynomial ? "on" : "off");
     if (shape) text += (std::snprintf(number, sizeof number, " shape=%.17g", *shape), number);
     if (radius) text += (std::snprintf(number, sizeof number, " radius=%.17g", *radius), number);
     if (kind == Kind::kRbfPum) {
@@ -69,7 +70,6 @@ std::string parse_method(const std::map<std::string, std::string>& words, Method
   if (kind == kKinds.end()) return "map=" + map->second + " is no method: use " + choices(kKinds);
   method.kind = kind->second;
   const bool rbf = method.kind == Kind::kRbf || method.kind == Kind::kRbfPum;
-  if (method.kind == Kind::kRbfPum) method.basis = Basis::kGaussian;
   for (const auto& [key, value] : words) {
     double number = 0;
     if (key == "map") continue;

@@ -38,7 +38,7 @@ struct Kernel {
 // Defaults from the point spacing h: a Gaussian as wide as a few points, a
 // Wendland support holding a few dozen.
 Kernel kernel_for(const Method& method, double spacing) {
-  return {method.basis, method.shape.value_or(1 / (3 * spacing)), method.radius.value_or(6 * spacing)};
+  return {method.basis_for(0), method.shape.value_or(1 / (3 * spacing)), method.radius.value_or(6 * spacing)};
 }
 
 // The Gaussian's shape times the cluster radius, by default: flat enough
@@ -188,7 +188,7 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
   const PointSearch centre_search(centres);
   // The defaults scale with the clusters: a Gaussian 0.4 / R wide, a
   // Wendland support of the cluster's diameter.
-  const Kernel phi{method.basis, method.shape.value_or(kPumShape / radius), method.radius.value_or(2 * radius)};
+  const Kernel phi{method.basis_for(d), method.shape.value_or(kPumShape / radius), method.radius.value_or(2 * radius)};
   // Each target's clusters and blending weights, summing to one; a point
   // beyond every ball takes its nearest cluster's interpolant alone. Every
   // (cluster, target) pair gets its own place in the target's row before
