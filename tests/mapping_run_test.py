@@ -15,14 +15,14 @@ from pathlib import Path
 
 import numpy
 
-import lockstep
-
 CYCLES, TIME_STEPS = 3, 2
 # Nearest points differ before and after main's re-mesh, without ties.
 Y = numpy.array([0.1, 0.44, 0.8, 0.97])
 
 
 def sub1_solver(directory: Path) -> None:
+    import lockstep  # here: in a sanitized build the test is skipped before any import of the module
+
     project = lockstep.Project(directory)
     served = 0
     with open(directory / "mesh.log", "w") as log:
