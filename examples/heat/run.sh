@@ -37,7 +37,7 @@ if command -v gnuplot >/dev/null; then
   gnuplot <<GNUPLOT
 set terminal pngcairo size 900,480
 set output "$work/heat.png"
-set title "temperature at t = 0.05: left side (Fortran) and right side (Python), coupled at x = 1"
+set title "u at t = 0.05: left 8 x 8 grid (Fortran), right 20 x 20 grid (Python), mapped linearly at x = 1"
 set view map
 set size ratio -1
 set xrange [0:2]
