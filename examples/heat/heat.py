@@ -30,7 +30,7 @@ from pathlib import Path
 import numpy
 
 import lockstep
-from heat_model import Left, Right, exact
+from heat_model import Left, Right, exact, segments
 
 HERE = Path(__file__).resolve().parent
 END_TIME = 0.05
@@ -90,17 +90,14 @@ def run_in_one_process(n_left, n_right, method, dt, steps):
     """Both sides stepped here, the interface values mapped with the weights
     lockstep-exchange computes, exchanged in memory."""
     left, right = Left(n_left, dt), Right(n_right, dt)
-    cells = {"from_cells": None}
 
     def weights(source, target, source_segments):
-        if method == "linear":
-            cells["from_cells"] = source_segments
-        rows, columns, values, shape = lockstep.mapping_weights(source, target, map=method, **cells)
+        cells = source_segments if method == "linear" else None
+        rows, columns, values, shape = lockstep.mapping_weights(source, target, map=method, from_cells=cells)
         matrix = numpy.zeros(shape)
         numpy.add.at(matrix, (rows, columns), values)
         return matrix
 
-    from heat_model import segments
     to_left = weights(right.y_coordinates, left.y_coordinates, segments(n_right))
     to_right = weights(left.y_coordinates, right.y_coordinates, segments(n_left))
     flux, temperature = left.start(), right.start()
