@@ -40,10 +40,21 @@ def main() -> int:
                 assert (grid.point_data["T-%04d" % cycle][:, 0] == expected).all(), frame.get("file")
                 assert (grid.points[:, :2] == numpy.load(fields / "grid.npy")).all()
                 assert (grid.cells_dict["triangle"] == numpy.load(fields / "cells.npy")).all()
-            interface = meshio.read(work / f"interface-{side}.vtu")
             field = "flux" if name == "main" else "temperature"
-            assert (interface.point_data[field][:, 0] == numpy.load(fields / f"{field}.npy")).all()
-            assert (interface.cells_dict["line"] == numpy.load(fields / "segments.npy")).all()
+            frames = ElementTree.parse(work / f"interface-{side}.pvd").getroot().findall("./Collection/DataSet")
+            assert len(frames) == 4
+            last = meshio.read(work / frames[-1].get("file"))
+            assert (last.point_data["%s-0004" % field][:, 0] == numpy.load(fields / f"{field}.npy")).all()
+            assert (last.cells_dict["line"] == numpy.load(fields / "segments.npy")).all()
+        # Without cells, a vertex a point; several fields in one grid.
+        ctl = Path(binaries) / "lockstepctl"
+        fields = tree / "main" / "fields" / "out"
+        subprocess.run([ctl, "field", "export", "--mesh", fields / "grid.npy", "--output", work / "points.vtu",
+                        fields / "T-0001.npy", fields / "T-0004.npy"], check=True)
+        points = meshio.read(work / "points.vtu")
+        assert (points.cells_dict["vertex"][:, 0] == numpy.arange(len(points.points))).all()
+        assert (points.point_data["T-0001"][:, 0] == numpy.load(fields / "T-0001.npy")).all()
+        assert (points.point_data["T-0004"][:, 0] == numpy.load(fields / "T-0004.npy")).all()
         print("heat example: VTK files read back by meshio, values equal to the fields'")
     return 0
 

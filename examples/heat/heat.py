@@ -11,7 +11,8 @@ interface values mapped by lockstep-exchange.
    observed order, which must reach about 1 for nearest-neighbour and about
    2 for the others (at least 0.7 and 1.7).
 3. The temperatures of the matching run as VTK files for ParaView (one
-   collection per side over the cycle ends, and the interface values), and
+   collection per side over the cycle ends, and one of each side's
+   interface values), and
    the data for a picture of both sides on grids that do not match (8 x 8
    and 20 x 20, mapped linearly).
 
@@ -127,9 +128,10 @@ def export_vtk(binaries, tree, out):
         subprocess.run([ctl, "field", "export", "--mesh", str(fields / "grid.npy"), "--cells", str(fields / "cells.npy"),
                         "--output", str(out / f"heat-{side}.pvd"), *frames], check=True, stdout=subprocess.DEVNULL)
         interface = "flux" if name == "main" else "temperature"
+        frames = sorted(str(p) for p in fields.glob(f"{interface}-*.npy"))
         subprocess.run([ctl, "field", "export", "--mesh", str(fields / "interface.npy"), "--cells",
-                        str(fields / "segments.npy"), "--output", str(out / f"interface-{side}.vtu"),
-                        str(fields / f"{interface}.npy")], check=True, stdout=subprocess.DEVNULL)
+                        str(fields / "segments.npy"), "--output", str(out / f"interface-{side}.pvd"), *frames],
+                       check=True, stdout=subprocess.DEVNULL)
 
 
 def write_plot_data(tree, out):

@@ -9,7 +9,8 @@
 !
 ! Fields: outputs "interface" (y of its points on x = 1), "segments" (the
 ! segments between them), "flux", and "grid", "cells", "T" (the whole
-! temperature) with "T-CCCC" at each cycle end; input "temperature".
+! temperature), with "T-CCCC" and "flux-CCCC" at each cycle end; input
+! "temperature".
 program heat_left
   use lockstep_project
   implicit none
@@ -75,6 +76,8 @@ program heat_left
     if (stage == 5) then
       write (name, '(a, i4.4)') 'T-', cycle
       call must(project%put(trim(name), whole))
+      write (name, '(a, i4.4)') 'flux-', cycle
+      call must(project%put(trim(name), flux))
     else
       call must(project%get('temperature', given))
       time = steps * dt + stage_offset(stage) * dt

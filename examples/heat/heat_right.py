@@ -5,8 +5,8 @@ giving it its temperature there.
     heat_right.py DIR N TIME_STEP LAST_CYCLE
 
 Fields: outputs "interface" (y of its points on x = 1), "segments",
-"temperature", and "grid", "cells", "T" (the whole temperature) with
-"T-CCCC" at each cycle end; input "flux".
+"temperature", and "grid", "cells", "T" (the whole temperature), with
+"T-CCCC" and "temperature-CCCC" at each cycle end; input "flux".
 """
 import sys
 
@@ -22,13 +22,16 @@ def main():
     project.put("segments", segments(n))
     project.put("grid", right.points())
     project.put("cells", grid_cells(n))
-    project.put("temperature", right.start())
+    temperature = right.start()
+    project.put("temperature", temperature)
     project.put("T", right.whole())
     for request in project.requests(last_cycle):
         if request.cycle_end:
             project.put("T-%04d" % request.cycle, right.whole())
+            project.put("temperature-%04d" % request.cycle, temperature)
             continue
-        project.put("temperature", right.stage(request.stage, project.get("flux")))
+        temperature = right.stage(request.stage, project.get("flux"))
+        project.put("temperature", temperature)
         project.put("T", right.whole())
 
 

@@ -5,7 +5,7 @@
 # lockstep-exchange. Builds what it needs, then heat.py runs and checks it
 # in build/release/heat-run: the coupled run against one process, the
 # convergence table of each mapping method, the VTK files of the temperatures
-# (heat-left.pvd, heat-right.pvd, interface-*.vtu), and heat.png, the
+# (heat-left.pvd, heat-right.pvd, interface-*.pvd), and heat.png, the
 # temperature over both sides.
 #
 #   run.sh [--smallest] [--table FILE]
@@ -31,7 +31,7 @@ fi
 work="$build/heat-run"
 rm -rf "$work"
 PYTHONPATH="$build/src/python" /usr/bin/python3 "$here/heat.py" "$build/src" "$build/examples/heat_left" "$work" "$@"
-echo "ParaView: $work/heat-left.pvd, $work/heat-right.pvd, $work/interface-left.vtu, $work/interface-right.vtu"
+echo "ParaView: $work/heat-left.pvd, $work/heat-right.pvd, $work/interface-left.pvd, $work/interface-right.pvd"
 
 if command -v gnuplot >/dev/null; then
   gnuplot <<GNUPLOT
