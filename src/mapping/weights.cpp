@@ -40,24 +40,33 @@ WeightsView Weights::view() const {
 bool WeightsView::apply(const double* source, std::size_t components, double* target) const {
   // Rows in blocks over every core: a stage's product reads every weight
   // once, and memory, not arithmetic, bounds it.
-  const unsigned cores = rows * components < 100000 ? 1 : std::clamp(std::thread::hardware_concurrency(), 1u, 8u);
+  const unsigned cores = count * components < 1000000 ? 1 : std::clamp(std::thread::hardware_concurrency(), 1u, 8u);
   std::atomic<bool> sound{true};
   const auto rows_from = [&](std::size_t first, std::size_t last) {
     for (std::size_t row = first; row < last; ++row) {
+      const auto begin = static_cast<std::size_t>(row_start[row]), end = static_cast<std::size_t>(row_start[row + 1]);
+      if (components == 1) {
+        double sum = 0;
+        for (std::size_t at = begin; at < end; ++at) {
+          const auto column = static_cast<std::size_t>(column_of[at]);
+          if (column >= columns) {
+            sound = false;
+            return;
+          }
+          sum += value[at] * source[column];
+        }
+        target[row] = sum;
+        continue;
+      }
       double* out = target + row * components;
       std::fill(out, out + components, 0.0);
-      const auto end = static_cast<std::size_t>(row_start[row + 1]);
-      for (auto at = static_cast<std::size_t>(row_start[row]); at < end; ++at) {
+      for (std::size_t at = begin; at < end; ++at) {
         const auto column = static_cast<std::size_t>(column_of[at]);
         if (column >= columns) {
           sound = false;
           return;
         }
-        if (components == 1) {
-          out[0] += value[at] * source[column];
-        } else {
-          for (std::size_t k = 0; k < components; ++k) out[k] += value[at] * source[column * components + k];
-        }
+        for (std::size_t k = 0; k < components; ++k) out[k] += value[at] * source[column * components + k];
       }
     }
   };
