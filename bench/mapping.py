@@ -9,8 +9,9 @@ points in [0.05, 0.95]^3, Franke's 3-D function as the values; then 33,000
 Halton points to 98,000 random ones through lockstep-exchange.
 """
 import json
+import math
 import os
-import resource
+import shutil
 import statistics
 import subprocess
 import sys
@@ -68,9 +69,9 @@ def against_scipy() -> dict:
     def pum():
         return lockstep.mapping_weights(source, target, map="rbf-pum")
 
-    ours_pum, (rows, columns, weights, shape) = best_of(1, pum)
+    ours_pum, (rows, columns, weights, shape) = best_of(3, pum)
     pum_error = relative_error(coo_matrix((weights, (rows, columns)), shape).tocsr() @ values, exact)
-    scipy_pum, interpolated = best_of(1, lambda: RBFInterpolator(source, values, neighbors=50,
+    scipy_pum, interpolated = best_of(3, lambda: RBFInterpolator(source, values, neighbors=50,
                                                                  kernel="quintic")(target))
     return {"nearest_s": ours_nn, "ckdtree_s": scipy_nn, "nearest_error": relative_error(mapped, exact),
             "pum_setup_s": ours_pum, "pum_error": pum_error, "pum_values_per_row": len(weights) / shape[0],
@@ -100,7 +101,12 @@ def large_run(exchange: str) -> dict:
             if name == "main":
                 project.put("T", franke(source))
             project.close()
-        setup_s, peak = exchange_process(exchange, root / "run")
+        # The first stage computes and stores the weights: the best of three.
+        setup_s, peak = math.inf, 0
+        for _ in range(3):
+            shutil.rmtree(root / "run" / "mappings", ignore_errors=True)
+            seconds, used = exchange_process(exchange, root / "run")
+            setup_s, peak = min(setup_s, seconds), max(peak, used)
         stage_s = statistics.median(exchange_process(exchange, root / "run")[0] for _ in range(7))
         stored = sum(f.stat().st_size for f in (root / "run" / "mappings").rglob("*") if f.is_file())
         mapped = numpy.load(root / "sub1" / "fields" / "in" / "T.npy")

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -221,7 +222,12 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
     }
     row_begin[t + 1] = row_begin[t] + size;
   }
-  std::vector<std::pair<Column, double>> entries(row_begin.back());
+  // Left uninitialised: every place is written once by its cluster.
+  struct Entry {
+    Column column;
+    double value;
+  };
+  const std::unique_ptr<Entry[]> entries(new Entry[row_begin.back()]);
   std::atomic<std::size_t> next_cluster{0};
   std::atomic<std::size_t> singular{centres.count};
   const auto solve_clusters = [&] {
@@ -238,7 +244,7 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
       }
       for (std::size_t k = 0; k < targets.size(); ++k) {
         const Share& share = targets_of[c][k];
-        auto* out = entries.data() + row_begin[share.target] + share.offset;
+        Entry* out = entries.get() + row_begin[share.target] + share.offset;
         for (std::size_t j = 0; j < members[c].size(); ++j) {
           out[j] = {static_cast<Column>(members[c][j]),
                     share.weight * local(static_cast<Eigen::Index>(j), static_cast<Eigen::Index>(k))};
@@ -259,19 +265,19 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
   run_on_every_core([&] {
     std::vector<std::int64_t> place(from.count, -1);
     for (std::size_t t = next_row++; t < to.count; t = next_row++) {
-      auto* first = entries.data() + row_begin[t];
-      auto* last = entries.data() + row_begin[t + 1];
+      Entry* first = entries.get() + row_begin[t];
+      Entry* last = entries.get() + row_begin[t + 1];
       std::int64_t kept = 0;
-      for (auto* entry = first; entry != last; ++entry) {
-        std::int64_t& at = place[static_cast<std::size_t>(entry->first)];
+      for (Entry* entry = first; entry != last; ++entry) {
+        std::int64_t& at = place[static_cast<std::size_t>(entry->column)];
         if (at >= 0) {
-          first[at].second += entry->second;
+          first[at].value += entry->value;
         } else {
           at = kept;
           first[kept++] = *entry;
         }
       }
-      for (std::int64_t k = 0; k < kept; ++k) place[static_cast<std::size_t>(first[k].first)] = -1;
+      for (std::int64_t k = 0; k < kept; ++k) place[static_cast<std::size_t>(first[k].column)] = -1;
       merged[t] = static_cast<std::size_t>(kept);
     }
   });
@@ -284,13 +290,16 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
   }
   weights.column_of.resize(static_cast<std::size_t>(weights.row_start.back()));
   weights.value.resize(weights.column_of.size());
-  for (std::size_t t = 0; t < to.count; ++t) {
-    for (std::size_t k = 0; k < merged[t]; ++k) {
-      const auto at = static_cast<std::size_t>(weights.row_start[t]) + k;
-      weights.column_of[at] = entries[row_begin[t] + k].first;
-      weights.value[at] = entries[row_begin[t] + k].second;
+  next_row = 0;
+  run_on_every_core([&] {
+    for (std::size_t t = next_row++; t < to.count; t = next_row++) {
+      for (std::size_t k = 0; k < merged[t]; ++k) {
+        const auto at = static_cast<std::size_t>(weights.row_start[t]) + k;
+        weights.column_of[at] = entries[row_begin[t] + k].column;
+        weights.value[at] = entries[row_begin[t] + k].value;
+      }
     }
-  }
+  });
   return {};
 }
 
