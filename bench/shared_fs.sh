@@ -33,10 +33,25 @@ start_sshd "$work"
 mkdir -p "$work/tree"
 mount_sshfs "$work" "$work/tree" "$work/view" auto_cache
 
+# ms_of_driver TREE PIDS...: runs the driver in TREE/run, waits for it and
+# for PIDS (the projects' processes), and prints its time per stage.
+ms_of_driver() {
+  local tree=$1 start end
+  shift
+  start=$(date +%s%N)
+  (cd "$tree/run" && exec "$bin/lockstep" >/dev/null) &
+  local driver=$!
+  daemons+=("$driver")
+  wait_until "! kill -0 $driver" "cat '$tree'/*/go.dat"
+  end=$(date +%s%N)
+  wait "$driver" "$@"
+  awk -v ns=$((end - start)) -v stages="$stages" 'BEGIN { printf "%.2f", ns / 1e6 / stages }'
+}
+
 # ms_per_stage SUB_ROOT: the driver's time per stage with the sub projects'
 # agents serving SUB_ROOT/subN.
 ms_per_stage() {
-  local sub_root=$1 tree=$work/tree project start end
+  local sub_root=$1 tree=$work/tree project
   rm -rf "${tree:?}"/*
   mkdir -p "$tree/run"
   printf 'time_step=\n%s\ncycle_num=\n%s\nnum_subprojects=\n2\n' "$time_steps" "$cycles" >"$tree/run/analysis_settings.dat"
@@ -55,20 +70,13 @@ ms_per_stage() {
     agents+=($!)
   done
   daemons+=("${agents[@]}")
-  start=$(date +%s%N)
-  (cd "$tree/run" && exec "$bin/lockstep" >/dev/null) &
-  local driver=$!
-  daemons+=("$driver")
-  wait_until "! kill -0 $driver" "cat '$tree'/*/go.dat"
-  end=$(date +%s%N)
-  wait "$driver" "${agents[@]}"
-  awk -v ns=$((end - start)) -v stages="$stages" 'BEGIN { printf "%.2f", ns / 1e6 / stages }'
+  ms_of_driver "$tree" "${agents[@]}"
 }
 
 # chain_ms_per_stage SUB_ROOT: the same with the chain's solvers, main's on
 # the local path and the sub projects' on SUB_ROOT/subN.
 chain_ms_per_stage() {
-  local sub_root=$1 tree=$work/tree project first=0 start end
+  local sub_root=$1 tree=$work/tree project first=0
   rm -rf "${tree:?}"/*
   mkdir -p "$tree/run"
   printf 'time_step=\n%s\ncycle_num=\n%s\nnum_subprojects=\n2\n' "$time_steps" "$cycles" >"$tree/run/analysis_settings.dat"
@@ -87,14 +95,7 @@ chain_ms_per_stage() {
   done
   daemons+=("${solvers[@]}")
   for project in main sub1 sub2; do wait_until "[ -f '$tree/$project/fields/out/last.npy' ]"; done
-  start=$(date +%s%N)
-  (cd "$tree/run" && exec "$bin/lockstep" >/dev/null) &
-  local driver=$!
-  daemons+=("$driver")
-  wait_until "! kill -0 $driver" "cat '$tree'/*/go.dat"
-  end=$(date +%s%N)
-  wait "$driver" "${solvers[@]}"
-  awk -v ns=$((end - start)) -v stages="$stages" 'BEGIN { printf "%.2f", ns / 1e6 / stages }'
+  ms_of_driver "$tree" "${solvers[@]}"
 }
 
 local_ms=$(ms_per_stage "$work/tree")

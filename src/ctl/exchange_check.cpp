@@ -13,32 +13,6 @@
 namespace lockstep::ctl {
 namespace {
 
-// A published mesh (and cells) of `project`; false with the reason, or
-// with an empty reason when it is not published yet.
-bool read_mesh(const TreeState& tree, int project, const std::string& name, const std::string* cells_name,
-               mapping::Points& points, std::optional<mapping::Cells>& cells, std::string& error) {
-  const std::string directory = (tree.run_directory / config::project_directory(project)).string();
-  std::vector<char> values;
-  fields::Header header;
-  const auto read = [&](const std::string& field) {
-    return fields::read_field(fields::field_path(directory, fields::Role::kOutput, field), header,
-                              fields::into_buffer(values), error);
-  };
-  if (const fields::ReadOutcome outcome = read(name); outcome != fields::ReadOutcome::kRead) return false;
-  if (error = mapping::points_from_field(header, values.data(), points); !error.empty()) {
-    error = "mesh \"" + name + "\" of " + fields::project_name(project) + ": " + error;
-    return false;
-  }
-  if (cells_name == nullptr) return true;
-  if (read(*cells_name) != fields::ReadOutcome::kRead) return false;
-  cells.emplace();
-  if (error = mapping::cells_from_field(header, values.data(), points, *cells); !error.empty()) {
-    error = "cells \"" + *cells_name + "\" of " + fields::project_name(project) + ": " + error;
-    return false;
-  }
-  return true;
-}
-
 // A mapping line whose meshes are published: what it maps and how far the
 // target points lie from the source mesh, or what is wrong with them.
 void check_mapping(TreeState& tree, const exchange::Copy& copy, const std::string& where) {
@@ -46,11 +20,19 @@ void check_mapping(TreeState& tree, const exchange::Copy& copy, const std::strin
   std::map<std::string, std::string> names;
   mapping::parse_method(copy.mapping, method, names);
   const auto name = [&](const char* key) { return names.count(key) > 0 ? &names.at(key) : nullptr; };
+  // The files as they are, stamps aside: a mesh not published yet leaves
+  // the reason empty.
+  const mapping::FieldReader read = [&tree](int project, const std::string& field, fields::Header& header,
+                                            std::vector<char>& values, std::string& reason) {
+    const std::string directory = (tree.run_directory / config::project_directory(project)).string();
+    return fields::read_field(fields::field_path(directory, fields::Role::kOutput, field), header,
+                              fields::into_buffer(values), reason) == fields::ReadOutcome::kRead;
+  };
   mapping::Points from, to;
   std::optional<mapping::Cells> from_cells, to_cells;
   std::string error;
-  if (!read_mesh(tree, copy.from, names.at("from-mesh"), name("from-cells"), from, from_cells, error) ||
-      !read_mesh(tree, copy.to, names.at("to-mesh"), name("to-cells"), to, to_cells, error)) {
+  if (!mapping::read_mesh(read, copy.from, names.at("from-mesh"), name("from-cells"), from, from_cells, error) ||
+      !mapping::read_mesh(read, copy.to, names.at("to-mesh"), name("to-cells"), to, to_cells, error)) {
     if (!error.empty()) tree.run_problems.push_back(where + error);
     if (error.empty()) tree.mappings.push_back(where + "its meshes are not all published yet");
     return;

@@ -15,28 +15,6 @@ bool read_whole(fields::InteractionFields& fields, int source, const std::string
   return false;
 }
 
-// The points and, if named, cells of a mesh of `project`. Meshes are
-// outputs published at any time: the newest is the mesh.
-bool read_mesh(fields::InteractionFields& fields, int project, const std::string& points_name,
-               const std::string* cells_name, mapping::Points& points, std::optional<mapping::Cells>& cells,
-               std::string& error) {
-  std::vector<char> buffer;
-  fields::Header header;
-  if (!read_whole(fields, project, points_name, fields::Accept::kAny, buffer, header, error)) return false;
-  if (error = mapping::points_from_field(header, buffer.data(), points); !error.empty()) {
-    error = "mesh \"" + points_name + "\" of " + fields::project_name(project) + ": " + error;
-    return false;
-  }
-  if (cells_name == nullptr) return true;
-  if (!read_whole(fields, project, *cells_name, fields::Accept::kAny, buffer, header, error)) return false;
-  cells.emplace();
-  if (error = mapping::cells_from_field(header, buffer.data(), points, *cells); !error.empty()) {
-    error = "cells \"" + *cells_name + "\" of " + fields::project_name(project) + ": " + error;
-    return false;
-  }
-  return true;
-}
-
 // The values of `copy`'s output mapped onto the target mesh, put as its
 // input. False with the reason in `error`; nothing is written then.
 bool map_copy(const Copy& copy, fields::InteractionFields& fields, std::string& error) {
@@ -44,10 +22,15 @@ bool map_copy(const Copy& copy, fields::InteractionFields& fields, std::string& 
   std::map<std::string, std::string> names;
   mapping::parse_method(copy.mapping, method, names);
   const auto name = [&](const char* key) { return names.count(key) > 0 ? &names.at(key) : nullptr; };
+  // Meshes are outputs published at any time: the newest is the mesh.
+  const mapping::FieldReader read = [&fields](int project, const std::string& field, fields::Header& header,
+                                              std::vector<char>& values, std::string& reason) {
+    return read_whole(fields, project, field, fields::Accept::kAny, values, header, reason);
+  };
   mapping::Points from, to;
   std::optional<mapping::Cells> from_cells, to_cells;
-  if (!read_mesh(fields, copy.from, names.at("from-mesh"), name("from-cells"), from, from_cells, error) ||
-      !read_mesh(fields, copy.to, names.at("to-mesh"), name("to-cells"), to, to_cells, error)) {
+  if (!mapping::read_mesh(read, copy.from, names.at("from-mesh"), name("from-cells"), from, from_cells, error) ||
+      !mapping::read_mesh(read, copy.to, names.at("to-mesh"), name("to-cells"), to, to_cells, error)) {
     return false;
   }
   std::vector<char> values;

@@ -73,6 +73,25 @@ std::string cells_from_field(const fields::Header& header, const void* values, c
   return {};
 }
 
+bool read_mesh(const FieldReader& read, int project, const std::string& points_name, const std::string* cells_name,
+               Points& points, std::optional<Cells>& cells, std::string& error) {
+  std::vector<char> values;
+  fields::Header header;
+  if (!read(project, points_name, header, values, error)) return false;
+  if (error = points_from_field(header, values.data(), points); !error.empty()) {
+    error = "mesh \"" + points_name + "\" of " + fields::project_name(project) + ": " + error;
+    return false;
+  }
+  if (cells_name == nullptr) return true;
+  if (!read(project, *cells_name, header, values, error)) return false;
+  cells.emplace();
+  if (error = cells_from_field(header, values.data(), points, *cells); !error.empty()) {
+    error = "cells \"" + *cells_name + "\" of " + fields::project_name(project) + ": " + error;
+    return false;
+  }
+  return true;
+}
+
 std::string components_of(const fields::Header& header, std::size_t count, std::size_t& components) {
   const auto& shape = header.shape;
   if (header.type != fields::Type::kFloat64) {

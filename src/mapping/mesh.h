@@ -6,6 +6,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,6 +36,16 @@ std::string points_from_field(const fields::Header& header, const void* values, 
 // The cells a field holds, checked against `points`: int32 or int64 of
 // shape (m, 2), (m, 3) or (m, 4), every index within the points.
 std::string cells_from_field(const fields::Header& header, const void* values, const Points& points, Cells& cells);
+
+// Reads one field of `project` by name: its header and values, or false
+// with the reason in `error` (empty when there is nothing to read yet).
+using FieldReader = std::function<bool(int project, const std::string& name, fields::Header& header,
+                                       std::vector<char>& values, std::string& error)>;
+
+// The mesh `points_name` of `project` and, when `cells_name` is given, its
+// cells, read by `read` and checked; errors name the field and project.
+bool read_mesh(const FieldReader& read, int project, const std::string& points_name, const std::string* cells_name,
+               Points& points, std::optional<Cells>& cells, std::string& error);
 
 // Values on a mesh of `count` points: shape (count,) or (count, k); the
 // number of components k. Empty on success, else why not.
