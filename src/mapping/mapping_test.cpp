@@ -142,6 +142,13 @@ TEST(MappingTest, ConstantsLinearFieldsAndSumsAreKept) {
   EXPECT_EQ(compute_weights(method_of({{"map", "rbf"}, {"from-mesh", "a"}, {"to-mesh", "b"}}), twin, nullptr, to,
                             nullptr, weights),
             "source points 7 and 200 are at one place, which makes the RBF system singular: remove one");
+  // Two patches far apart: their box would hold ~10^36 clusters.
+  Points patches = from;
+  for (std::size_t i = 0; i < 200; ++i) patches.coordinates[i] += 1e12;
+  EXPECT_EQ(compute_weights(method_of({{"map", "rbf-pum"}, {"from-mesh", "a"}, {"to-mesh", "b"}}), patches, nullptr,
+                            to, nullptr, weights),
+            "the source points' box holds more than 2^28 clusters: map far-apart patches on lines of their own, or "
+            "give a larger cluster-size");
 }
 
 }  // namespace

@@ -23,15 +23,19 @@ double wendland(Basis basis, double rho) {
   }
 }
 
-// The basis with its scale settled: phi(r).
+// The basis with its scale settled, applied to distances squared.
 struct Kernel {
   Basis basis;
   double shape = 1, radius = 1;
-  double operator()(double r) const {
+  // phi(r) for each entry, r^2, in place: the Gaussian, rbf-pum's default,
+  // in one vectorised pass.
+  void apply(Eigen::Ref<Eigen::MatrixXd> squared) const {
     switch (basis) {
-      case Basis::kThinPlateSpline: return r > 0 ? r * r * std::log(r) : 0.0;
-      case Basis::kGaussian: return std::exp(-(shape * r) * (shape * r));
-      default: return wendland(basis, r / radius);
+      case Basis::kGaussian: squared.array() = (-(shape * shape) * squared.array()).exp(); return;
+      case Basis::kThinPlateSpline:  // r^2 log r = r^2 log(r^2) / 2
+        squared = squared.unaryExpr([](double s) { return s > 0 ? 0.5 * s * std::log(s) : 0.0; });
+        return;
+      default: squared = squared.unaryExpr([this](double s) { return wendland(basis, std::sqrt(s) / radius); });
     }
   }
 };
@@ -57,46 +61,160 @@ void run_on_every_core(const Work& work) {
   for (std::thread& thread : threads) thread.join();
 }
 
-double distance(const double* a, const double* b, int dimension) {
-  double sum = 0;
-  for (int k = 0; k < dimension; ++k) sum += (a[k] - b[k]) * (a[k] - b[k]);
-  return std::sqrt(sum);
+// Points one axis a row, so that distances vectorise over the points.
+using Coordinates = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
+
+// The squared distances from `x` to each point of `points`.
+void squared_distances(const Coordinates& points, const double* x, Eigen::Ref<Eigen::VectorXd> out) {
+  out = (points.row(0).array() - x[0]).square().transpose();
+  for (Eigen::Index k = 1; k < points.rows(); ++k) out.array() += (points.row(k).array() - x[k]).square().transpose();
 }
 
-// The local interpolant's weights: for each target row t of `targets`, the
-// coefficients on `sources` that give its value. Points by index into
-// `from` and `to`. False when the system cannot be solved.
+// The local interpolant's weights: for each target t (a column of
+// `result`), the coefficients on `sources` that give its value. Points by
+// index into `from` and `to`. False when the system cannot be solved.
 bool solve_local(const Kernel& phi, bool polynomial, const Points& from, const std::vector<std::size_t>& sources,
                  const Points& to, const std::vector<std::size_t>& targets, Eigen::MatrixXd& result) {
   const int d = from.dimension;
   const auto n = static_cast<Eigen::Index>(sources.size());
   const Eigen::Index p = polynomial ? d + 1 : 0;
-  Eigen::MatrixXd system = Eigen::MatrixXd::Zero(n + p, n + p);
-  for (Eigen::Index i = 0; i < n; ++i) {
-    const double* xi = from.at(sources[static_cast<std::size_t>(i)]);
-    for (Eigen::Index j = 0; j <= i; ++j) {
-      system(i, j) = system(j, i) = phi(distance(xi, from.at(sources[static_cast<std::size_t>(j)]), d));
-    }
-    if (polynomial) {
-      system(i, n) = system(n, i) = 1;
-      for (int k = 0; k < d; ++k) system(i, n + 1 + k) = system(n + 1 + k, i) = xi[k];
-    }
+  Coordinates at(d, n);
+  for (Eigen::Index j = 0; j < n; ++j) {
+    for (int k = 0; k < d; ++k) at(k, j) = from.at(sources[static_cast<std::size_t>(j)])[k];
+  }
+  Eigen::MatrixXd system(n + p, n + p);
+  for (Eigen::Index j = 0; j < n; ++j) squared_distances(at, from.at(sources[static_cast<std::size_t>(j)]), system.col(j).head(n));
+  phi.apply(system.topLeftCorner(n, n));
+  if (polynomial) {
+    system.row(n).head(n).setOnes();
+    system.middleRows(n + 1, d).leftCols(n) = at;
+    system.topRightCorner(n, p) = system.bottomLeftCorner(p, n).transpose();
+    system.bottomRightCorner(p, p).setZero();
   }
   const auto m = static_cast<Eigen::Index>(targets.size());
   Eigen::MatrixXd evaluation(n + p, m);
   for (Eigen::Index t = 0; t < m; ++t) {
     const double* x = to.at(targets[static_cast<std::size_t>(t)]);
-    for (Eigen::Index j = 0; j < n; ++j) {
-      evaluation(j, t) = phi(distance(x, from.at(sources[static_cast<std::size_t>(j)]), d));
-    }
+    squared_distances(at, x, evaluation.col(t).head(n));
     if (polynomial) {
       evaluation(n, t) = 1;
       for (int k = 0; k < d; ++k) evaluation(n + 1 + k, t) = x[k];
     }
   }
+  phi.apply(evaluation.topRows(n));
   // The system is symmetric: the weights are evaluation^T system^-1.
   result = system.partialPivLu().solve(evaluation).topRows(n);
   return result.allFinite();
+}
+
+// More cells than this in the source points' box means points spread far
+// beyond their clusters' size (distant patches): refused, not ground through.
+constexpr double kMostCells = 1 << 28;
+
+// Cluster centres on a grid over the source points' box, close enough that
+// balls of `radius` around them cover it, with each centre's members: the
+// source points within `radius`, when there are enough for a system.
+std::string cluster(const Points& from, const PointSearch& search, double radius, double overlap, Points& centres,
+                    std::vector<std::vector<std::size_t>>& members) {
+  const auto d = static_cast<std::size_t>(from.dimension);
+  std::vector<double> low(d, std::numeric_limits<double>::infinity());
+  std::vector<double> high(d, -std::numeric_limits<double>::infinity());
+  for (std::size_t i = 0; i < from.count; ++i) {
+    for (std::size_t k = 0; k < d; ++k) {
+      low[k] = std::min(low[k], from.at(i)[k]);
+      high[k] = std::max(high[k], from.at(i)[k]);
+    }
+  }
+  const double spacing = 2 * radius / std::sqrt(static_cast<double>(d)) / (1 + overlap);
+  std::vector<std::size_t> steps(d);
+  double cells = 1;
+  for (std::size_t k = 0; k < d; ++k) {
+    const double step_count = std::floor((high[k] - low[k]) / spacing) + 1;
+    cells *= step_count;
+    if (!(cells <= kMostCells)) {
+      return "the source points' box holds more than 2^28 clusters: map far-apart patches on lines of their "
+             "own, or give a larger cluster-size";
+    }
+    steps[k] = static_cast<std::size_t>(step_count);
+  }
+  centres = Points{};
+  centres.dimension = from.dimension;
+  members.clear();
+  const auto total = static_cast<std::size_t>(cells);
+  for (std::size_t g = 0; g < total; ++g) {
+    double centre[3];
+    std::size_t rest = g;
+    for (std::size_t k = 0; k < d; ++k) {
+      centre[k] = low[k] + (static_cast<double>(rest % steps[k]) + 0.5) * spacing;
+      rest /= steps[k];
+    }
+    std::vector<std::size_t> inside;
+    for (const auto& [index, ignored] : search.within(centre, radius)) inside.push_back(index);
+    if (inside.size() < d + 2) continue;
+    std::sort(inside.begin(), inside.end());
+    centres.coordinates.insert(centres.coordinates.end(), centre, centre + d);
+    members.push_back(std::move(inside));
+    ++centres.count;
+  }
+  if (centres.count == 0) return "too few source points for rbf-pum's clusters: use map=rbf";
+  return {};
+}
+
+// Each target's clusters with their blending weights, summing to one (a
+// point beyond every ball takes its nearest cluster alone), and how many
+// distinct source points its row will hold.
+struct Blend {
+  struct Share {
+    std::size_t cluster;
+    double weight;
+  };
+  std::vector<std::size_t> first;  // target t's shares: [first[t], first[t + 1])
+  std::vector<Share> shares;
+  std::vector<std::size_t> distinct;
+};
+
+Blend blend_clusters(const Points& from, const Points& to, const std::vector<std::vector<std::size_t>>& members,
+                     const PointSearch& centre_search, double radius) {
+  // Targets in chunks, found on every core, joined in order.
+  constexpr std::size_t kChunk = 4096;
+  const std::size_t chunks = (to.count + kChunk - 1) / kChunk;
+  std::vector<std::vector<Blend::Share>> found(chunks);
+  Blend blend;
+  blend.first.assign(to.count + 1, 0);
+  blend.distinct.resize(to.count);
+  std::atomic<std::size_t> next_chunk{0};
+  run_on_every_core([&] {
+    std::vector<std::size_t> seen_in(from.count, to.count);
+    for (std::size_t chunk = next_chunk++; chunk < chunks; chunk = next_chunk++) {
+      std::vector<Blend::Share>& shares = found[chunk];
+      for (std::size_t t = chunk * kChunk; t < std::min(to.count, (chunk + 1) * kChunk); ++t) {
+        const std::size_t begin = shares.size();
+        double sum = 0;
+        for (const auto& [c, squared] : centre_search.within(to.at(t), radius)) {
+          const double w = wendland(Basis::kWendlandC2, std::sqrt(squared) / radius);
+          if (w <= 0) continue;
+          shares.push_back({c, w});
+          sum += w;
+        }
+        if (shares.size() == begin) {
+          shares.push_back({centre_search.nearest(to.at(t), 1).front().first, 1.0});
+          sum = 1;
+        }
+        for (std::size_t s = begin; s < shares.size(); ++s) {
+          shares[s].weight /= sum;
+          for (const std::size_t j : members[shares[s].cluster]) {
+            blend.distinct[t] += seen_in[j] != t;
+            seen_in[j] = t;
+          }
+        }
+        blend.first[t + 1] = shares.size() - begin;
+      }
+    }
+  });
+  for (std::size_t t = 0; t < to.count; ++t) blend.first[t + 1] += blend.first[t];
+  blend.shares.reserve(blend.first.back());
+  for (const std::vector<Blend::Share>& shares : found) blend.shares.insert(blend.shares.end(), shares.begin(), shares.end());
+  return blend;
 }
 
 }  // namespace
@@ -147,156 +265,81 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
   }
   std::nth_element(reach.begin(), reach.begin() + static_cast<std::ptrdiff_t>(reach.size() / 2), reach.end());
   const double radius = std::max(reach[reach.size() / 2], std::numeric_limits<double>::min());
-  // Centres on a grid over the source points' box, close enough that the
-  // balls cover it.
-  std::vector<double> low(static_cast<std::size_t>(d), std::numeric_limits<double>::infinity());
-  std::vector<double> high(static_cast<std::size_t>(d), -std::numeric_limits<double>::infinity());
-  for (std::size_t i = 0; i < from.count; ++i) {
-    for (int k = 0; k < d; ++k) {
-      low[static_cast<std::size_t>(k)] = std::min(low[static_cast<std::size_t>(k)], from.at(i)[k]);
-      high[static_cast<std::size_t>(k)] = std::max(high[static_cast<std::size_t>(k)], from.at(i)[k]);
-    }
-  }
-  const double spacing = 2 * radius / std::sqrt(static_cast<double>(d)) / (1 + method.overlap);
-  std::vector<std::size_t> steps(static_cast<std::size_t>(d));
-  std::size_t total = 1;
-  for (int k = 0; k < d; ++k) {
-    steps[static_cast<std::size_t>(k)] =
-        static_cast<std::size_t>(std::floor((high[static_cast<std::size_t>(k)] - low[static_cast<std::size_t>(k)]) /
-                                            spacing)) + 1;
-    total *= steps[static_cast<std::size_t>(k)];
-  }
-  Points centres;
-  centres.dimension = d;
   std::vector<std::vector<std::size_t>> members;
-  for (std::size_t g = 0; g < total; ++g) {
-    double centre[3];
-    std::size_t rest = g;
-    for (int k = 0; k < d; ++k) {
-      const std::size_t step = rest % steps[static_cast<std::size_t>(k)];
-      rest /= steps[static_cast<std::size_t>(k)];
-      centre[k] = low[static_cast<std::size_t>(k)] + (static_cast<double>(step) + 0.5) * spacing;
-    }
-    std::vector<std::size_t> inside;
-    for (const auto& [index, ignored] : search.within(centre, radius)) inside.push_back(index);
-    if (inside.size() < static_cast<std::size_t>(d) + 2) continue;
-    std::sort(inside.begin(), inside.end());
-    centres.coordinates.insert(centres.coordinates.end(), centre, centre + d);
-    members.push_back(std::move(inside));
-    ++centres.count;
+  Points centres;
+  if (std::string error = cluster(from, search, radius, method.overlap, centres, members); !error.empty()) {
+    return error;
   }
-  if (centres.count == 0) return "too few source points for rbf-pum's clusters: use map=rbf";
   const PointSearch centre_search(centres);
   // The defaults scale with the clusters: a Gaussian 0.4 / R wide, a
   // Wendland support of the cluster's diameter.
   const Kernel phi{method.basis_for(d), method.shape.value_or(kPumShape / radius), method.radius.value_or(2 * radius)};
-  // Each target's clusters and blending weights, summing to one; a point
-  // beyond every ball takes its nearest cluster's interpolant alone. Every
-  // (cluster, target) pair gets its own place in the target's row before
-  // duplicates are merged, so that clusters can be solved in parallel.
-  struct Share {
-    std::size_t target;
-    double weight;
-    std::size_t offset;  // where its entries go in the target's row
-  };
-  std::vector<std::vector<Share>> targets_of(centres.count);
-  std::vector<std::size_t> row_begin(to.count + 1, 0);
-  std::vector<std::pair<std::size_t, double>> blend;
+  const Blend blend = blend_clusters(from, to, members, centre_search, radius);
+  // Each cluster's interpolant at its targets, a column of source
+  // coefficients per target, all in one block: clusters are solved in
+  // parallel and their columns merged into rows afterwards.
+  std::vector<std::vector<std::size_t>> targets_of(centres.count);
+  std::vector<std::size_t> slot(blend.shares.size());
   for (std::size_t t = 0; t < to.count; ++t) {
-    blend.clear();
-    double sum = 0;
-    for (const auto& [c, squared] : centre_search.within(to.at(t), radius)) {
-      const double w = wendland(Basis::kWendlandC2, std::sqrt(squared) / radius);
-      if (w <= 0) continue;
-      blend.push_back({c, w});
-      sum += w;
+    for (std::size_t s = blend.first[t]; s < blend.first[t + 1]; ++s) {
+      slot[s] = targets_of[blend.shares[s].cluster].size();
+      targets_of[blend.shares[s].cluster].push_back(t);
     }
-    if (blend.empty()) {
-      blend.push_back({centre_search.nearest(to.at(t), 1).front().first, 1.0});
-      sum = 1;
-    }
-    std::size_t size = 0;
-    for (const auto& [c, w] : blend) {
-      targets_of[c].push_back({t, w / sum, size});
-      size += members[c].size();
-    }
-    row_begin[t + 1] = row_begin[t] + size;
   }
-  // Left uninitialised: every place is written once by its cluster.
-  struct Entry {
-    Column column;
-    double value;
-  };
-  const std::unique_ptr<Entry[]> entries(new Entry[row_begin.back()]);
+  std::vector<std::size_t> block_start(centres.count + 1, 0);
+  for (std::size_t c = 0; c < centres.count; ++c) {
+    block_start[c + 1] = block_start[c] + members[c].size() * targets_of[c].size();
+  }
+  Array<double> columns(block_start.back());
   std::atomic<std::size_t> next_cluster{0};
   std::atomic<std::size_t> singular{centres.count};
-  const auto solve_clusters = [&] {
+  run_on_every_core([&] {
     Eigen::MatrixXd local;
-    std::vector<std::size_t> targets;
     for (std::size_t c = next_cluster++; c < centres.count; c = next_cluster++) {
       if (targets_of[c].empty()) continue;
-      targets.clear();
-      for (const Share& share : targets_of[c]) targets.push_back(share.target);
       const bool polynomial = method.polynomial && members[c].size() > static_cast<std::size_t>(d) + 1;
-      if (!solve_local(phi, polynomial, from, members[c], to, targets, local)) {
+      if (!solve_local(phi, polynomial, from, members[c], to, targets_of[c], local)) {
         singular = c;
         return;
       }
-      for (std::size_t k = 0; k < targets.size(); ++k) {
-        const Share& share = targets_of[c][k];
-        Entry* out = entries.get() + row_begin[share.target] + share.offset;
-        for (std::size_t j = 0; j < members[c].size(); ++j) {
-          out[j] = {static_cast<Column>(members[c][j]),
-                    share.weight * local(static_cast<Eigen::Index>(j), static_cast<Eigen::Index>(k))};
-        }
-      }
+      std::copy_n(local.data(), local.size(), columns.data() + block_start[c]);
     }
-  };
-  run_on_every_core(solve_clusters);
+  });
   if (singular < centres.count) {
     return "the RBF system of the cluster around source point " + std::to_string(members[singular].front()) +
            " is singular: its points may lie on a line or plane (try polynomial=off)";
   }
-  // Each row's duplicates merged in place, in parallel, through a map from
-  // column to place in the row (no sort: rows keep their first-seen order);
-  // then packed.
-  std::vector<std::size_t> merged(to.count);
-  std::atomic<std::size_t> next_row{0};
-  run_on_every_core([&] {
-    std::vector<std::int64_t> place(from.count, -1);
-    for (std::size_t t = next_row++; t < to.count; t = next_row++) {
-      Entry* first = entries.get() + row_begin[t];
-      Entry* last = entries.get() + row_begin[t + 1];
-      std::int64_t kept = 0;
-      for (Entry* entry = first; entry != last; ++entry) {
-        std::int64_t& at = place[static_cast<std::size_t>(entry->column)];
-        if (at >= 0) {
-          first[at].value += entry->value;
-        } else {
-          at = kept;
-          first[kept++] = *entry;
-        }
-      }
-      for (std::int64_t k = 0; k < kept; ++k) place[static_cast<std::size_t>(first[k].column)] = -1;
-      merged[t] = static_cast<std::size_t>(kept);
-    }
-  });
+  // Each row: its clusters' columns, blended, a source point met in several
+  // clusters summed into its first place.
   weights = Weights{};
   weights.rows = to.count;
   weights.columns = from.count;
   weights.row_start.resize(to.count + 1);
   for (std::size_t t = 0; t < to.count; ++t) {
-    weights.row_start[t + 1] = weights.row_start[t] + static_cast<std::int64_t>(merged[t]);
+    weights.row_start[t + 1] = weights.row_start[t] + static_cast<std::int64_t>(blend.distinct[t]);
   }
   weights.column_of.resize(static_cast<std::size_t>(weights.row_start.back()));
   weights.value.resize(weights.column_of.size());
-  next_row = 0;
+  std::atomic<std::size_t> next_row{0};
   run_on_every_core([&] {
+    std::vector<std::size_t> place(from.count), seen_in(from.count, to.count);
     for (std::size_t t = next_row++; t < to.count; t = next_row++) {
-      for (std::size_t k = 0; k < merged[t]; ++k) {
-        const auto at = static_cast<std::size_t>(weights.row_start[t]) + k;
-        weights.column_of[at] = entries[row_begin[t] + k].column;
-        weights.value[at] = entries[row_begin[t] + k].value;
+      auto end = static_cast<std::size_t>(weights.row_start[t]);
+      for (std::size_t s = blend.first[t]; s < blend.first[t + 1]; ++s) {
+        const Blend::Share& share = blend.shares[s];
+        const std::vector<std::size_t>& sources = members[share.cluster];
+        const double* column = columns.data() + block_start[share.cluster] + slot[s] * sources.size();
+        for (std::size_t j = 0; j < sources.size(); ++j) {
+          const double value = share.weight * column[j];
+          if (seen_in[sources[j]] == t) {
+            weights.value[place[sources[j]]] += value;
+            continue;
+          }
+          seen_in[sources[j]] = t;
+          place[sources[j]] = end;
+          weights.column_of[end] = static_cast<Column>(sources[j]);
+          weights.value[end++] = value;
+        }
       }
     }
   });

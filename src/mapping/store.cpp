@@ -79,8 +79,8 @@ void add_cells(Hash& hash, const Cells* cells) {
 
 const fields::Stamp kNoStamp{0, fields::Role::kOutput, fields::kStartRequest};
 
-template <typename T>
-bool write_array(const std::string& path, fields::Type type, const std::vector<T>& values, std::string& error) {
+template <typename Vector>
+bool write_array(const std::string& path, fields::Type type, const Vector& values, std::string& error) {
   const fields::Header header{type, false, {static_cast<std::int64_t>(values.size())}, kNoStamp};
   return fields::write_field(path, header, values.data(), error);
 }

@@ -4,7 +4,18 @@
 #include <atomic>
 #include <thread>
 
+#include <sys/mman.h>
+
 namespace lockstep::mapping {
+
+void* allocate_huge(std::size_t bytes) {
+  constexpr std::size_t kPage = Uninitialised<char>::kHugeBytes;
+  if (bytes > SIZE_MAX - kPage) return nullptr;
+  void* memory = std::aligned_alloc(kPage, (bytes + kPage - 1) / kPage * kPage);
+  // Advice only: without huge pages the memory serves as well.
+  if (memory != nullptr) ::madvise(memory, bytes, MADV_HUGEPAGE);
+  return memory;
+}
 
 void Weights::add_row(const std::vector<Column>& row_columns, const std::vector<double>& row_values) {
   column_of.insert(column_of.end(), row_columns.begin(), row_columns.end());

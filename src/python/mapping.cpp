@@ -73,19 +73,18 @@ py::tuple mapping_weights(const py::array_t<double, py::array::c_style | py::arr
   }
   if (!error.empty()) fail(error);
   const auto count = static_cast<py::ssize_t>(weights.value.size());
-  py::array_t<std::int64_t> rows(count), columns(count);
-  py::array_t<double> values(count);
+  py::array_t<std::int64_t> rows(count);
   auto row = rows.mutable_unchecked<1>();
-  auto column = columns.mutable_unchecked<1>();
-  auto value = values.mutable_unchecked<1>();
   for (std::size_t r = 0; r < weights.rows; ++r) {
-    for (auto at = weights.row_start[r]; at < weights.row_start[r + 1]; ++at) {
-      row(at) = static_cast<std::int64_t>(r);
-      column(at) = weights.column_of[static_cast<std::size_t>(at)];
-      value(at) = weights.value[static_cast<std::size_t>(at)];
-    }
+    for (auto at = weights.row_start[r]; at < weights.row_start[r + 1]; ++at) row(at) = static_cast<std::int64_t>(r);
   }
-  return py::make_tuple(rows, columns, values, py::make_tuple(weights.rows, weights.columns));
+  // Columns and values handed over, not copied: they run to hundreds of
+  // megabytes. The arrays keep the weights alive.
+  auto* kept = new mapping::Weights(std::move(weights));
+  const py::capsule owner(kept, [](void* held) { delete static_cast<mapping::Weights*>(held); });
+  const py::array_t<std::int32_t> columns(count, kept->column_of.data(), owner);
+  const py::array_t<double> values(count, kept->value.data(), owner);
+  return py::make_tuple(rows, columns, values, py::make_tuple(kept->rows, kept->columns));
 }
 
 }  // namespace
