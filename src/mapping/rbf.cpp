@@ -184,7 +184,7 @@ Blend blend_clusters(const Points& from, const Points& to, const std::vector<std
   blend.distinct.resize(to.count);
   std::atomic<std::size_t> next_chunk{0};
   run_on_every_core([&] {
-    std::vector<std::size_t> seen_in(from.count, to.count);
+    std::vector<char> seen(from.count, 0);
     for (std::size_t chunk = next_chunk++; chunk < chunks; chunk = next_chunk++) {
       std::vector<Blend::Share>& shares = found[chunk];
       for (std::size_t t = chunk * kChunk; t < std::min(to.count, (chunk + 1) * kChunk); ++t) {
@@ -203,9 +203,12 @@ Blend blend_clusters(const Points& from, const Points& to, const std::vector<std
         for (std::size_t s = begin; s < shares.size(); ++s) {
           shares[s].weight /= sum;
           for (const std::size_t j : members[shares[s].cluster]) {
-            blend.distinct[t] += seen_in[j] != t;
-            seen_in[j] = t;
+            blend.distinct[t] += seen[j] == 0;
+            seen[j] = 1;
           }
+        }
+        for (std::size_t s = begin; s < shares.size(); ++s) {
+          for (const std::size_t j : members[shares[s].cluster]) seen[j] = 0;
         }
         blend.first[t + 1] = shares.size() - begin;
       }
@@ -322,25 +325,29 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
   weights.value.resize(weights.column_of.size());
   std::atomic<std::size_t> next_row{0};
   run_on_every_core([&] {
-    std::vector<std::size_t> place(from.count), seen_in(from.count, to.count);
+    // Where each source point sits in the row, counted from 1; 0: not yet.
+    std::vector<std::uint32_t> place(from.count, 0);
     for (std::size_t t = next_row++; t < to.count; t = next_row++) {
-      auto end = static_cast<std::size_t>(weights.row_start[t]);
+      const auto begin = static_cast<std::size_t>(weights.row_start[t]);
+      Column* row_columns = weights.column_of.data() + begin;
+      double* row_values = weights.value.data() + begin;
+      std::uint32_t size = 0;
       for (std::size_t s = blend.first[t]; s < blend.first[t + 1]; ++s) {
         const Blend::Share& share = blend.shares[s];
         const std::vector<std::size_t>& sources = members[share.cluster];
         const double* column = columns.data() + block_start[share.cluster] + slot[s] * sources.size();
         for (std::size_t j = 0; j < sources.size(); ++j) {
           const double value = share.weight * column[j];
-          if (seen_in[sources[j]] == t) {
-            weights.value[place[sources[j]]] += value;
+          if (const std::uint32_t at = place[sources[j]]; at != 0) {
+            row_values[at - 1] += value;
             continue;
           }
-          seen_in[sources[j]] = t;
-          place[sources[j]] = end;
-          weights.column_of[end] = static_cast<Column>(sources[j]);
-          weights.value[end++] = value;
+          place[sources[j]] = ++size;
+          row_columns[size - 1] = static_cast<Column>(sources[j]);
+          row_values[size - 1] = value;
         }
       }
+      for (std::uint32_t k = 0; k < size; ++k) place[static_cast<std::size_t>(row_columns[k])] = 0;
     }
   });
   return {};
