@@ -107,10 +107,15 @@ def large_run(exchange: str) -> dict:
             shutil.rmtree(root / "run" / "mappings", ignore_errors=True)
             seconds, used = exchange_process(exchange, root / "run")
             setup_s, peak = min(setup_s, seconds), max(peak, used)
+        # Once more after the machine sat idle: a hypervisor that takes freed
+        # memory back makes touching it again cost more.
+        shutil.rmtree(root / "run" / "mappings")
+        time.sleep(3)
+        idle_setup_s, _ = exchange_process(exchange, root / "run")
         stage_s = statistics.median(exchange_process(exchange, root / "run")[0] for _ in range(7))
         stored = sum(f.stat().st_size for f in (root / "run" / "mappings").rglob("*") if f.is_file())
         mapped = numpy.load(root / "sub1" / "fields" / "in" / "T.npy")
-        return {"large_setup_s": setup_s, "large_stage_s": stage_s, "large_peak_bytes": peak,
+        return {"large_setup_s": setup_s, "large_idle_setup_s": idle_setup_s, "large_stage_s": stage_s, "large_peak_bytes": peak,
                 "large_weights_bytes": stored, "large_error": relative_error(mapped, franke(target))}
 
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <barrier>
 #include <cmath>
 #include <limits>
 #include <memory>
@@ -51,10 +52,12 @@ Kernel kernel_for(const Method& method, double spacing) {
 // points), not so flat that 50 points make the system ill-conditioned.
 constexpr double kPumShape = 0.4;
 
+unsigned core_count() { return std::clamp(std::thread::hardware_concurrency(), 1u, 8u); }
+
 // Runs `work` on every core, at most eight, and waits for all.
 template <typename Work>
 void run_on_every_core(const Work& work) {
-  const unsigned cores = std::clamp(std::thread::hardware_concurrency(), 1u, 8u);
+  const unsigned cores = core_count();
   std::vector<std::thread> threads;
   for (unsigned i = 1; i < cores; ++i) threads.emplace_back(work);
   work();
@@ -220,6 +223,70 @@ Blend blend_clusters(const Points& from, const Points& to, const std::vector<std
   return blend;
 }
 
+// Clusters are solved in batches of consecutive clusters (neighbours on
+// the grid); a batch's columns live in one of a few buffers, taken when the
+// batch is solved and given back once every row that reads them is merged.
+// Rows are merged after the batch of their last cluster.
+struct Batches {
+  static constexpr std::size_t kClusters = 128;
+  std::size_t count = 0;
+  std::vector<std::size_t> buffer_of;    // per batch
+  std::vector<std::size_t> buffer_size;  // values per buffer
+  std::vector<std::size_t> offset;       // per cluster: where its columns start in its buffer
+  std::vector<std::size_t> rows_first;   // batch b merges rows[rows_first[b]] to rows[rows_first[b + 1] - 1]
+  std::vector<std::size_t> rows;
+};
+
+Batches plan_batches(const Blend& blend, const std::vector<std::vector<std::size_t>>& members,
+                     const std::vector<std::vector<std::size_t>>& targets_of) {
+  const std::size_t clusters = members.size(), targets = blend.first.size() - 1;
+  Batches plan;
+  plan.count = (clusters + Batches::kClusters - 1) / Batches::kClusters;
+  std::vector<std::size_t> last_batch(targets, 0), needed_until(plan.count, 0);
+  for (std::size_t t = 0; t < targets; ++t) {
+    for (std::size_t s = blend.first[t]; s < blend.first[t + 1]; ++s) {
+      last_batch[t] = std::max(last_batch[t], blend.shares[s].cluster / Batches::kClusters);
+    }
+    for (std::size_t s = blend.first[t]; s < blend.first[t + 1]; ++s) {
+      std::size_t& until = needed_until[blend.shares[s].cluster / Batches::kClusters];
+      until = std::max(until, last_batch[t]);
+    }
+  }
+  plan.rows_first.assign(plan.count + 1, 0);
+  for (std::size_t t = 0; t < targets; ++t) ++plan.rows_first[last_batch[t] + 1];
+  for (std::size_t b = 0; b < plan.count; ++b) plan.rows_first[b + 1] += plan.rows_first[b];
+  plan.rows.resize(targets);
+  std::vector<std::size_t> next(plan.rows_first.begin(), plan.rows_first.end() - 1);
+  for (std::size_t t = 0; t < targets; ++t) plan.rows[next[last_batch[t]]++] = t;
+  plan.offset.resize(clusters);
+  std::vector<std::size_t> free_buffers;
+  std::vector<std::pair<std::size_t, std::size_t>> held;  // (needed until batch, buffer)
+  for (std::size_t b = 0; b < plan.count; ++b) {
+    for (auto it = held.begin(); it != held.end();) {
+      if (it->first < b) {
+        free_buffers.push_back(it->second);
+        it = held.erase(it);
+      } else {
+        ++it;
+      }
+    }
+    std::size_t size = 0;
+    for (std::size_t c = b * Batches::kClusters; c < std::min(clusters, (b + 1) * Batches::kClusters); ++c) {
+      plan.offset[c] = size;
+      size += members[c].size() * targets_of[c].size();
+    }
+    if (free_buffers.empty()) {
+      free_buffers.push_back(plan.buffer_size.size());
+      plan.buffer_size.push_back(0);
+    }
+    plan.buffer_of.push_back(free_buffers.back());
+    free_buffers.pop_back();
+    plan.buffer_size[plan.buffer_of[b]] = std::max(plan.buffer_size[plan.buffer_of[b]], size);
+    held.emplace_back(needed_until[b], plan.buffer_of[b]);
+  }
+  return plan;
+}
+
 }  // namespace
 
 std::string rbf_weights(const Method& method, const Points& from, const PointSearch& search, const Points& to,
@@ -278,9 +345,8 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
   // Wendland support of the cluster's diameter.
   const Kernel phi{method.basis_for(d), method.shape.value_or(kPumShape / radius), method.radius.value_or(2 * radius)};
   const Blend blend = blend_clusters(from, to, members, centre_search, radius);
-  // Each cluster's interpolant at its targets, a column of source
-  // coefficients per target, all in one block: clusters are solved in
-  // parallel and their columns merged into rows afterwards.
+  // Each cluster's interpolant at its targets: a column of source
+  // coefficients per target.
   std::vector<std::vector<std::size_t>> targets_of(centres.count);
   std::vector<std::size_t> slot(blend.shares.size());
   for (std::size_t t = 0; t < to.count; ++t) {
@@ -289,31 +355,12 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
       targets_of[blend.shares[s].cluster].push_back(t);
     }
   }
-  std::vector<std::size_t> block_start(centres.count + 1, 0);
-  for (std::size_t c = 0; c < centres.count; ++c) {
-    block_start[c + 1] = block_start[c] + members[c].size() * targets_of[c].size();
-  }
-  Array<double> columns(block_start.back());
-  std::atomic<std::size_t> next_cluster{0};
-  std::atomic<std::size_t> singular{centres.count};
-  run_on_every_core([&] {
-    Eigen::MatrixXd local;
-    for (std::size_t c = next_cluster++; c < centres.count; c = next_cluster++) {
-      if (targets_of[c].empty()) continue;
-      const bool polynomial = method.polynomial && members[c].size() > static_cast<std::size_t>(d) + 1;
-      if (!solve_local(phi, polynomial, from, members[c], to, targets_of[c], local)) {
-        singular = c;
-        return;
-      }
-      std::copy_n(local.data(), local.size(), columns.data() + block_start[c]);
-    }
-  });
-  if (singular < centres.count) {
-    return "the RBF system of the cluster around source point " + std::to_string(members[singular].front()) +
-           " is singular: its points may lie on a line or plane (try polynomial=off)";
-  }
-  // Each row: its clusters' columns, blended, a source point met in several
-  // clusters summed into its first place.
+  const Batches batches = plan_batches(blend, members, targets_of);
+  std::vector<Array<double>> buffers(batches.buffer_size.size());
+  for (std::size_t i = 0; i < buffers.size(); ++i) buffers[i].resize(batches.buffer_size[i]);
+  const auto columns_of = [&](std::size_t c) {
+    return buffers[batches.buffer_of[c / Batches::kClusters]].data() + batches.offset[c];
+  };
   weights = Weights{};
   weights.rows = to.count;
   weights.columns = from.count;
@@ -323,33 +370,62 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
   }
   weights.column_of.resize(static_cast<std::size_t>(weights.row_start.back()));
   weights.value.resize(weights.column_of.size());
-  std::atomic<std::size_t> next_row{0};
+  // Row t: its clusters' columns, blended, a source point met in several
+  // clusters summed into its first place. `place`: where each source point
+  // sits in the row, counted from 1; 0 when not yet, as it is left.
+  const auto merge_row = [&](std::size_t t, std::vector<std::uint32_t>& place) {
+    const auto begin = static_cast<std::size_t>(weights.row_start[t]);
+    Column* row_columns = weights.column_of.data() + begin;
+    double* row_values = weights.value.data() + begin;
+    std::uint32_t size = 0;
+    for (std::size_t s = blend.first[t]; s < blend.first[t + 1]; ++s) {
+      const Blend::Share& share = blend.shares[s];
+      const std::vector<std::size_t>& sources = members[share.cluster];
+      const double* column = columns_of(share.cluster) + slot[s] * sources.size();
+      for (std::size_t j = 0; j < sources.size(); ++j) {
+        const double value = share.weight * column[j];
+        if (const std::uint32_t at = place[sources[j]]; at != 0) {
+          row_values[at - 1] += value;
+          continue;
+        }
+        place[sources[j]] = ++size;
+        row_columns[size - 1] = static_cast<Column>(sources[j]);
+        row_values[size - 1] = value;
+      }
+    }
+    for (std::uint32_t k = 0; k < size; ++k) place[static_cast<std::size_t>(row_columns[k])] = 0;
+  };
+  // The same threads through every batch: solve its clusters, wait for all,
+  // merge the rows it completes, wait for all.
+  std::atomic<std::size_t> next{0};
+  std::atomic<std::size_t> singular{centres.count};
+  std::barrier all_done(static_cast<std::ptrdiff_t>(core_count()), [&next]() noexcept { next = 0; });
   run_on_every_core([&] {
-    // Where each source point sits in the row, counted from 1; 0: not yet.
+    Eigen::MatrixXd local;
     std::vector<std::uint32_t> place(from.count, 0);
-    for (std::size_t t = next_row++; t < to.count; t = next_row++) {
-      const auto begin = static_cast<std::size_t>(weights.row_start[t]);
-      Column* row_columns = weights.column_of.data() + begin;
-      double* row_values = weights.value.data() + begin;
-      std::uint32_t size = 0;
-      for (std::size_t s = blend.first[t]; s < blend.first[t + 1]; ++s) {
-        const Blend::Share& share = blend.shares[s];
-        const std::vector<std::size_t>& sources = members[share.cluster];
-        const double* column = columns.data() + block_start[share.cluster] + slot[s] * sources.size();
-        for (std::size_t j = 0; j < sources.size(); ++j) {
-          const double value = share.weight * column[j];
-          if (const std::uint32_t at = place[sources[j]]; at != 0) {
-            row_values[at - 1] += value;
-            continue;
-          }
-          place[sources[j]] = ++size;
-          row_columns[size - 1] = static_cast<Column>(sources[j]);
-          row_values[size - 1] = value;
+    for (std::size_t b = 0; b < batches.count; ++b) {
+      const std::size_t first = b * Batches::kClusters, end = std::min(centres.count, first + Batches::kClusters);
+      for (std::size_t c = first + next++; c < end && singular == centres.count; c = first + next++) {
+        if (targets_of[c].empty()) continue;
+        const bool polynomial = method.polynomial && members[c].size() > static_cast<std::size_t>(d) + 1;
+        if (solve_local(phi, polynomial, from, members[c], to, targets_of[c], local)) {
+          std::copy_n(local.data(), local.size(), columns_of(c));
+        } else {
+          singular = c;
         }
       }
-      for (std::uint32_t k = 0; k < size; ++k) place[static_cast<std::size_t>(row_columns[k])] = 0;
+      all_done.arrive_and_wait();
+      const std::size_t rows = batches.rows_first[b + 1] - batches.rows_first[b];
+      for (std::size_t i = next++; i < rows && singular == centres.count; i = next++) {
+        merge_row(batches.rows[batches.rows_first[b] + i], place);
+      }
+      all_done.arrive_and_wait();
     }
   });
+  if (singular < centres.count) {
+    return "the RBF system of the cluster around source point " + std::to_string(members[singular].front()) +
+           " is singular: its points may lie on a line or plane (try polynomial=off)";
+  }
   return {};
 }
 
