@@ -20,9 +20,11 @@ Weights linear_weights(const Points& from, const Cells& cells, const Points& to,
 std::string rbf_weights(const Method& method, const Points& from, const PointSearch& search, const Points& to,
                         Weights& weights);
 
-// Partition of unity: a small RBF system per cluster, blended.
+// Partition of unity: a small RBF system per cluster, blended. With a
+// `room` that takes them, the columns and values go there, not into
+// `weights`.
 std::string rbf_pum_weights(const Method& method, const Points& from, const PointSearch& search, const Points& to,
-                            Weights& weights);
+                            Weights& weights, Room* room);
 
 // Two source points at one place make an RBF system singular: their
 // indices, if any.

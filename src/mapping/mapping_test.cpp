@@ -151,5 +151,44 @@ TEST(MappingTest, ConstantsLinearFieldsAndSumsAreKept) {
             "give a larger cluster-size");
 }
 
+// Keeps what it is given in vectors of its own, or refuses.
+struct VectorRoom : Room {
+  explicit VectorRoom(bool takes) : open(takes) {}
+  bool take(std::size_t count, Column*& columns_out, double*& values_out) override {
+    if (!open) return false;
+    columns.resize(count);
+    values.resize(count);
+    columns_out = columns.data();
+    values_out = values.data();
+    return true;
+  }
+  bool open;
+  std::vector<Column> columns;
+  std::vector<double> values;
+};
+
+TEST(MappingTest, RbfPumFillsTheRoomItIsOfferedOrMemoryOfItsOwn) {
+  const Points from = random_points(400, 3, 3), to = random_points(300, 3, 4);
+  const Method method = method_of({{"map", "rbf-pum"}, {"from-mesh", "a"}, {"to-mesh", "b"}});
+  Weights own, placed, refused;
+  ASSERT_EQ(compute_weights(method, from, nullptr, to, nullptr, own), "");
+  VectorRoom taking(true), full(false);
+  ASSERT_EQ(compute_weights(method, from, nullptr, to, nullptr, placed, &taking), "");
+  ASSERT_EQ(compute_weights(method, from, nullptr, to, nullptr, refused, &full), "");
+  EXPECT_TRUE(placed.column_of.empty() && placed.value.empty());
+  EXPECT_EQ(placed.row_start, own.row_start);
+  EXPECT_EQ(taking.columns, std::vector<Column>(own.column_of.begin(), own.column_of.end()));
+  EXPECT_EQ(taking.values, std::vector<double>(own.value.begin(), own.value.end()));
+  EXPECT_EQ(refused.column_of, own.column_of);
+  EXPECT_EQ(refused.value, own.value);
+  // A conservative map is a transpose made in memory: the room stays empty.
+  Method conservative = method;
+  conservative.conservative = true;
+  VectorRoom unused(true);
+  ASSERT_EQ(compute_weights(conservative, from, nullptr, to, nullptr, placed, &unused), "");
+  EXPECT_TRUE(unused.columns.empty());
+  EXPECT_EQ(placed.defect(), nullptr);
+}
+
 }  // namespace
 }  // namespace lockstep::mapping

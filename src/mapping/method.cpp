@@ -128,7 +128,7 @@ std::string parse_method(const std::map<std::string, std::string>& words, Method
 }
 
 std::string compute_weights(const Method& method, const Points& from, const Cells* from_cells, const Points& to,
-                            const Cells* to_cells, Weights& weights) {
+                            const Cells* to_cells, Weights& weights, Room* room) {
   if (from.dimension != to.dimension) return check_meshes(method, from, to);
   if (method.conservative) {
     Method consistent = method;
@@ -149,7 +149,7 @@ std::string compute_weights(const Method& method, const Points& from, const Cell
       return {};
     }
     case Kind::kRbf: return rbf_weights(method, from, search, to, weights);
-    case Kind::kRbfPum: return rbf_pum_weights(method, from, search, to, weights);
+    case Kind::kRbfPum: return rbf_pum_weights(method, from, search, to, weights, room);
   }
   return {};
 }

@@ -46,8 +46,10 @@ std::string parse_method(const std::map<std::string, std::string>& words, Method
 // uses `from_cells` (linear); a conservative one is the transpose of the
 // consistent map from `to` to `from`, with `to_cells`. Empty on success,
 // else why not (duplicate source points under an RBF, a singular system).
+// Given a `room`, a method may put the columns and values there (when the
+// room takes them) and leave those of `weights` empty.
 std::string compute_weights(const Method& method, const Points& from, const Cells* from_cells, const Points& to,
-                            const Cells* to_cells, Weights& weights);
+                            const Cells* to_cells, Weights& weights, Room* room = nullptr);
 
 // What compute_weights would refuse, found without computing: meshes of
 // different dimensions, duplicate source points under an RBF. Empty when

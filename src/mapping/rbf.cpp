@@ -322,7 +322,7 @@ std::string rbf_weights(const Method& method, const Points& from, const PointSea
 }
 
 std::string rbf_pum_weights(const Method& method, const Points& from, const PointSearch& search, const Points& to,
-                            Weights& weights) {
+                            Weights& weights, Room* room) {
   if (std::string duplicate = duplicate_points(from, search); !duplicate.empty()) return duplicate;
   const int d = from.dimension;
   const std::size_t wanted = std::min(method.cluster_size, from.count);
@@ -368,15 +368,22 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
   for (std::size_t t = 0; t < to.count; ++t) {
     weights.row_start[t + 1] = weights.row_start[t] + static_cast<std::int64_t>(blend.distinct[t]);
   }
-  weights.column_of.resize(static_cast<std::size_t>(weights.row_start.back()));
-  weights.value.resize(weights.column_of.size());
+  const auto count = static_cast<std::size_t>(weights.row_start.back());
+  Column* columns_out = nullptr;
+  double* values_out = nullptr;
+  if (room == nullptr || !room->take(count, columns_out, values_out)) {
+    weights.column_of.resize(count);
+    weights.value.resize(count);
+    columns_out = weights.column_of.data();
+    values_out = weights.value.data();
+  }
   // Row t: its clusters' columns, blended, a source point met in several
   // clusters summed into its first place. `place`: where each source point
   // sits in the row, counted from 1; 0 when not yet, as it is left.
   const auto merge_row = [&](std::size_t t, std::vector<std::uint32_t>& place) {
     const auto begin = static_cast<std::size_t>(weights.row_start[t]);
-    Column* row_columns = weights.column_of.data() + begin;
-    double* row_values = weights.value.data() + begin;
+    Column* row_columns = columns_out + begin;
+    double* row_values = values_out + begin;
     std::uint32_t size = 0;
     for (std::size_t s = blend.first[t]; s < blend.first[t + 1]; ++s) {
       const Blend::Share& share = blend.shares[s];

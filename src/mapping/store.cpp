@@ -111,6 +111,58 @@ const T* map_array(const std::string& path, fields::Type type, std::size_t& coun
   return reinterpret_cast<const T*>(static_cast<const char*>(base) + size - count * sizeof(T));
 }
 
+// A new array file of `count` values at `path`, its header written and its
+// values mapped for writing; nullptr when it cannot be made. Its blocks are
+// allocated first: a full disk is an error here, not a SIGBUS later.
+template <typename T>
+T* map_new_array(const std::string& path, fields::Type type, std::size_t count, StoredWeights& weights) {
+  const std::string header = fields::encode_header({type, false, {static_cast<std::int64_t>(count)}, kNoStamp});
+  if (count > (SIZE_MAX - header.size()) / sizeof(T)) return nullptr;
+  const std::size_t size = header.size() + count * sizeof(T);
+  records::PosixFileSystem posix;
+  records::Descriptor file(posix, ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+  if (!file.valid() || ::fallocate(file.get(), 0, 0, static_cast<off_t>(size)) != 0 ||
+      ::pwrite(file.get(), header.data(), header.size(), 0) != static_cast<ssize_t>(header.size())) {
+    return nullptr;
+  }
+  void* base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
+  if (base == MAP_FAILED) return nullptr;
+  weights.mapped_files.emplace_back(base, [size](const void* mapped) { ::munmap(const_cast<void*>(mapped), size); });
+  return reinterpret_cast<T*>(static_cast<char*>(base) + header.size());
+}
+
+// Room in the weight files themselves: indices.npy and data.npy made at
+// their full size in the directory being built.
+class FileRoom : public Room {
+ public:
+  FileRoom(std::string directory, StoredWeights& weights) : directory_(std::move(directory)), weights_(weights) {}
+  bool take(std::size_t count, Column*& columns, double*& values) override {
+    const std::size_t mapped = weights_.mapped_files.size();
+    columns = map_new_array<Column>(directory_ + "/indices.npy", fields::Type::kInt32, count, weights_);
+    values = columns == nullptr ? nullptr
+                                : map_new_array<double>(directory_ + "/data.npy", fields::Type::kFloat64, count, weights_);
+    if (values == nullptr) {
+      weights_.mapped_files.resize(mapped);
+      return false;
+    }
+    count_ = count;
+    columns_ = columns;
+    values_ = values;
+    return true;
+  }
+  bool taken() const { return values_ != nullptr; }
+  WeightsView view(const Weights& weights) const {
+    return {weights.rows, weights.columns, count_, weights.row_start.data(), columns_, values_};
+  }
+
+ private:
+  std::string directory_;
+  StoredWeights& weights_;
+  std::size_t count_ = 0;
+  const Column* columns_ = nullptr;
+  const double* values_ = nullptr;
+};
+
 bool load(const std::string& directory, const Mapping& mapping, StoredWeights& weights) {
   StoredWeights found;
   std::size_t offsets = 0, columns = 0;
@@ -128,10 +180,10 @@ bool load(const std::string& directory, const Mapping& mapping, StoredWeights& w
   return true;
 }
 
-std::string describe(const Mapping& mapping, const Weights& weights) {
+std::string describe(const Mapping& mapping, const WeightsView& weights) {
   return mapping.description + "\n" + mapping.method.canonical() + "\nrows " + std::to_string(weights.rows) +
          " (target points), columns " + std::to_string(weights.columns) + " (source points), values " +
-         std::to_string(weights.value.size()) + "\n";
+         std::to_string(weights.count) + "\n";
 }
 
 }  // namespace
@@ -151,20 +203,27 @@ std::string weights_for(const std::string& directory, const Mapping& mapping, St
   const std::string final_path = root + "/" + weights_key(mapping);
   if (load(final_path, mapping, weights)) return {};
   weights = StoredWeights{};
+  // Built in a temporary directory and renamed into place, kept for the
+  // stages to come; a failure to keep them costs only time.
+  std::string building;
+  const bool keep = (::mkdir(root.c_str(), 0777) == 0 || errno == EEXIST) &&
+                    records::create_temporary_directory(final_path, building) == 0;
+  FileRoom room(building, weights);
   Weights& computed = weights.computed;
   std::string error = compute_weights(mapping.method, *mapping.from, mapping.from_cells, *mapping.to,
-                                      mapping.to_cells, computed);
-  if (!error.empty()) return error;
-  weights.view = computed.view();
-  // Kept for the stages to come; a failure to keep them costs only time.
-  if (::mkdir(root.c_str(), 0777) != 0 && errno != EEXIST) return {};
-  std::string building;
-  if (records::create_temporary_directory(final_path, building) != 0) return {};
-  const bool written = write_array(building + "/indptr.npy", fields::Type::kInt64, computed.row_start, error) &&
-                       write_array(building + "/indices.npy", fields::Type::kInt32, computed.column_of, error) &&
-                       write_array(building + "/data.npy", fields::Type::kFloat64, computed.value, error) &&
-                       static_cast<bool>(std::ofstream(building + "/about.txt") << describe(mapping, computed));
+                                      mapping.to_cells, computed, keep ? &room : nullptr);
   std::error_code ignored;
+  if (!error.empty()) {
+    if (keep) fs::remove_all(building, ignored);
+    return error;
+  }
+  weights.view = room.taken() ? room.view(computed) : computed.view();
+  if (!keep) return {};
+  const bool written = write_array(building + "/indptr.npy", fields::Type::kInt64, computed.row_start, error) &&
+                       (room.taken() ||
+                        (write_array(building + "/indices.npy", fields::Type::kInt32, computed.column_of, error) &&
+                         write_array(building + "/data.npy", fields::Type::kFloat64, computed.value, error))) &&
+                       static_cast<bool>(std::ofstream(building + "/about.txt") << describe(mapping, weights.view));
   // Another program may have put the same weights in place meanwhile, or
   // a damaged copy may be there: the first is as good as these, the second
   // goes.

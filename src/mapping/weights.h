@@ -75,6 +75,17 @@ struct WeightsView {
   const char* defect() const;
 };
 
+// Room for a computation's columns and values that someone else owns: the
+// store offers the files that keep them, mapped, so that hundreds of
+// megabytes are written once, where they stay.
+class Room {
+ public:
+  virtual ~Room() = default;
+  // Places for `count` columns and values, or false: the weights then take
+  // memory of their own.
+  virtual bool take(std::size_t count, Column*& columns, double*& values) = 0;
+};
+
 struct Weights {
   std::size_t rows = 0, columns = 0;
   std::vector<std::int64_t> row_start{0};  // rows + 1 offsets into column_of and value
