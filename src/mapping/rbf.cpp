@@ -86,7 +86,9 @@ bool solve_local(const Kernel& phi, bool polynomial, const Points& from, const s
     for (int k = 0; k < d; ++k) at(k, j) = from.at(sources[static_cast<std::size_t>(j)])[k];
   }
   Eigen::MatrixXd system(n + p, n + p);
-  for (Eigen::Index j = 0; j < n; ++j) squared_distances(at, from.at(sources[static_cast<std::size_t>(j)]), system.col(j).head(n));
+  for (Eigen::Index j = 0; j < n; ++j) {
+    squared_distances(at, from.at(sources[static_cast<std::size_t>(j)]), system.col(j).head(n));
+  }
   phi.apply(system.topLeftCorner(n, n));
   if (polynomial) {
     system.row(n).head(n).setOnes();
@@ -219,7 +221,9 @@ Blend blend_clusters(const Points& from, const Points& to, const std::vector<std
   });
   for (std::size_t t = 0; t < to.count; ++t) blend.first[t + 1] += blend.first[t];
   blend.shares.reserve(blend.first.back());
-  for (const std::vector<Blend::Share>& shares : found) blend.shares.insert(blend.shares.end(), shares.begin(), shares.end());
+  for (const std::vector<Blend::Share>& shares : found) {
+    blend.shares.insert(blend.shares.end(), shares.begin(), shares.end());
+  }
   return blend;
 }
 
