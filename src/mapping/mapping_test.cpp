@@ -151,6 +151,56 @@ TEST(MappingTest, ConstantsLinearFieldsAndSumsAreKept) {
             "give a larger cluster-size");
 }
 
+// Two source points on a line, 1 apart, no polynomial, a target halfway:
+// each weight is phi(1/2) / (1 + phi(1)), so each basis is pinned to its
+// published formula (the thin-plate spline, singular here, is pinned by
+// the SciPy oracle).
+TEST(MappingTest, EachBasisIsItsPublishedFunction) {
+  const auto wendland = [](double rho, int order) {
+    const double s = 1 - rho;
+    return order == 2   ? std::pow(s, 4) * (4 * rho + 1)
+           : order == 4 ? std::pow(s, 6) * (35 * rho * rho + 18 * rho + 3) / 3
+                        : std::pow(s, 8) * (32 * rho * rho * rho + 25 * rho * rho + 8 * rho + 1);
+  };
+  const struct {
+    std::map<std::string, std::string> words;
+    double half, one;  // phi(1/2), phi(1)
+  } cases[] = {
+      {{{"basis", "gaussian"}, {"shape", "0.8"}}, std::exp(-0.16), std::exp(-0.64)},
+      {{{"basis", "wendland-c2"}, {"radius", "2"}}, wendland(0.25, 2), wendland(0.5, 2)},
+      {{{"basis", "wendland-c4"}, {"radius", "2"}}, wendland(0.25, 4), wendland(0.5, 4)},
+      {{{"basis", "wendland-c6"}, {"radius", "2"}}, wendland(0.25, 6), wendland(0.5, 6)},
+  };
+  const Points ends{2, 1, {0, 1}}, middle{1, 1, {0.5}};
+  for (const auto& c : cases) {
+    auto words = c.words;
+    words.insert({{"map", "rbf"}, {"polynomial", "off"}, {"from-mesh", "a"}, {"to-mesh", "b"}});
+    SCOPED_TRACE(words.at("basis"));
+    Weights weights;
+    ASSERT_EQ(compute_weights(method_of(words), ends, nullptr, middle, nullptr, weights), "");
+    ASSERT_EQ(weights.value.size(), 2u);
+    EXPECT_NEAR(weights.value[0], c.half / (1 + c.one), 1e-14);
+    EXPECT_NEAR(weights.value[1], c.half / (1 + c.one), 1e-14);
+  }
+}
+
+TEST(MappingTest, ReachCountsTheTargetsOutsideTheSourceMesh) {
+  // The unit square in two triangles, flat in 2-D and lying in space.
+  const Points flat{4, 2, {0, 0, 1, 0, 0, 1, 1, 1}};
+  const Points lying{4, 3, {0, 0, 0, 1, 0, 0, 0, 1, 0, 1, 1, 0}};
+  const Cells triangles{2, 3, {0, 1, 2, 1, 3, 2}};
+  // Inside, on the diagonal, beyond the right edge.
+  const Points flat_targets{3, 2, {0.25, 0.25, 0.5, 0.5, 1.5, 0.5}};
+  // Above the square (projected inside), beyond it.
+  const Points lying_targets{2, 3, {0.25, 0.25, 0.1, 1.5, 0.5, 0}};
+  const Reach on_flat = reach(flat, &triangles, flat_targets);
+  EXPECT_EQ(on_flat.outside, 1u);
+  EXPECT_DOUBLE_EQ(on_flat.largest_distance, std::sqrt(0.5));
+  EXPECT_EQ(reach(lying, &triangles, lying_targets).outside, 1u);
+  // Without cells: outside the source points' bounding box.
+  EXPECT_EQ(reach(flat, nullptr, flat_targets).outside, 1u);
+}
+
 // Keeps what it is given in vectors of its own, or refuses.
 struct VectorRoom : Room {
   explicit VectorRoom(bool takes) : open(takes) {}
@@ -167,8 +217,10 @@ struct VectorRoom : Room {
   std::vector<double> values;
 };
 
+// Enough points for several batches of clusters, each solved, merged and
+// its memory passed on while others are still needed.
 TEST(MappingTest, RbfPumFillsTheRoomItIsOfferedOrMemoryOfItsOwn) {
-  const Points from = random_points(400, 3, 3), to = random_points(300, 3, 4);
+  const Points from = random_points(6000, 3, 3), to = random_points(3000, 3, 4);
   const Method method = method_of({{"map", "rbf-pum"}, {"from-mesh", "a"}, {"to-mesh", "b"}});
   Weights own, placed, refused;
   ASSERT_EQ(compute_weights(method, from, nullptr, to, nullptr, own), "");
@@ -181,6 +233,10 @@ TEST(MappingTest, RbfPumFillsTheRoomItIsOfferedOrMemoryOfItsOwn) {
   EXPECT_EQ(taking.values, std::vector<double>(own.value.begin(), own.value.end()));
   EXPECT_EQ(refused.column_of, own.column_of);
   EXPECT_EQ(refused.value, own.value);
+  const std::vector<double> source = sampled(from, linear_field);
+  std::vector<double> target(to.count);
+  own.apply(source.data(), 1, target.data());
+  for (std::size_t row = 0; row < to.count; ++row) ASSERT_NEAR(target[row], linear_field(to.at(row)), 1e-7) << row;
   // A conservative map is a transpose made in memory: the room stays empty.
   Method conservative = method;
   conservative.conservative = true;
