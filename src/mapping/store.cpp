@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -140,6 +141,14 @@ class FileRoom : public Room {
  public:
   FileRoom(std::string directory, StoredWeights& weights) : directory_(std::move(directory)), weights_(weights) {}
   bool take(std::size_t count, Column*& columns, double*& values) override {
+    // Written through a mapping, the files would reach a network file
+    // system's server after the rename that shows them to other machines,
+    // not before: there they are written whole, as every other file.
+    struct statfs info {};
+    if (::statfs(directory_.c_str(), &info) != 0 ||
+        !records::network_file_system_kind(static_cast<unsigned long>(info.f_type)).empty()) {
+      return false;
+    }
     const std::size_t mapped = weights_.mapped_files.size();
     columns = map_new_array<Column>(directory_ + "/indices.npy", fields::Type::kInt32, count, weights_);
     values = columns == nullptr ? nullptr
