@@ -34,10 +34,9 @@ struct Uninitialised : std::allocator<T> {
   template <typename U>
   Uninitialised(const Uninitialised<U>&) noexcept {}
   T* allocate(std::size_t count) {
-    if (count > kHugeBytes / sizeof(T)) {
-      if (void* memory = allocate_huge(count * sizeof(T))) return static_cast<T*>(memory);
-    }
-    return std::allocator<T>::allocate(count);
+    if (count <= kHugeBytes / sizeof(T)) return std::allocator<T>::allocate(count);
+    if (void* memory = allocate_huge(count * sizeof(T))) return static_cast<T*>(memory);
+    throw std::bad_alloc();
   }
   void deallocate(T* memory, std::size_t count) {
     if (count > kHugeBytes / sizeof(T)) {
