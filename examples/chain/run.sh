@@ -28,12 +28,7 @@ case "${1:-}" in
 esac
 
 # What this and the README's test command need from Debian, installed once.
-"$repo/packaging/install-dependencies.sh"
-echo "building lockstep and the example (the first time takes a few minutes)"
-configure_log=$(mktemp)
-cmake --preset release -S "$repo" >"$configure_log" 2>&1 || { cat "$configure_log"; exit 1; }
-rm -f "$configure_log"
-cmake --build --preset release --target chain_example
+"$repo/examples/build.sh" chain_example
 
 # A project's solver in its language where that one was built, else C++.
 solver_command() {

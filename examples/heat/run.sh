@@ -17,12 +17,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 repo=$(cd "$here/../.." && pwd)
 build="$repo/build/release"
 
-"$repo/packaging/install-dependencies.sh"
-echo "building lockstep and the example (the first time takes a few minutes)"
-configure_log=$(mktemp)
-cmake --preset release -S "$repo" >"$configure_log" 2>&1 || { cat "$configure_log"; exit 1; }
-rm -f "$configure_log"
-cmake --build --preset release --target heat_example
+"$repo/examples/build.sh" heat_example
 if [ ! -x "$build/examples/heat_left" ] || [ ! -d "$build/src/python/lockstep" ]; then
   echo "the heat example needs gfortran, and python3-dev with pybind11-dev, for its two solvers" >&2
   exit 1
