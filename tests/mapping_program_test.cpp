@@ -75,6 +75,8 @@ TEST_F(MappingRunTest, ValuesFollowTheMeshesAndWeightsAreKeptPerMesh) {
   EXPECT_EQ(described.status, 0) << described.err;
   EXPECT_THAT(described.out, ::testing::StartsWith("main x -> sub1 y\nmap=nearest-neighbour constraint=consistent\n"
                                                    "rows 3 (target points), columns 4 (source points), values 3\n"
+                                                   "checked: row sums at most 0 from 1, mapped positions at most 0 "
+                                                   "farther from their targets than the nearest source point\n"
                                                    "row sums from 1 to 1\n"));
   const Exit nothing = run_program({LOCKSTEPCTL_BINARY, "field", "weights", tree.run().string()}, tree.run());
   EXPECT_EQ(nothing.status, 1);
@@ -105,6 +107,18 @@ TEST_F(MappingRunTest, ValuesFollowTheMeshesAndWeightsAreKeptPerMesh) {
   }
   ASSERT_EQ(exchange(table).status, 0);
   EXPECT_EQ(input("v"), (std::vector<double>{10, -10, 11, -11, 12, -12}));
+  // Weights that are not finite, or whose rows do not sum to 1.
+  for (const std::vector<double>& planted : {std::vector<double>{NAN, 1, 1}, std::vector<double>{1, 1, 1e300},
+                                             std::vector<double>{1, 0.5, 1}}) {
+    for (const auto& entry : std::filesystem::directory_iterator(tree.run() / "mappings")) {
+      std::string error;
+      ASSERT_TRUE(fields::write_field((entry.path() / "data.npy").string(),
+                                      {Type::kFloat64, false, {3}, {0, Role::kOutput, {0, 0, 0}}}, planted.data(),
+                                      error));
+    }
+    ASSERT_EQ(exchange(table).status, 0);
+    EXPECT_EQ(input("v"), (std::vector<double>{10, -10, 11, -11, 12, -12})) << planted[0];
+  }
 }
 
 TEST_F(MappingRunTest, EveryFaultOfAMappingIsRefusedWithItsLine) {

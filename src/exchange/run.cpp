@@ -1,5 +1,7 @@
 #include "exchange/run.h"
 
+#include <algorithm>
+#include <cmath>
 #include <vector>
 
 #include "mapping/store.h"
@@ -56,6 +58,16 @@ bool map_copy(const Copy& copy, fields::InteractionFields& fields, std::string& 
     fields::reorder(header.shape, sizeof(double), false, values.data(), rows.data());
   } else {
     std::copy_n(reinterpret_cast<const double*>(values.data()), rows.size(), rows.data());
+  }
+  // A solver that blew up is named here, before its values spread to
+  // every target point of an RBF.
+  if (const auto bad = std::find_if(rows.begin(), rows.end(), [](double value) { return !std::isfinite(value); });
+      bad != rows.end()) {
+    const auto at = static_cast<std::size_t>(bad - rows.begin());
+    error = "output \"" + copy.output + "\" of " + fields::project_name(copy.from) + " holds " +
+            (std::isnan(*bad) ? "NaN" : "an infinite value") + " at point " + std::to_string(at / components) +
+            ": a mapping needs finite values (has its solver blown up?)";
+    return false;
   }
   if (error = mapping::map_values(".", wanted, rows.data(), components, mapped.data()); !error.empty()) return false;
   std::vector<std::int64_t> shape = {static_cast<std::int64_t>(to.count)};

@@ -1,8 +1,13 @@
 #include <Eigen/Dense>
+#include <boost/geometry.hpp>
+#include <boost/geometry/index/rtree.hpp>
 
 #include <algorithm>
 #include <array>
 #include <limits>
+#include <map>
+#include <set>
+#include <utility>
 
 #include "mapping/kernels.h"
 
@@ -60,15 +65,14 @@ struct Candidate {
 };
 
 // Where p lies in one cell: inside with its barycentric coordinates, or
-// how far from it and the coordinates of the nearest point of it.
+// how far from it and the coordinates of the nearest point of it. A cell
+// of lower dimension than the space (a segment in the plane, a triangle in
+// space) holds p when p's projection onto it falls inside it.
 Candidate locate(const std::array<Vector, 4>& corner, int corners, int dimension, const Vector& p) {
   Candidate found;
   if (corners == 2) {
-    // A segment: the nearest point on it; inside when that is between its
-    // ends and, off a line (in 2-D or 3-D), the projection.
     const Vector along = corner[1] - corner[0];
-    const double length = along.squaredNorm();
-    const double raw = length > 0 ? (p - corner[0]).dot(along) / length : 0.0;
+    const double raw = (p - corner[0]).dot(along) / along.squaredNorm();
     const double t = std::clamp(raw, 0.0, 1.0);
     found.weights = {1 - t, t, 0, 0};
     found.distance = (p - (corner[0] + t * along)).norm();
@@ -88,13 +92,13 @@ Candidate locate(const std::array<Vector, 4>& corner, int corners, int dimension
       found.weights[static_cast<std::size_t>(j + 1)] = local[j];
       smallest = std::min(smallest, local[j]);
     }
-    if (smallest >= -kInside && local.head(n).allFinite()) {
+    if (smallest >= -kInside) {
       found.inside = true;
       found.distance = 0;
       return found;
     }
   }
-  // Outside (or a triangle in space): the nearest point of the cell's faces.
+  // Outside, or a triangle in space: the nearest point of the cell's faces.
   static constexpr int kFaces[4][3] = {{0, 1, 2}, {0, 1, 3}, {0, 2, 3}, {1, 2, 3}};
   const int faces = corners == 4 ? 4 : 1;
   found.weights = {};
@@ -103,8 +107,7 @@ Candidate locate(const std::array<Vector, 4>& corner, int corners, int dimension
     const auto a = static_cast<std::size_t>(face[0]), b = static_cast<std::size_t>(face[1]),
                c = static_cast<std::size_t>(face[2]);
     const auto w = closest_on_triangle(p, corner[a], corner[b], corner[c]);
-    const Vector nearest = w[0] * corner[a] + w[1] * corner[b] + w[2] * corner[c];
-    const double distance = (p - nearest).norm();
+    const double distance = (p - (w[0] * corner[a] + w[1] * corner[b] + w[2] * corner[c])).norm();
     if (distance < found.distance) {
       found.distance = distance;
       found.weights = {};
@@ -113,30 +116,87 @@ Candidate locate(const std::array<Vector, 4>& corner, int corners, int dimension
       found.weights[c] = w[2];
     }
   }
-  // A triangle in space holds the point when its projection falls inside.
-  found.inside = corners == 3 && dimension == 3 &&
-                 std::min({found.weights[0], found.weights[1], found.weights[2]}) > kInside;
   return found;
+}
+
+namespace bg = boost::geometry;
+namespace bgi = boost::geometry::index;
+using TreePoint = bg::model::point<double, 3, bg::cs::cartesian>;
+using Box = bg::model::box<TreePoint>;
+using Entry = std::pair<Box, std::size_t>;
+
+TreePoint tree_point(const Vector& p) { return {p[0], p[1], p[2]}; }
+
+// Where a mesh of cells of lower dimension than its space (a line, a
+// surface) ends: the corners and edges of only one cell. A target whose
+// nearest point lies there is off the mesh's edge, not merely off its
+// surface.
+struct Rim {
+  std::set<std::int64_t> corners;
+  std::set<std::pair<std::int64_t, std::int64_t>> edges;
+};
+
+Rim rim_of(const Cells& cells) {
+  Rim rim;
+  if (cells.corners == 2) {
+    std::map<std::int64_t, int> uses;
+    for (std::size_t c = 0; c < cells.count; ++c) {
+      ++uses[cells.at(c)[0]];
+      ++uses[cells.at(c)[1]];
+    }
+    for (const auto& [corner, count] : uses) {
+      if (count == 1) rim.corners.insert(corner);
+    }
+    return rim;
+  }
+  std::map<std::pair<std::int64_t, std::int64_t>, int> uses;
+  for (std::size_t c = 0; c < cells.count; ++c) {
+    for (int j = 0; j < 3; ++j) {
+      const std::int64_t a = cells.at(c)[j], b = cells.at(c)[(j + 1) % 3];
+      ++uses[std::minmax(a, b)];
+    }
+  }
+  for (const auto& [edge, count] : uses) {
+    if (count != 1) continue;
+    rim.edges.insert(edge);
+    rim.corners.insert(edge.first);
+    rim.corners.insert(edge.second);
+  }
+  return rim;
+}
+
+// Whether the nearest point (weights on `corner`s, some zero) lies on the rim.
+bool on_rim(const Rim& rim, const std::int64_t* corner, int corners, const std::array<double, 4>& weights) {
+  std::vector<std::int64_t> support;
+  for (int j = 0; j < corners; ++j) {
+    if (weights[static_cast<std::size_t>(j)] > kInside) support.push_back(corner[j]);
+  }
+  if (support.size() == 1) return rim.corners.count(support[0]) > 0;
+  if (support.size() == 2 && corners == 3) return rim.edges.count(std::minmax(support[0], support[1])) > 0;
+  return false;
 }
 
 }  // namespace
 
 Weights linear_weights(const Points& from, const Cells& cells, const Points& to, std::size_t& outside) {
-  // The cells' centres, searched for the cells near each target point.
-  Points centres;
-  centres.count = cells.count;
-  centres.dimension = from.dimension;
-  centres.coordinates.assign(cells.count * static_cast<std::size_t>(from.dimension), 0.0);
+  // An R-tree over the cells' boxes, walked from the target outwards: the
+  // first cell that holds the target, else the nearest point of the mesh,
+  // found exactly (a box nearer than the best cell so far is opened).
+  std::vector<Entry> boxes(cells.count);
   for (std::size_t c = 0; c < cells.count; ++c) {
-    for (int j = 0; j < cells.corners; ++j) {
-      const double* corner = from.at(static_cast<std::size_t>(cells.at(c)[j]));
-      for (int k = 0; k < from.dimension; ++k) {
-        centres.coordinates[c * static_cast<std::size_t>(from.dimension) + static_cast<std::size_t>(k)] +=
-            corner[k] / cells.corners;
-      }
+    Vector low = point3(from, static_cast<std::size_t>(cells.at(c)[0])), high = low;
+    for (int j = 1; j < cells.corners; ++j) {
+      const Vector corner = point3(from, static_cast<std::size_t>(cells.at(c)[j]));
+      low = low.cwiseMin(corner);
+      high = high.cwiseMax(corner);
     }
+    boxes[c] = {Box(tree_point(low), tree_point(high)), c};
   }
-  const PointSearch search(centres);
+  const bgi::rtree<Entry, bgi::rstar<16>> tree(boxes.begin(), boxes.end());
+  // Cells as wide as the space hold a target or not; lines and surfaces
+  // end at their rim.
+  const bool lower = cells.corners - 1 < from.dimension;
+  const Rim rim = lower ? rim_of(cells) : Rim{};
   Weights weights;
   weights.columns = from.count;
   outside = 0;
@@ -144,27 +204,27 @@ Weights linear_weights(const Points& from, const Cells& cells, const Points& to,
   std::vector<double> values(static_cast<std::size_t>(cells.corners));
   for (std::size_t i = 0; i < to.count; ++i) {
     const Vector p = point3(to, i);
+    const TreePoint at = tree_point(p);
     Candidate best;
     std::size_t best_cell = 0;
-    // The cells whose centres are nearest, then more where none holds it.
-    for (const std::size_t k : {std::size_t{16}, std::size_t{128}}) {
-      for (const auto& [cell, ignored] : search.nearest(to.at(i), k)) {
-        std::array<Vector, 4> corner;
-        for (int j = 0; j < cells.corners; ++j) {
-          corner[static_cast<std::size_t>(j)] = point3(from, static_cast<std::size_t>(cells.at(cell)[j]));
-        }
-        const Candidate found = locate(corner, cells.corners, from.dimension, p);
-        if ((found.inside && !best.inside) || (found.inside == best.inside && found.distance < best.distance)) {
-          best = found;
-          best_cell = cell;
-        }
-        if (best.inside && best.distance == 0) break;
+    for (auto entry = tree.qbegin(bgi::nearest(at, static_cast<unsigned>(cells.count))); entry != tree.qend();
+         ++entry) {
+      if (bg::distance(at, entry->first) > best.distance) break;
+      std::array<Vector, 4> corner;
+      for (int j = 0; j < cells.corners; ++j) {
+        corner[static_cast<std::size_t>(j)] = point3(from, static_cast<std::size_t>(cells.at(entry->second)[j]));
       }
-      if (best.inside || k >= cells.count) break;
+      const Candidate found = locate(corner, cells.corners, from.dimension, p);
+      if (found.distance < best.distance || (found.distance == best.distance && found.inside && !best.inside)) {
+        best = found;
+        best_cell = entry->second;
+      }
+      if (best.inside && best.distance == 0) break;
     }
-    if (!best.inside) ++outside;
+    const std::int64_t* corner = cells.at(best_cell);
+    if (lower ? on_rim(rim, corner, cells.corners, best.weights) : !best.inside) ++outside;
     for (int j = 0; j < cells.corners; ++j) {
-      columns[static_cast<std::size_t>(j)] = static_cast<Column>(cells.at(best_cell)[j]);
+      columns[static_cast<std::size_t>(j)] = static_cast<Column>(corner[j]);
       values[static_cast<std::size_t>(j)] = best.weights[static_cast<std::size_t>(j)];
     }
     weights.add_row(columns, values);

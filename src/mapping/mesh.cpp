@@ -1,5 +1,9 @@
 #include "mapping/mesh.h"
 
+#include <Eigen/Dense>
+
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -7,6 +11,55 @@
 #include "mapping/weights.h"
 
 namespace lockstep::mapping {
+namespace {
+
+using Vector = Eigen::Vector3d;
+
+Vector point3(const Points& points, std::size_t i) {
+  Vector p = Vector::Zero();
+  for (int k = 0; k < points.dimension; ++k) p[k] = points.at(i)[k];
+  return p;
+}
+
+// A cell with no length, area or volume: its index and points, or empty.
+std::string zero_size_cell(const Points& points, const Cells& cells) {
+  // Sizes relative to the mesh's extent, so that units do not matter.
+  Vector low = point3(points, 0), high = low;
+  for (std::size_t i = 1; i < points.count; ++i) {
+    low = low.cwiseMin(point3(points, i));
+    high = high.cwiseMax(point3(points, i));
+  }
+  const double extent = (high - low).norm();
+  for (std::size_t c = 0; c < cells.count; ++c) {
+    std::array<Vector, 4> corner;
+    corner.fill(Vector::Zero());
+    double longest = 0;
+    for (int j = 0; j < cells.corners; ++j) {
+      corner[static_cast<std::size_t>(j)] = point3(points, static_cast<std::size_t>(cells.at(c)[j]));
+    }
+    for (int j = 1; j < cells.corners; ++j) {
+      for (int k = 0; k < j; ++k) {
+        longest = std::max(longest, (corner[static_cast<std::size_t>(j)] - corner[static_cast<std::size_t>(k)]).norm());
+      }
+    }
+    const Vector a = corner[1] - corner[0], b = corner[2] - corner[0], e = corner[3] - corner[0];
+    // The cell's length, area or volume against its longest edge's.
+    const double size = cells.corners == 2   ? longest
+                        : cells.corners == 3 ? a.cross(b).norm()
+                                             : std::abs(a.cross(b).dot(e));
+    const double scale = cells.corners == 2 ? extent : std::pow(longest, cells.corners - 1);
+    if (!(size > 1e-12 * scale)) {
+      std::string names;
+      for (int j = 0; j < cells.corners; ++j) names += (j == 0 ? "" : ", ") + std::to_string(cells.at(c)[j]);
+      return "cell " + std::to_string(c) + " (points " + names + ") has no " +
+             (cells.corners == 2 ? "length" : cells.corners == 3 ? "area" : "volume") +
+             ": its points coincide or lie on one " + (cells.corners == 4 ? "plane" : "line") + "; remove it";
+    }
+  }
+  return {};
+}
+
+}  // namespace
 
 std::string points_from_field(const fields::Header& header, const void* values, Points& points) {
   const auto& shape = header.shape;
@@ -70,7 +123,7 @@ std::string cells_from_field(const fields::Header& header, const void* values, c
     }
   }
   if (cells.count == 0) return "no cells are given";
-  return {};
+  return zero_size_cell(points, cells);
 }
 
 bool read_mesh(const FieldReader& read, int project, const std::string& points_name, const std::string* cells_name,

@@ -73,6 +73,44 @@ void squared_distances(const Coordinates& points, const double* x, Eigen::Ref<Ei
   for (Eigen::Index k = 1; k < points.rows(); ++k) out.array() += (points.row(k).array() - x[k]).square().transpose();
 }
 
+// The affine span of a set of points: their mean and the directions they
+// spread in, scaled so that local coordinates are of order one. A linear
+// polynomial over the span, not over every axis, keeps the system regular
+// for points on a plane or a line in space.
+struct Span {
+  Eigen::Vector3d mean = Eigen::Vector3d::Zero();
+  Eigen::Matrix3d axes = Eigen::Matrix3d::Zero();  // the first `rank` rows
+  Eigen::Index rank = 0;
+
+  void local(const double* x, int dimension, double* out) const {
+    Eigen::Vector3d offset = Eigen::Vector3d::Zero();
+    for (int k = 0; k < dimension; ++k) offset[k] = x[k] - mean[k];
+    for (Eigen::Index k = 0; k < rank; ++k) out[k] = axes.row(k).dot(offset);
+  }
+};
+
+// Directions whose spread is below this fraction of the largest are none:
+// the eigenvalues of the spread are exact to about 1e-16 of the largest,
+// so their square roots to about 1e-8.
+constexpr double kFlat = 1e-6;
+
+Span span_of(const Coordinates& at) {
+  Span span;
+  const auto d = at.rows();
+  const auto n = static_cast<double>(at.cols());
+  span.mean.head(d) = at.rowwise().sum() / n;
+  const Eigen::MatrixXd centred = at.colwise() - span.mean.head(d);
+  const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> spread(centred * centred.transpose() / n);
+  const Eigen::VectorXd& variance = spread.eigenvalues();  // ascending
+  const double largest = std::sqrt(std::max(variance[d - 1], 0.0));
+  if (!(largest > 0)) return span;
+  for (Eigen::Index k = d - 1; k >= 0 && std::sqrt(std::max(variance[k], 0.0)) > kFlat * largest; --k) {
+    span.axes.row(span.rank).head(d) = spread.eigenvectors().col(k).transpose() / largest;
+    ++span.rank;
+  }
+  return span;
+}
+
 // The local interpolant's weights: for each target t (a column of
 // `result`), the coefficients on `sources` that give its value. Points by
 // index into `from` and `to`. False when the system cannot be solved.
@@ -80,19 +118,24 @@ bool solve_local(const Kernel& phi, bool polynomial, const Points& from, const s
                  const Points& to, const std::vector<std::size_t>& targets, Eigen::MatrixXd& result) {
   const int d = from.dimension;
   const auto n = static_cast<Eigen::Index>(sources.size());
-  const Eigen::Index p = polynomial ? d + 1 : 0;
   Coordinates at(d, n);
   for (Eigen::Index j = 0; j < n; ++j) {
     for (int k = 0; k < d; ++k) at(k, j) = from.at(sources[static_cast<std::size_t>(j)])[k];
   }
+  const Span span = polynomial ? span_of(at) : Span{};
+  const Eigen::Index p = polynomial ? span.rank + 1 : 0;
   Eigen::MatrixXd system(n + p, n + p);
   for (Eigen::Index j = 0; j < n; ++j) {
     squared_distances(at, from.at(sources[static_cast<std::size_t>(j)]), system.col(j).head(n));
   }
   phi.apply(system.topLeftCorner(n, n));
   if (polynomial) {
-    system.row(n).head(n).setOnes();
-    system.middleRows(n + 1, d).leftCols(n) = at;
+    double local[3];
+    for (Eigen::Index j = 0; j < n; ++j) {
+      span.local(from.at(sources[static_cast<std::size_t>(j)]), d, local);
+      system(n, j) = 1;
+      for (Eigen::Index k = 0; k < span.rank; ++k) system(n + 1 + k, j) = local[k];
+    }
     system.topRightCorner(n, p) = system.bottomLeftCorner(p, n).transpose();
     system.bottomRightCorner(p, p).setZero();
   }
@@ -102,8 +145,10 @@ bool solve_local(const Kernel& phi, bool polynomial, const Points& from, const s
     const double* x = to.at(targets[static_cast<std::size_t>(t)]);
     squared_distances(at, x, evaluation.col(t).head(n));
     if (polynomial) {
+      double local[3];
+      span.local(x, d, local);
       evaluation(n, t) = 1;
-      for (int k = 0; k < d; ++k) evaluation(n + 1 + k, t) = x[k];
+      for (Eigen::Index k = 0; k < span.rank; ++k) evaluation(n + 1 + k, t) = local[k];
     }
   }
   phi.apply(evaluation.topRows(n));
@@ -300,16 +345,13 @@ std::string rbf_weights(const Method& method, const Points& from, const PointSea
     return "map=rbf solves one dense system over all " + std::to_string(from.count) +
            " source points, too many: use map=rbf-pum";
   }
-  if (method.polynomial && from.count < static_cast<std::size_t>(from.dimension) + 1) {
-    return "polynomial=on needs at least " + std::to_string(from.dimension + 1) + " source points";
-  }
   std::vector<std::size_t> sources(from.count), targets(to.count);
   for (std::size_t i = 0; i < from.count; ++i) sources[i] = i;
   for (std::size_t i = 0; i < to.count; ++i) targets[i] = i;
   Eigen::MatrixXd local;
   if (!solve_local(kernel_for(method, mean_spacing(from, search)), method.polynomial, from, sources, to, targets,
                    local)) {
-    return "the RBF system is singular: the source points may lie on a line or plane (try polynomial=off)";
+    return "the RBF system is singular";
   }
   weights = Weights{};
   weights.columns = from.count;
@@ -418,8 +460,7 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
       const std::size_t first = b * Batches::kClusters, end = std::min(centres.count, first + Batches::kClusters);
       for (std::size_t c = first + next++; c < end && singular == centres.count; c = first + next++) {
         if (targets_of[c].empty()) continue;
-        const bool polynomial = method.polynomial && members[c].size() > static_cast<std::size_t>(d) + 1;
-        if (solve_local(phi, polynomial, from, members[c], to, targets_of[c], local)) {
+        if (solve_local(phi, method.polynomial, from, members[c], to, targets_of[c], local)) {
           std::copy_n(local.data(), local.size(), columns_of(c));
         } else {
           singular = c;
@@ -435,7 +476,7 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
   });
   if (singular < centres.count) {
     return "the RBF system of the cluster around source point " + std::to_string(members[singular].front()) +
-           " is singular: its points may lie on a line or plane (try polynomial=off)";
+           " is singular";
   }
   return {};
 }

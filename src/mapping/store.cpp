@@ -6,13 +6,16 @@
 #include <sys/statfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 
 #include "fields/store.h"
+#include "mapping/check.h"
 #include "records/file_system.h"
 #include "records/status.h"
 
@@ -192,10 +195,15 @@ bool load(const std::string& directory, const Mapping& mapping, StoredWeights& w
   return true;
 }
 
-std::string describe(const Mapping& mapping, const WeightsView& weights) {
+std::string describe(const Mapping& mapping, const WeightsView& weights, const Deviation& largest) {
+  char checked[200];
+  std::snprintf(checked, sizeof checked,
+                "checked: row sums at most %.3g from 1, mapped positions at most %.3g farther from their targets "
+                "than the nearest source point\n",
+                largest.row_sum, largest.position);
   return mapping.description + "\n" + mapping.method.canonical() + "\nrows " + std::to_string(weights.rows) +
          " (target points), columns " + std::to_string(weights.columns) + " (source points), values " +
-         std::to_string(weights.count) + "\n";
+         std::to_string(weights.count) + "\n" + checked;
 }
 
 }  // namespace
@@ -230,12 +238,18 @@ std::string weights_for(const std::string& directory, const Mapping& mapping, St
     return error;
   }
   weights.view = room.taken() ? room.view(computed) : computed.view();
+  Deviation largest;
+  if (error = check_weights(mapping.method, *mapping.from, *mapping.to, weights.view, largest); !error.empty()) {
+    weights = StoredWeights{};
+    if (keep) fs::remove_all(building, ignored);
+    return error;
+  }
   if (!keep) return {};
   const bool written = write_array(building + "/indptr.npy", fields::Type::kInt64, computed.row_start, error) &&
                        (room.taken() ||
                         (write_array(building + "/indices.npy", fields::Type::kInt32, computed.column_of, error) &&
                          write_array(building + "/data.npy", fields::Type::kFloat64, computed.value, error))) &&
-                       static_cast<bool>(std::ofstream(building + "/about.txt") << describe(mapping, weights.view));
+                       static_cast<bool>(std::ofstream(building + "/about.txt") << describe(mapping, weights.view, largest));
   // Another program may have put the same weights in place meanwhile, or
   // a damaged copy may be there: the first is as good as these, the second
   // goes.
@@ -285,12 +299,32 @@ bool describe_stored(const std::string& directory, std::string& text) {
   return true;
 }
 
+namespace {
+
+// Whether loaded weights applied soundly: every column within the source
+// mesh, and every row sum finite and, where the method reproduces
+// constants, 1. Computed weights were checked whole before.
+bool sound(const Mapping& mapping, const std::vector<double>& row_sums) {
+  const bool constants = reproduces_constants(mapping.method) && !mapping.method.conservative;
+  // Looser than the check of computed weights, which weighs each row's size.
+  constexpr double kLoadedTolerance = 1e-6;
+  return std::all_of(row_sums.begin(), row_sums.end(), [constants](double sum) {
+    return std::isfinite(sum) && (!constants || std::abs(sum - 1) <= kLoadedTolerance);
+  });
+}
+
+}  // namespace
+
 std::string map_values(const std::string& directory, const Mapping& mapping, const double* values,
                        std::size_t components, double* mapped) {
   StoredWeights weights;
   if (std::string error = weights_for(directory, mapping, weights); !error.empty()) return error;
-  if (weights.view.apply(values, components, mapped)) return {};
-  // A column outside the source mesh: the stored files are damaged.
+  std::vector<double> row_sums(weights.view.rows);
+  if (weights.view.apply(values, components, mapped, row_sums.data()) &&
+      (weights.source == Source::kComputed || sound(mapping, row_sums))) {
+    return {};
+  }
+  // Stored files that are damaged: removed, and the weights computed anew.
   std::error_code ignored;
   fs::remove_all(directory + "/" + kWeightsDirectory + "/" + weights_key(mapping), ignored);
   if (std::string error = weights_for(directory, mapping, weights); !error.empty()) return error;

@@ -48,7 +48,7 @@ WeightsView Weights::view() const {
   return {rows, columns, value.size(), row_start.data(), column_of.data(), value.data()};
 }
 
-bool WeightsView::apply(const double* source, std::size_t components, double* target) const {
+bool WeightsView::apply(const double* source, std::size_t components, double* target, double* row_sums) const {
   // Rows in blocks over every core: a stage's product reads every weight
   // once, and memory, not arithmetic, bounds it.
   const unsigned cores = count * components < 1000000 ? 1 : std::clamp(std::thread::hardware_concurrency(), 1u, 8u);
@@ -56,6 +56,9 @@ bool WeightsView::apply(const double* source, std::size_t components, double* ta
   const auto rows_from = [&](std::size_t first, std::size_t last) {
     for (std::size_t row = first; row < last; ++row) {
       const auto begin = static_cast<std::size_t>(row_start[row]), end = static_cast<std::size_t>(row_start[row + 1]);
+      // The row sum costs an addition a weight, in registers: the weights
+      // are read from memory once either way.
+      double total = 0;
       if (components == 1) {
         double sum = 0;
         for (std::size_t at = begin; at < end; ++at) {
@@ -65,8 +68,10 @@ bool WeightsView::apply(const double* source, std::size_t components, double* ta
             return;
           }
           sum += value[at] * source[column];
+          total += value[at];
         }
         target[row] = sum;
+        if (row_sums != nullptr) row_sums[row] = total;
         continue;
       }
       double* out = target + row * components;
@@ -78,7 +83,9 @@ bool WeightsView::apply(const double* source, std::size_t components, double* ta
           return;
         }
         for (std::size_t k = 0; k < components; ++k) out[k] += value[at] * source[column * components + k];
+        total += value[at];
       }
+      if (row_sums != nullptr) row_sums[row] = total;
     }
   };
   std::vector<std::thread> threads;

@@ -66,9 +66,10 @@ struct WeightsView {
   const double* value = nullptr;                 // count
 
   // target (rows x components) = this * source (columns x components),
-  // both row by row. False, with `target` undefined, when a column lies
-  // outside the source mesh: checked here, in the one pass over them.
-  bool apply(const double* source, std::size_t components, double* target) const;
+  // both row by row, and, given `row_sums`, each row's sum. False, with
+  // `target` undefined, when a column lies outside the source mesh:
+  // checked here, in the one pass over them.
+  bool apply(const double* source, std::size_t components, double* target, double* row_sums = nullptr) const;
   // nullptr when the row offsets are sound (rising from 0 to the number of
   // values), else what is wrong.
   const char* defect() const;

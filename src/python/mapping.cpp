@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "mapping/check.h"
 #include "mapping/method.h"
 
 namespace py = pybind11;
@@ -70,6 +71,8 @@ py::tuple mapping_weights(const py::array_t<double, py::array::c_style | py::arr
     py::gil_scoped_release release;
     error = mapping::compute_weights(method, from, source_cells ? &*source_cells : nullptr, to,
                                      target_cells ? &*target_cells : nullptr, weights);
+    mapping::Deviation largest;
+    if (error.empty()) error = mapping::check_weights(method, from, to, weights.view(), largest);
   }
   if (!error.empty()) fail(error);
   const auto count = static_cast<py::ssize_t>(weights.value.size());
