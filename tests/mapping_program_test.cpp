@@ -130,6 +130,8 @@ TEST_F(MappingRunTest, EveryFaultOfAMappingIsRefusedWithItsLine) {
   publish<std::int32_t>(0, "tri", Type::kInt32, {2, 3}, {0, 1, 2, 1, 2, 4});
   publish<double>(0, "T", Type::kFloat64, {4}, {1, 2, 3, 4});
   publish<double>(0, "T3", Type::kFloat64, {3}, {1, 2, 3});
+  publish<double>(0, "Tnan", Type::kFloat64, {4}, {1, 2, NAN, 4});
+  publish<std::int32_t>(0, "flat", Type::kInt32, {2, 3}, {0, 1, 2, 0, 3, 0});
   publish<double>(1, "xy", Type::kFloat64, {2, 2}, {0.5, 0.5, 0.2, 0.1});
   const struct {
     std::string words;
@@ -137,8 +139,9 @@ TEST_F(MappingRunTest, EveryFaultOfAMappingIsRefusedWithItsLine) {
     std::string output = "T";
   } cases[] = {
       {"map=cubic from-mesh=xy to-mesh=xy", "map=cubic is no method: use linear, nearest-neighbour, rbf, rbf-pum"},
-      {"map=rbf basis=quintic from-mesh=xy to-mesh=xy",
-       "basis=quintic is no basis: use gaussian, thin-plate-spline, wendland-c2, wendland-c4, wendland-c6"},
+      {"map=rbf basis=multiquadric from-mesh=xy to-mesh=xy",
+       "basis=multiquadric is no basis: use gaussian, quintic, thin-plate-spline, wendland-c2, wendland-c4, "
+       "wendland-c6"},
       {"map=rbf from-mesh=xy to-mesh=xy stiffness=2",
        "\"stiffness=\" is no mapping word: use map, constraint, from-mesh, to-mesh, from-cells, to-cells, basis, "
        "shape, radius, polynomial, cluster-size, overlap"},
@@ -150,6 +153,12 @@ TEST_F(MappingRunTest, EveryFaultOfAMappingIsRefusedWithItsLine) {
        "mesh \"bad\" of main: point 1 has a coordinate that is not finite (nan)"},
       {"map=linear from-mesh=xy from-cells=tri to-mesh=xy",
        "cells \"tri\" of main: cell 1 names point 4, but the mesh has points 0 to 3"},
+      {"map=linear from-mesh=xy from-cells=flat to-mesh=xy",
+       "cells \"flat\" of main: cell 1 (points 0, 3, 0) has no area: its points coincide or lie on one line; remove "
+       "it"},
+      {"map=rbf from-mesh=xy to-mesh=xy",
+       "output \"Tnan\" of main holds NaN at point 2: a mapping needs finite values (has its solver blown up?)",
+       "Tnan"},
       {"map=rbf from-mesh=twin to-mesh=xy",
        "source points 0 and 2 are at one place, which makes the RBF system singular: remove one", "T3"},
       {"map=nearest-neighbour from-mesh=xy to-mesh=xy",

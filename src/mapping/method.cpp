@@ -17,6 +17,7 @@ const std::map<std::string, Kind> kKinds = {{"nearest-neighbour", Kind::kNearest
                                             {"rbf-pum", Kind::kRbfPum}};
 const std::map<std::string, Basis> kBases = {{"thin-plate-spline", Basis::kThinPlateSpline},
                                              {"gaussian", Basis::kGaussian},
+                                             {"quintic", Basis::kQuintic},
                                              {"wendland-c2", Basis::kWendlandC2},
                                              {"wendland-c4", Basis::kWendlandC4},
                                              {"wendland-c6", Basis::kWendlandC6}};

@@ -1,11 +1,14 @@
 #include <Eigen/Dense>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <barrier>
 #include <cmath>
 #include <limits>
+#include <map>
 #include <memory>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -35,6 +38,9 @@ struct Kernel {
       case Basis::kGaussian: squared.array() = (-(shape * shape) * squared.array()).exp(); return;
       case Basis::kThinPlateSpline:  // r^2 log r = r^2 log(r^2) / 2
         squared = squared.unaryExpr([](double s) { return s > 0 ? 0.5 * s * std::log(s) : 0.0; });
+        return;
+      case Basis::kQuintic:  // -r^5, as SciPy's; the sign leaves the weights as they are
+        squared.array() = -(squared.array().square() * squared.array().sqrt());
         return;
       default: squared = squared.unaryExpr([this](double s) { return wendland(basis, std::sqrt(s) / radius); });
     }
@@ -73,42 +79,83 @@ void squared_distances(const Coordinates& points, const double* x, Eigen::Ref<Ei
   for (Eigen::Index k = 1; k < points.rows(); ++k) out.array() += (points.row(k).array() - x[k]).square().transpose();
 }
 
-// The affine span of a set of points: their mean and the directions they
-// spread in, scaled so that local coordinates are of order one. A linear
-// polynomial over the span, not over every axis, keeps the system regular
-// for points on a plane or a line in space.
-struct Span {
-  Eigen::Vector3d mean = Eigen::Vector3d::Zero();
-  Eigen::Matrix3d axes = Eigen::Matrix3d::Zero();  // the first `rank` rows
-  Eigen::Index rank = 0;
-
-  void local(const double* x, int dimension, double* out) const {
-    Eigen::Vector3d offset = Eigen::Vector3d::Zero();
-    for (int k = 0; k < dimension; ++k) offset[k] = x[k] - mean[k];
-    for (Eigen::Index k = 0; k < rank; ++k) out[k] = axes.row(k).dot(offset);
+// The polynomial part of an RBF system: 1, the coordinates and, for the
+// quintic, their products, in the sources' principal axes, centred and
+// scaled. Only what the sources determine is kept:
+// - axes the points do not spread along (a plane or a line in space);
+// - combinations of the terms that vanish on every source (a sphere under
+//   a quadratic), by an orthonormal basis of the terms over the sources.
+// Linear fields on the points' span are then reproduced exactly.
+class Polynomial {
+ public:
+  Polynomial(const Coordinates& at, bool quadratic) : quadratic_(quadratic) {
+    const Eigen::Index d = at.rows(), n = at.cols();
+    centre_ = at.rowwise().sum() / static_cast<double>(n);
+    const Eigen::MatrixXd centred = at.colwise() - centre_;
+    const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> spread(centred * centred.transpose() / static_cast<double>(n));
+    const Eigen::VectorXd& variance = spread.eigenvalues();  // ascending
+    const double widest = std::sqrt(std::max(variance[d - 1], 0.0));
+    Eigen::Index axes = 0;
+    while (axes < d && widest > 0 && std::sqrt(std::max(variance[d - 1 - axes], 0.0)) > kFlat * widest) ++axes;
+    frame_ = spread.eigenvectors().rightCols(axes).transpose() / std::max(widest, std::numeric_limits<double>::min());
+    Eigen::MatrixXd terms(n, size());
+    for (Eigen::Index j = 0; j < n; ++j) fill(at.col(j).data(), terms.row(j));
+    // terms = U S V^T through the eigenvectors of terms^T terms.
+    const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> gram(terms.transpose() * terms);
+    const Eigen::VectorXd& squared = gram.eigenvalues();  // ascending
+    Eigen::Index rank = 0;
+    while (rank < size() && squared[size() - 1 - rank] > kIndependent * kIndependent * squared[size() - 1]) ++rank;
+    to_basis_ = gram.eigenvectors().rightCols(rank) * squared.tail(rank).cwiseSqrt().cwiseInverse().asDiagonal();
   }
+  // The number of kept combinations: the polynomial block's width.
+  Eigen::Index rank() const { return to_basis_.cols(); }
+  // The kept combinations at x.
+  void evaluate(const double* x, Eigen::Ref<Eigen::VectorXd> out) const {
+    Eigen::Matrix<double, 1, kMostTerms> terms;
+    fill(x, terms);
+    out.noalias() = to_basis_.transpose() * terms.head(size()).transpose();
+  }
+
+ private:
+  static constexpr int kMostTerms = 10;  // 1, x, y, z and their six products
+  // An axis whose spread is below this fraction of the widest is none.
+  static constexpr double kFlat = 1e-6;
+  // A singular value below this fraction of the largest is rounding: the
+  // eigenvalues of terms^T terms are exact to about 1e-16 of the largest.
+  static constexpr double kIndependent = 1e-7;
+
+  Eigen::Index size() const {
+    const Eigen::Index axes = frame_.rows();
+    return 1 + axes + (quadratic_ ? axes * (axes + 1) / 2 : 0);
+  }
+  template <typename Row>
+  void fill(const double* x, Row&& row) const {
+    const Eigen::Index axes = frame_.rows();
+    double u[3];
+    for (Eigen::Index a = 0; a < axes; ++a) {
+      u[a] = 0;
+      for (Eigen::Index k = 0; k < frame_.cols(); ++k) u[a] += frame_(a, k) * (x[k] - centre_[k]);
+    }
+    Eigen::Index at = 0;
+    row(at++) = 1;
+    for (Eigen::Index k = 0; k < axes; ++k) row(at++) = u[k];
+    if (!quadratic_) return;
+    for (Eigen::Index k = 0; k < axes; ++k) {
+      for (Eigen::Index l = k; l < axes; ++l) row(at++) = u[k] * u[l];
+    }
+  }
+
+  bool quadratic_;
+  Eigen::VectorXd centre_;
+  Eigen::MatrixXd frame_;     // the kept principal axes, a row each, scaled
+  Eigen::MatrixXd to_basis_;  // terms -> kept combinations
 };
 
-// Directions whose spread is below this fraction of the largest are none:
-// the eigenvalues of the spread are exact to about 1e-16 of the largest,
-// so their square roots to about 1e-8.
-constexpr double kFlat = 1e-6;
-
-Span span_of(const Coordinates& at) {
-  Span span;
-  const auto d = at.rows();
-  const auto n = static_cast<double>(at.cols());
-  span.mean.head(d) = at.rowwise().sum() / n;
-  const Eigen::MatrixXd centred = at.colwise() - span.mean.head(d);
-  const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> spread(centred * centred.transpose() / n);
-  const Eigen::VectorXd& variance = spread.eigenvalues();  // ascending
-  const double largest = std::sqrt(std::max(variance[d - 1], 0.0));
-  if (!(largest > 0)) return span;
-  for (Eigen::Index k = d - 1; k >= 0 && std::sqrt(std::max(variance[k], 0.0)) > kFlat * largest; --k) {
-    span.axes.row(span.rank).head(d) = spread.eigenvectors().col(k).transpose() / largest;
-    ++span.rank;
-  }
-  return span;
+// The quintic is conditionally positive definite of order 3: it takes a
+// quadratic polynomial, which needs more points than terms to be of use.
+bool quadratic_for(const Kernel& phi, std::size_t sources, int dimension) {
+  const auto terms = static_cast<std::size_t>(1 + dimension + dimension * (dimension + 1) / 2);
+  return phi.basis == Basis::kQuintic && sources >= 2 * terms;
 }
 
 // The local interpolant's weights: for each target t (a column of
@@ -122,20 +169,16 @@ bool solve_local(const Kernel& phi, bool polynomial, const Points& from, const s
   for (Eigen::Index j = 0; j < n; ++j) {
     for (int k = 0; k < d; ++k) at(k, j) = from.at(sources[static_cast<std::size_t>(j)])[k];
   }
-  const Span span = polynomial ? span_of(at) : Span{};
-  const Eigen::Index p = polynomial ? span.rank + 1 : 0;
+  std::optional<Polynomial> terms;
+  if (polynomial) terms.emplace(at, quadratic_for(phi, sources.size(), d));
+  const Eigen::Index p = terms ? terms->rank() : 0;
   Eigen::MatrixXd system(n + p, n + p);
   for (Eigen::Index j = 0; j < n; ++j) {
     squared_distances(at, from.at(sources[static_cast<std::size_t>(j)]), system.col(j).head(n));
   }
   phi.apply(system.topLeftCorner(n, n));
-  if (polynomial) {
-    double local[3];
-    for (Eigen::Index j = 0; j < n; ++j) {
-      span.local(from.at(sources[static_cast<std::size_t>(j)]), d, local);
-      system(n, j) = 1;
-      for (Eigen::Index k = 0; k < span.rank; ++k) system(n + 1 + k, j) = local[k];
-    }
+  if (terms) {
+    for (Eigen::Index j = 0; j < n; ++j) terms->evaluate(from.at(sources[static_cast<std::size_t>(j)]), system.col(j).tail(p));
     system.topRightCorner(n, p) = system.bottomLeftCorner(p, n).transpose();
     system.bottomRightCorner(p, p).setZero();
   }
@@ -144,12 +187,7 @@ bool solve_local(const Kernel& phi, bool polynomial, const Points& from, const s
   for (Eigen::Index t = 0; t < m; ++t) {
     const double* x = to.at(targets[static_cast<std::size_t>(t)]);
     squared_distances(at, x, evaluation.col(t).head(n));
-    if (polynomial) {
-      double local[3];
-      span.local(x, d, local);
-      evaluation(n, t) = 1;
-      for (Eigen::Index k = 0; k < span.rank; ++k) evaluation(n + 1 + k, t) = local[k];
-    }
+    if (terms) terms->evaluate(x, evaluation.col(t).tail(p));
   }
   phi.apply(evaluation.topRows(n));
   // The system is symmetric: the weights are evaluation^T system^-1.
@@ -157,47 +195,48 @@ bool solve_local(const Kernel& phi, bool polynomial, const Points& from, const s
   return result.allFinite();
 }
 
-// More cells than this in the source points' box means points spread far
-// beyond their clusters' size (distant patches): refused, not ground through.
-constexpr double kMostCells = 1 << 28;
-
-// Cluster centres on a grid over the source points' box, close enough that
-// balls of `radius` around them cover it, with each centre's members: the
-// source points within `radius`, when there are enough for a system.
+// Cluster centres where the source points are: the points are sorted into
+// the cells of a grid fine enough that balls of `radius` around the cells'
+// centres would cover them, and each cell that holds points gives one
+// centre, at its points' mean. On a surface the mean lies on it (give or
+// take its curvature), so a cluster holds a whole patch, never a sliver at
+// the edge of its ball; patches far apart cost no more than near ones.
+// Each centre's members: the source points within `radius`, when there are
+// enough for a system.
 std::string cluster(const Points& from, const PointSearch& search, double radius, double overlap, Points& centres,
                     std::vector<std::vector<std::size_t>>& members) {
   const auto d = static_cast<std::size_t>(from.dimension);
-  std::vector<double> low(d, std::numeric_limits<double>::infinity());
-  std::vector<double> high(d, -std::numeric_limits<double>::infinity());
-  for (std::size_t i = 0; i < from.count; ++i) {
-    for (std::size_t k = 0; k < d; ++k) {
-      low[k] = std::min(low[k], from.at(i)[k]);
-      high[k] = std::max(high[k], from.at(i)[k]);
-    }
+  std::array<double, 3> low{};
+  for (std::size_t k = 0; k < d; ++k) {
+    low[k] = from.at(0)[k];
+    for (std::size_t i = 1; i < from.count; ++i) low[k] = std::min(low[k], from.at(i)[k]);
   }
   const double spacing = 2 * radius / std::sqrt(static_cast<double>(d)) / (1 + overlap);
-  std::vector<std::size_t> steps(d);
-  double cells = 1;
-  for (std::size_t k = 0; k < d; ++k) {
-    const double step_count = std::floor((high[k] - low[k]) / spacing) + 1;
-    cells *= step_count;
-    if (!(cells <= kMostCells)) {
-      return "the source points' box holds more than 2^28 clusters: map far-apart patches on lines of their "
-             "own, or give a larger cluster-size";
+  struct Sum {
+    std::array<double, 3> total{};
+    std::size_t count = 0;
+  };
+  // Ordered by cell: neighbouring clusters stay near each other in the
+  // batches that solve them.
+  std::map<std::array<std::int64_t, 3>, Sum> cells;
+  for (std::size_t i = 0; i < from.count; ++i) {
+    std::array<std::int64_t, 3> cell{};
+    for (std::size_t k = 0; k < d; ++k) {
+      const double step = std::floor((from.at(i)[k] - low[k]) / spacing);
+      // Far beyond any mesh's extent in clusters: the cell is not counted.
+      if (!(step < 0x1p62)) return "the source points lie too far apart for rbf-pum's clusters: use map=rbf-pum lines of their own for far-apart patches";
+      cell[k] = static_cast<std::int64_t>(step);
     }
-    steps[k] = static_cast<std::size_t>(step_count);
+    Sum& sum = cells[cell];
+    for (std::size_t k = 0; k < d; ++k) sum.total[k] += from.at(i)[k];
+    ++sum.count;
   }
   centres = Points{};
   centres.dimension = from.dimension;
   members.clear();
-  const auto total = static_cast<std::size_t>(cells);
-  for (std::size_t g = 0; g < total; ++g) {
+  for (const auto& [cell, sum] : cells) {
     double centre[3];
-    std::size_t rest = g;
-    for (std::size_t k = 0; k < d; ++k) {
-      centre[k] = low[k] + (static_cast<double>(rest % steps[k]) + 0.5) * spacing;
-      rest /= steps[k];
-    }
+    for (std::size_t k = 0; k < d; ++k) centre[k] = sum.total[k] / static_cast<double>(sum.count);
     std::vector<std::size_t> inside;
     for (const auto& [index, ignored] : search.within(centre, radius)) inside.push_back(index);
     if (inside.size() < d + 2) continue;
