@@ -4,6 +4,7 @@
 #include <numeric>
 #include <random>
 
+#include "mapping/check.h"
 #include "mapping/method.h"
 
 namespace lockstep::mapping {
@@ -88,6 +89,17 @@ TEST(MappingTest, MeshesAndCellsAreCheckedBeforeUse) {
             "cell 0 names point 3, but the mesh has points 0 to 2");
   EXPECT_EQ(cells_from_field({fields::Type::kInt32, false, {1, 4}, {}}, triangle, points, cells),
             "tetrahedra need 3-D points, not 2-D");
+  // Cells without size would capture the targets near them.
+  const Points line{4, 1, {0, 1, 2, 3}}, plane{4, 2, {0, 0, 1, 0, 2, 0, 0, 1}}, space{5, 3, {0, 0, 0, 1, 0, 0, 0, 1,
+                                                                                             0, 1, 1, 0, 0, 0, 1}};
+  const std::int64_t segments[] = {0, 1, 1, 2, 3, 3}, triangles[] = {0, 1, 3, 0, 1, 2}, tetrahedra[] = {0, 1, 2, 4,
+                                                                                                       0, 1, 2, 3};
+  EXPECT_EQ(cells_from_field({fields::Type::kInt64, false, {3, 2}, {}}, segments, line, cells),
+            "cell 2 (points 3, 3) has no length: its points coincide or lie on one line; remove it");
+  EXPECT_EQ(cells_from_field({fields::Type::kInt64, false, {2, 3}, {}}, triangles, plane, cells),
+            "cell 1 (points 0, 1, 2) has no area: its points coincide or lie on one line; remove it");
+  EXPECT_EQ(cells_from_field({fields::Type::kInt64, false, {2, 4}, {}}, tetrahedra, space, cells),
+            "cell 1 (points 0, 1, 2, 3) has no volume: its points coincide or lie on one plane; remove it");
   std::size_t components = 0;
   EXPECT_EQ(components_of({fields::Type::kFloat64, false, {4, 2}, {}}, 3, components),
             "the values have shape (4, 2), but their mesh has 3 points: give (3,) or (3, k)");
@@ -206,6 +218,59 @@ TEST(MappingTest, ReachCountsTheTargetsOutsideTheSourceMesh) {
   EXPECT_EQ(reach(lying, &triangles, lying_targets).outside, 1u);
   // Without cells: outside the source points' bounding box.
   EXPECT_EQ(reach(flat, nullptr, flat_targets).outside, 1u);
+  // A closed surface has no rim: targets off it, beyond its corners and
+  // edges too, are on it, not outside. A polyline ends at its ends.
+  const Points tetrahedron{4, 3, {0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1}};
+  const Cells surface{4, 3, {0, 1, 2, 0, 1, 3, 0, 2, 3, 1, 2, 3}};
+  const Points around{4, 3, {-1, -1, -1, 2, 0, 0, 0.5, 0.5, 0.5, 0.6, -0.5, 0.2}};
+  EXPECT_EQ(reach(tetrahedron, &surface, around).outside, 0u);
+  const Cells polyline{2, 2, {0, 1, 1, 2}};
+  EXPECT_EQ(reach(tetrahedron, &polyline, around).outside, 1u);  // beyond its end at the origin
+}
+
+// Weights are checked before use: each fault names its target point.
+TEST(MappingTest, WeightsThatFailTheirMethodAreRefused) {
+  const Points line{4, 1, {0, 1, 2, 3}}, target{2, 1, {2.9, 1}};
+  const auto weights_of = [](std::vector<Column> columns, std::vector<double> values) {
+    Weights weights;
+    weights.columns = 4;
+    weights.add_row({3}, {1.0});
+    weights.add_row(columns, values);
+    return weights;
+  };
+  const Method nearest = method_of({{"map", "nearest-neighbour"}, {"from-mesh", "a"}, {"to-mesh", "b"}});
+  Method unpolished = method_of({{"map", "rbf"}, {"polynomial", "off"}, {"from-mesh", "a"}, {"to-mesh", "b"}});
+  const struct {
+    const Method& method;
+    Weights weights;
+    std::string error;
+  } cases[] = {
+      {nearest, weights_of({1}, {1.0}), ""},
+      {nearest, weights_of({0, 2}, {0.5, 0.5}), ""},
+      {nearest, weights_of({0, 1}, {0.5, 0.5}),
+       "the weights of target point 1 (1) map it to a point 0.5 from it, farther than its nearest source point (0): "
+       "the method failed on this mesh"},
+      {nearest, weights_of({3}, {1.0}),
+       "the weights of target point 1 (1) map it to a point 2 from it, farther than its nearest source point (0): "
+       "the method failed on this mesh"},
+      {nearest, weights_of({1}, {0.5}), "the weights of target point 1 (1) sum to 0.5, not 1: the method failed on "
+                                        "this mesh"},
+      {nearest, weights_of({1}, {NAN}), "the weights of target point 1 (1) are not finite"},
+      {unpolished, weights_of({1}, {0.5}), ""},
+      {unpolished, weights_of({1}, {INFINITY}), "the weights of target point 1 (1) are not finite"},
+  };
+  for (const auto& c : cases) {
+    Deviation largest;
+    EXPECT_EQ(check_weights(c.method, line, target, c.weights.view(), largest), c.error);
+  }
+  // A conservative map is checked as the consistent map it transposes.
+  Method conservative = nearest;
+  conservative.conservative = true;
+  Deviation largest;
+  EXPECT_EQ(check_weights(conservative, target, line, weights_of({1}, {1.0}).transposed().view(), largest), "");
+  EXPECT_EQ(check_weights(conservative, target, line, weights_of({3}, {1.0}).transposed().view(), largest),
+            "the weights of target point 1 (1) map it to a point 2 from it, farther than its nearest source point "
+            "(0): the method failed on this mesh");
 }
 
 // Keeps what it is given in vectors of its own, or refuses.
