@@ -131,6 +131,8 @@ TEST_F(MappingRunTest, EveryFaultOfAMappingIsRefusedWithItsLine) {
   publish<double>(0, "T", Type::kFloat64, {4}, {1, 2, 3, 4});
   publish<double>(0, "T3", Type::kFloat64, {3}, {1, 2, 3});
   publish<double>(0, "Tnan", Type::kFloat64, {4}, {1, 2, NAN, 4});
+  publish<double>(0, "pair", Type::kFloat64, {2, 2}, {0, 0, 1, 1});
+  publish<double>(0, "T2", Type::kFloat64, {2}, {1, 2});
   publish<std::int32_t>(0, "flat", Type::kInt32, {2, 3}, {0, 1, 2, 0, 3, 0});
   publish<double>(1, "xy", Type::kFloat64, {2, 2}, {0.5, 0.5, 0.2, 0.1});
   const struct {
@@ -156,6 +158,7 @@ TEST_F(MappingRunTest, EveryFaultOfAMappingIsRefusedWithItsLine) {
       {"map=linear from-mesh=xy from-cells=flat to-mesh=xy",
        "cells \"flat\" of main: cell 1 (points 0, 3, 0) has no area: its points coincide or lie on one line; remove "
        "it"},
+      {"map=rbf-pum from-mesh=pair to-mesh=xy", "too few source points for rbf-pum's clusters: use map=rbf", "T2"},
       {"map=rbf from-mesh=xy to-mesh=xy",
        "output \"Tnan\" of main holds NaN at point 2: a mapping needs finite values (has its solver blown up?)",
        "Tnan"},
@@ -177,7 +180,8 @@ TEST_F(MappingRunTest, EveryFaultOfAMappingIsRefusedWithItsLine) {
              "main T sub1 T_in map=linear from-mesh=xy to-mesh=xy\n"
              "main T3 sub1 T_a map=rbf from-mesh=twin to-mesh=xy\n"
              "main T sub1 T_b map=linear from-mesh=xy from-cells=tri to-mesh=xy\n"
-             "main T3 sub1 T_c map=nearest-neighbour from-mesh=xy to-mesh=xy\n");
+             "main T3 sub1 T_c map=nearest-neighbour from-mesh=xy to-mesh=xy\n"
+             "main T2 sub1 T_d map=rbf-pum from-mesh=pair to-mesh=xy\n");
   const Exit check = run_program({LOCKSTEPCTL_BINARY, "check", "."}, tree.run());
   EXPECT_EQ(check.status, 1);
   EXPECT_THAT(check.out, HasSubstr("exchange.dat:1: map=linear needs from-cells=, the source mesh's segments, "
@@ -188,6 +192,7 @@ TEST_F(MappingRunTest, EveryFaultOfAMappingIsRefusedWithItsLine) {
                                    "points 0 to 3\n"));
   EXPECT_THAT(check.out, HasSubstr("exchange.dat:4: output \"T3\" of main on mesh \"xy\": the values have shape (3,), "
                                    "but their mesh has 4 points: give (4,) or (4, k)\n"));
+  EXPECT_THAT(check.out, HasSubstr("exchange.dat:5: too few source points for rbf-pum's clusters: use map=rbf\n"));
 }
 
 // Two sub projects' exchange programs computing the same weights at once:

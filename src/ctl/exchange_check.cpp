@@ -9,6 +9,7 @@
 #include "config/project_tree.h"
 #include "fields/store.h"
 #include "mapping/method.h"
+#include "mapping/store.h"
 
 namespace lockstep::ctl {
 namespace {
@@ -37,7 +38,9 @@ void check_mapping(TreeState& tree, const exchange::Copy& copy, const std::strin
     if (error.empty()) tree.mappings.push_back(where + "its meshes are not all published yet");
     return;
   }
-  if (error = mapping::check_meshes(method, from, to); !error.empty()) {
+  const mapping::Mapping wanted{method, &from, from_cells ? &*from_cells : nullptr, &to,
+                                to_cells ? &*to_cells : nullptr, {}};
+  if (error = mapping::validate(tree.run_directory.string(), wanted); !error.empty()) {
     tree.run_problems.push_back(where + error);
     return;
   }

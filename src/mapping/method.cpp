@@ -130,7 +130,10 @@ std::string parse_method(const std::map<std::string, std::string>& words, Method
 
 std::string compute_weights(const Method& method, const Points& from, const Cells* from_cells, const Points& to,
                             const Cells* to_cells, Weights& weights, Room* room) {
-  if (from.dimension != to.dimension) return check_meshes(method, from, to);
+  if (from.dimension != to.dimension) {
+    return "the source mesh is " + std::to_string(from.dimension) + "-D but the target mesh " +
+           std::to_string(to.dimension) + "-D";
+  }
   if (method.conservative) {
     Method consistent = method;
     consistent.conservative = false;
@@ -153,17 +156,6 @@ std::string compute_weights(const Method& method, const Points& from, const Cell
     case Kind::kRbfPum: return rbf_pum_weights(method, from, search, to, weights, room);
   }
   return {};
-}
-
-std::string check_meshes(const Method& method, const Points& from, const Points& to) {
-  if (from.dimension != to.dimension) {
-    return "the source mesh is " + std::to_string(from.dimension) + "-D but the target mesh " +
-           std::to_string(to.dimension) + "-D";
-  }
-  if (method.kind != Kind::kRbf && method.kind != Kind::kRbfPum) return {};
-  // A conservative map solves its systems over the target mesh.
-  const Points& sources = method.conservative ? to : from;
-  return duplicate_points(sources, PointSearch(sources));
 }
 
 Reach reach(const Points& from, const Cells* from_cells, const Points& to) {

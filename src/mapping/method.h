@@ -52,11 +52,6 @@ std::string parse_method(const std::map<std::string, std::string>& words, Method
 std::string compute_weights(const Method& method, const Points& from, const Cells* from_cells, const Points& to,
                             const Cells* to_cells, Weights& weights, Room* room = nullptr);
 
-// What compute_weights would refuse, found without computing: meshes of
-// different dimensions, duplicate source points under an RBF. Empty when
-// nothing.
-std::string check_meshes(const Method& method, const Points& from, const Points& to);
-
 // How far the target points lie from the source mesh: the largest
 // distance to a nearest source point, and how many lie outside its cells
 // (linear) or beyond the source points' bounding box (the other methods).

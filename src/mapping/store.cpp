@@ -195,6 +195,19 @@ bool load(const std::string& directory, const Mapping& mapping, StoredWeights& w
   return true;
 }
 
+// The mapping's weights computed, into `room` where it takes them, and
+// checked: what a stage and `lockstepctl check` both refuse.
+std::string compute_checked(const Mapping& mapping, StoredWeights& weights, FileRoom* room, Deviation& largest) {
+  Weights& computed = weights.computed;
+  if (std::string error = compute_weights(mapping.method, *mapping.from, mapping.from_cells, *mapping.to,
+                                          mapping.to_cells, computed, room);
+      !error.empty()) {
+    return error;
+  }
+  weights.view = room != nullptr && room->taken() ? room->view(computed) : computed.view();
+  return check_weights(mapping.method, *mapping.from, *mapping.to, weights.view, largest);
+}
+
 std::string describe(const Mapping& mapping, const WeightsView& weights, const Deviation& largest) {
   char checked[200];
   std::snprintf(checked, sizeof checked,
@@ -229,22 +242,16 @@ std::string weights_for(const std::string& directory, const Mapping& mapping, St
   const bool keep = (::mkdir(root.c_str(), 0777) == 0 || errno == EEXIST) &&
                     records::create_temporary_directory(final_path, building) == 0;
   FileRoom room(building, weights);
-  Weights& computed = weights.computed;
-  std::string error = compute_weights(mapping.method, *mapping.from, mapping.from_cells, *mapping.to,
-                                      mapping.to_cells, computed, keep ? &room : nullptr);
+  Deviation largest;
+  std::string error = compute_checked(mapping, weights, keep ? &room : nullptr, largest);
   std::error_code ignored;
   if (!error.empty()) {
-    if (keep) fs::remove_all(building, ignored);
-    return error;
-  }
-  weights.view = room.taken() ? room.view(computed) : computed.view();
-  Deviation largest;
-  if (error = check_weights(mapping.method, *mapping.from, *mapping.to, weights.view, largest); !error.empty()) {
     weights = StoredWeights{};
     if (keep) fs::remove_all(building, ignored);
     return error;
   }
   if (!keep) return {};
+  const Weights& computed = weights.computed;
   const bool written = write_array(building + "/indptr.npy", fields::Type::kInt64, computed.row_start, error) &&
                        (room.taken() ||
                         (write_array(building + "/indices.npy", fields::Type::kInt32, computed.column_of, error) &&
@@ -262,6 +269,13 @@ std::string weights_for(const std::string& directory, const Mapping& mapping, St
   }
   fs::remove_all(building, ignored);
   return {};
+}
+
+std::string validate(const std::string& directory, const Mapping& mapping) {
+  StoredWeights weights;
+  if (load(directory + "/" + kWeightsDirectory + "/" + weights_key(mapping), mapping, weights)) return {};
+  Deviation largest;
+  return compute_checked(mapping, weights, nullptr, largest);
 }
 
 bool describe_stored(const std::string& directory, std::string& text) {

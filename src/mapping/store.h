@@ -48,6 +48,11 @@ struct StoredWeights {
 // other's half-written files). Empty on success, else why not.
 std::string weights_for(const std::string& directory, const Mapping& mapping, StoredWeights& weights);
 
+// What a stage would refuse of the mapping, found as a stage finds it
+// (weights computed and checked, in memory, kept nowhere), unless weights
+// for it are stored in `directory`/mappings. Empty when nothing.
+std::string validate(const std::string& directory, const Mapping& mapping);
+
 // What the weights in `directory` (one mappings/KEY) are: their
 // about.txt, then the row sums' range and the size on disk. False with the
 // reason in `text` when they cannot be read.
