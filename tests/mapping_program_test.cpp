@@ -1,6 +1,13 @@
 // lockstep-exchange mapping between meshes that do not match: what it
 // writes, the weights it keeps and computes anew, and every fault of a
 // mapping line, each refused with its line number and nothing written.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
 #include <filesystem>
 
 #include "fields/store.h"
@@ -67,8 +74,22 @@ TEST_F(MappingRunTest, ValuesFollowTheMeshesAndWeightsAreKeptPerMesh) {
   EXPECT_EQ(input("v", &shape), (std::vector<double>{13, -13, 10, -10, 12, -12}));
   EXPECT_EQ(shape, (std::vector<std::int64_t>{3, 2}));
   EXPECT_EQ(kept_weights(), 1u);
+  // A later stage loads the stored weights, files and all: the same files
+  // (inodes), not a set computed anew and renamed over them.
+  const auto identities = [this] {
+    std::vector<ino_t> found;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(tree.run() / "mappings")) {
+      struct stat status {};
+      ::lstat(entry.path().c_str(), &status);
+      found.push_back(status.st_ino);
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+  };
+  const std::vector<ino_t> before = identities();
   ASSERT_EQ(exchange(table).status, 0);
   EXPECT_EQ(kept_weights(), 1u);
+  EXPECT_EQ(identities(), before);
   // The weights described: what they map, their size, their row sums.
   const std::filesystem::path kept = std::filesystem::directory_iterator(tree.run() / "mappings")->path();
   const Exit described = run_program({LOCKSTEPCTL_BINARY, "field", "weights", kept.string()}, tree.run());
@@ -231,6 +252,51 @@ TEST_F(MappingRunTest, ProgramsComputingTheSameWeightsAtOnceAgree) {
     EXPECT_EQ(read(1).size(), 1000 * sizeof(double));
     EXPECT_EQ(kept_weights(), 1u);
   }
+}
+
+// The weights' place is the run tree's own: a link there is not followed,
+// a FIFO does not hang the reader, and the temporary directory of a writer
+// that died is removed, that of a live one kept.
+TEST_F(MappingRunTest, WeightsAreTakenFromTheRunTreeOnlyAndDeadWritersCleared) {
+  namespace fs = std::filesystem;
+  publish<double>(0, "x", Type::kFloat64, {4}, {0, 1, 2, 3});
+  publish<double>(0, "u", Type::kFloat64, {4}, {10, 11, 12, 13});
+  publish<double>(1, "y", Type::kFloat64, {3}, {2.9, 0.2, 1.6});
+  const std::string table = "main u sub1 v map=nearest-neighbour from-mesh=x to-mesh=y\n";
+  ASSERT_EQ(exchange(table).status, 0);
+  const fs::path kept = fs::directory_iterator(tree.run() / "mappings")->path();
+  // Sound weights elsewhere, mapping every target to point 0, behind a link.
+  const fs::path elsewhere = tree.run().parent_path() / "elsewhere";
+  fs::rename(kept, elsewhere);
+  std::string error;
+  const std::vector<std::int32_t> zeros = {0, 0, 0};
+  ASSERT_TRUE(fields::write_field((elsewhere / "indices.npy").string(),
+                                  {Type::kInt32, false, {3}, {0, Role::kOutput, {0, 0, 0}}}, zeros.data(), error));
+  fs::create_directory_symlink(elsewhere, kept);
+  ASSERT_EQ(exchange(table).status, 0);
+  EXPECT_EQ(input("v"), (std::vector<double>{13, 10, 12}));
+  EXPECT_FALSE(fs::is_symlink(kept));
+  // A FIFO for about.txt: described as no weights, at once.
+  fs::remove(kept / "about.txt");
+  ASSERT_EQ(::mkfifo((kept / "about.txt").c_str(), 0600), 0);
+  const Exit described = run_program({LOCKSTEPCTL_BINARY, "field", "weights", kept.string()}, tree.run());
+  EXPECT_EQ(described.status, 1);
+  EXPECT_THAT(described.err, ::testing::HasSubstr("holds no weights that lockstep-exchange wrote"));
+  // Two writers' temporary directories a while old: one died, one holds
+  // its lock.
+  const fs::path dead = tree.run() / "mappings" / ".0123.0123456789abcdef.tmp";
+  const fs::path live = tree.run() / "mappings" / ".0123.fedcba9876543210.tmp";
+  for (const fs::path& directory : {dead, live}) {
+    fs::create_directory(directory);
+    write_file(directory / "data.npy", std::string(4096, 'x'));
+    fs::last_write_time(directory, fs::file_time_type::clock::now() - std::chrono::minutes(5));
+  }
+  const int held = ::open(live.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_EQ(::flock(held, LOCK_EX), 0);
+  ASSERT_EQ(exchange(table).status, 0);
+  EXPECT_FALSE(fs::exists(dead));
+  EXPECT_TRUE(fs::exists(live / "data.npy"));
+  ::close(held);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "mapping/store.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -11,6 +12,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 
@@ -97,14 +99,16 @@ const T* map_array(const std::string& path, fields::Type type, std::size_t& coun
   std::string error;
   // The header is checked, and the file's size against it, before mapping.
   if (fields::read_header(path, header, error) != fields::ReadOutcome::kRead || header.type != type ||
-      header.shape.size() != 1) {
+      header.shape.size() != 1 || header.shape[0] < 0 ||
+      static_cast<std::uint64_t>(header.shape[0]) > SIZE_MAX / sizeof(T)) {
     return nullptr;
   }
   count = static_cast<std::size_t>(header.shape[0]);
   records::PosixFileSystem posix;
-  records::Descriptor file(posix, ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  // Neither a link (weights outside the run tree) nor a FIFO (a hang).
+  records::Descriptor file(posix, ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat info {};
-  if (!file.valid() || ::fstat(file.get(), &info) != 0 ||
+  if (!file.valid() || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode) ||
       static_cast<std::size_t>(info.st_size) < count * sizeof(T) || info.st_size == 0) {
     return nullptr;
   }
@@ -178,7 +182,14 @@ class FileRoom : public Room {
   const double* values_ = nullptr;
 };
 
+// Whether `path` is a directory itself, not a link to one elsewhere.
+bool real_directory(const std::string& path) {
+  struct stat info {};
+  return ::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
 bool load(const std::string& directory, const Mapping& mapping, StoredWeights& weights) {
+  if (!real_directory(directory)) return false;
   StoredWeights found;
   std::size_t offsets = 0, columns = 0;
   found.view.rows = mapping.to->count;
@@ -219,6 +230,35 @@ std::string describe(const Mapping& mapping, const WeightsView& weights, const D
          std::to_string(weights.count) + "\n" + checked;
 }
 
+// A writer holds a lock on its temporary directory while it builds the
+// weights there; one older than this whose lock is free was left by a
+// writer that died (the age covers the moment between mkdir and flock).
+constexpr int kDeadAfterSeconds = 60;
+
+// Removes what writers that died left in `root` (mappings/): on a local
+// file system only, where the lock tells; on a network file system a
+// writer on another machine may hold it unseen.
+void remove_dead_writers(const std::string& root) {
+  struct statfs info {};
+  if (::statfs(root.c_str(), &info) != 0 ||
+      !records::network_file_system_kind(static_cast<unsigned long>(info.f_type)).empty()) {
+    return;
+  }
+  std::error_code error;
+  for (fs::directory_iterator entry(root, error), end; !error && entry != end; entry.increment(error)) {
+    const std::string path = entry->path().string();
+    struct stat status {};
+    if (!records::is_temporary_name(entry->path().filename().string()) || ::lstat(path.c_str(), &status) != 0 ||
+        !S_ISDIR(status.st_mode) || ::time(nullptr) - status.st_mtime < kDeadAfterSeconds) {
+      continue;
+    }
+    records::PosixFileSystem posix;
+    const records::Descriptor directory(posix, ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    std::error_code ignored;
+    if (directory.valid() && ::flock(directory.get(), LOCK_EX | LOCK_NB) == 0) fs::remove_all(path, ignored);
+  }
+}
+
 }  // namespace
 
 std::string weights_key(const Mapping& mapping) {
@@ -234,13 +274,26 @@ std::string weights_key(const Mapping& mapping) {
 std::string weights_for(const std::string& directory, const Mapping& mapping, StoredWeights& weights) {
   const std::string root = directory + "/" + kWeightsDirectory;
   const std::string final_path = root + "/" + weights_key(mapping);
+  if (real_directory(root)) remove_dead_writers(root);
   if (load(final_path, mapping, weights)) return {};
   weights = StoredWeights{};
+  // A link in the weights' place is never followed: it goes, and the
+  // weights computed here take its place.
+  struct stat status {};
+  if (real_directory(root) && ::lstat(final_path.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
+    ::unlink(final_path.c_str());
+  }
   // Built in a temporary directory and renamed into place, kept for the
   // stages to come; a failure to keep them costs only time.
   std::string building;
-  const bool keep = (::mkdir(root.c_str(), 0777) == 0 || errno == EEXIST) &&
+  const bool keep = (::mkdir(root.c_str(), 0777) == 0 || errno == EEXIST) && real_directory(root) &&
                     records::create_temporary_directory(final_path, building) == 0;
+  records::PosixFileSystem posix;
+  records::Descriptor writing;
+  if (keep) {
+    writing = records::Descriptor(posix, ::open(building.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (writing.valid()) ::flock(writing.get(), LOCK_EX);
+  }
   FileRoom room(building, weights);
   Deviation largest;
   std::string error = compute_checked(mapping, weights, keep ? &room : nullptr, largest);
@@ -279,9 +332,17 @@ std::string validate(const std::string& directory, const Mapping& mapping) {
 }
 
 bool describe_stored(const std::string& directory, std::string& text) {
-  std::ifstream about(directory + "/about.txt");
-  std::string line, described;
-  while (described.size() < 4096 && std::getline(about, line)) described += line + "\n";
+  // A regular file only, and a bounded part of it: never a FIFO's hang.
+  std::string described;
+  records::PosixFileSystem posix;
+  const records::Descriptor about(
+      posix, ::open((directory + "/about.txt").c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat info {};
+  if (real_directory(directory) && about.valid() && ::fstat(about.get(), &info) == 0 && S_ISREG(info.st_mode)) {
+    char buffer[4096];
+    const ssize_t got = ::read(about.get(), buffer, sizeof buffer);
+    if (got > 0) described.assign(buffer, static_cast<std::size_t>(got));
+  }
   StoredWeights weights;
   std::size_t offsets = 0, columns = 0;
   weights.view.row_start = map_array<std::int64_t>(directory + "/indptr.npy", fields::Type::kInt64, offsets, weights);
