@@ -1,5 +1,7 @@
 #include "ctl/field_export.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -20,6 +22,23 @@ bool read_whole(const std::string& path, fields::Header& header, std::vector<cha
   return outcome == fields::ReadOutcome::kRead;
 }
 
+// Text as an XML attribute's value: field and file names may hold any of
+// the characters XML reserves.
+std::string attribute(const std::string& text) {
+  std::string escaped;
+  for (const char c : text) {
+    switch (c) {
+      case '&': escaped += "&amp;"; break;
+      case '<': escaped += "&lt;"; break;
+      case '>': escaped += "&gt;"; break;
+      case '"': escaped += "&quot;"; break;
+      case '\'': escaped += "&apos;"; break;
+      default: escaped += c;
+    }
+  }
+  return escaped;
+}
+
 std::string number(double value) {
   char text[32];
   std::snprintf(text, sizeof text, "%.17g", value);
@@ -33,6 +52,20 @@ struct Values {
   std::vector<double> data;
   int cycle = 0;  // the request its stamp names
 };
+
+// The name a collection's steps share: ParaView colours a time series by
+// one array name, so T-0001, T-0002, ... are all "T". Their common start,
+// without the step's number and the mark before it.
+std::string shared_name(const std::vector<Values>& steps) {
+  std::string name = steps.front().name;
+  for (const Values& step : steps) {
+    const auto differ = std::mismatch(name.begin(), name.end(), step.name.begin(), step.name.end());
+    name.erase(differ.first, name.end());
+  }
+  while (!name.empty() && std::isdigit(static_cast<unsigned char>(name.back()))) name.pop_back();
+  while (!name.empty() && (name.back() == '-' || name.back() == '_' || name.back() == '.')) name.pop_back();
+  return name.empty() ? steps.front().name : name;
+}
 
 bool read_values(const std::string& path, std::size_t points, Values& values, std::string& error) {
   fields::Header header;
@@ -64,7 +97,7 @@ bool write_grid(const std::string& path, const mapping::Points& points, const st
       << "<UnstructuredGrid>\n<Piece NumberOfPoints=\"" << points.count << "\" NumberOfCells=\"" << cell_count
       << "\">\n<PointData>\n";
   for (const Values* field : values) {
-    out << "<DataArray type=\"Float64\" Name=\"" << field->name << "\" NumberOfComponents=\"" << field->components
+    out << "<DataArray type=\"Float64\" Name=\"" << attribute(field->name) << "\" NumberOfComponents=\"" << field->components
         << "\" format=\"ascii\">\n";
     for (std::size_t i = 0; i < field->data.size(); ++i) out << number(field->data[i]) << (i % 8 == 7 ? "\n" : " ");
     out << "\n</DataArray>\n";
@@ -128,12 +161,14 @@ bool export_fields(const ExportRequest& request, std::vector<std::string>& writt
     return false;
   }
   std::string collection = "<?xml version=\"1.0\"?>\n<VTKFile type=\"Collection\" version=\"0.1\">\n<Collection>\n";
+  const std::string name = shared_name(values);
+  for (Values& step : values) step.name = name;
   for (std::size_t i = 0; i < values.size(); ++i) {
     const std::string grid = output.stem().string() + "-" + std::to_string(i + 1) + ".vtu";
     const std::string path = (output.parent_path() / grid).string();
     if (!write_grid(path, points, cells, {&values[i]}, error)) return false;
     written.push_back(path);
-    collection += "<DataSet timestep=\"" + std::to_string(values[i].cycle) + "\" part=\"0\" file=\"" + grid + "\"/>\n";
+    collection += "<DataSet timestep=\"" + std::to_string(values[i].cycle) + "\" part=\"0\" file=\"" + attribute(grid) + "\"/>\n";
   }
   std::ofstream out(request.output);
   out << collection << "</Collection>\n</VTKFile>\n";
