@@ -5,8 +5,12 @@ JSON object.
     mapping.py EXCHANGE_BINARY   (PYTHONPATH: the lockstep package)
 
 The points: 20,000 Halton points in the unit cube mapped to 30,000 random
-points in [0.05, 0.95]^3, Franke's 3-D function as the values; then 33,000
-Halton points to 98,000 random ones through lockstep-exchange.
+points in [0.05, 0.95]^3, Franke's 3-D function as the values; 5,000 random
+points on the unit sphere mapped to 5,000 others; then 33,000 Halton points
+to 98,000 random ones through lockstep-exchange. The largest absolute row
+sum of the weights (the Lebesgue constant: how much noise in the values
+can grow) is SciPy's too: its weights for each target, the interpolant of
+the unit vectors over the target's 50 neighbours.
 """
 import json
 import math
@@ -51,6 +55,26 @@ def best_of(runs: int, work):
     return min(times), result
 
 
+def on_sphere(count: int, seed: int):
+    points = numpy.random.default_rng(seed).normal(size=(count, 3))
+    return points / numpy.linalg.norm(points, axis=1)[:, None]
+
+
+def scipy_largest_row_sum(source, target) -> float:
+    """RBFInterpolator(neighbors=50, kernel='quintic') takes each target's
+    value from its 50 nearest sources: its weights are that local
+    interpolant of the unit vectors, evaluated at the target."""
+    _, neighbours = cKDTree(source).query(target, k=50)
+    unit = numpy.eye(50)
+    return max(float(numpy.abs(RBFInterpolator(source[near], unit, kernel="quintic")(point[None])).sum())
+               for near, point in zip(neighbours, target))
+
+
+def largest_row_sum(weights) -> float:
+    rows, columns, values, shape = weights
+    return float(numpy.abs(coo_matrix((values, (rows, columns)), shape).tocsr()).sum(axis=1).max())
+
+
 def relative_error(values, exact):
     return float(numpy.linalg.norm(values - exact) / numpy.linalg.norm(exact))
 
@@ -73,9 +97,14 @@ def against_scipy() -> dict:
     pum_error = relative_error(coo_matrix((weights, (rows, columns)), shape).tocsr() @ values, exact)
     scipy_pum, interpolated = best_of(3, lambda: RBFInterpolator(source, values, neighbors=50,
                                                                  kernel="quintic")(target))
+    sphere, others = on_sphere(5000, 3), on_sphere(5000, 4)
     return {"nearest_s": ours_nn, "ckdtree_s": scipy_nn, "nearest_error": relative_error(mapped, exact),
             "pum_setup_s": ours_pum, "pum_error": pum_error, "pum_values_per_row": len(weights) / shape[0],
-            "scipy_rbf_s": scipy_pum, "scipy_rbf_error": relative_error(interpolated, exact)}
+            "pum_row_sum": largest_row_sum((rows, columns, weights, shape)),
+            "pum_sphere_row_sum": largest_row_sum(lockstep.mapping_weights(sphere, others, map="rbf-pum")),
+            "scipy_rbf_s": scipy_pum, "scipy_rbf_error": relative_error(interpolated, exact),
+            "scipy_row_sum": scipy_largest_row_sum(source, target),
+            "scipy_sphere_row_sum": scipy_largest_row_sum(sphere, others)}
 
 
 def exchange_process(exchange: str, run: Path):

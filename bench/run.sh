@@ -240,6 +240,11 @@ lines += [
         mapping["nearest_s"] * 1e3, mapping["ckdtree_s"] * 1e3, verdict(mapping["nearest_s"] <= mapping["ckdtree_s"])),
     "| rbf-pum, relative L2 error | %.2e | RBFInterpolator(neighbors=50, quintic): %.2e | %s |" % (
         mapping["pum_error"], mapping["scipy_rbf_error"], verdict(mapping["pum_error"] <= mapping["scipy_rbf_error"])),
+    "| rbf-pum, largest absolute row sum | %.2f | RBFInterpolator(neighbors=50, quintic): %.2f | %s |" % (
+        mapping["pum_row_sum"], mapping["scipy_row_sum"], verdict(mapping["pum_row_sum"] <= mapping["scipy_row_sum"])),
+    "| rbf-pum, largest absolute row sum, 5,000 to 5,000 points on a sphere | %.2f | the same SciPy call: %.2f | %s |" % (
+        mapping["pum_sphere_row_sum"], mapping["scipy_sphere_row_sum"],
+        verdict(mapping["pum_sphere_row_sum"] <= mapping["scipy_sphere_row_sum"])),
     "| rbf-pum, setup | %.2f s | a tenth of that SciPy call's %.2f s: %.2f s | %s |" % (
         mapping["pum_setup_s"], mapping["scipy_rbf_s"], mapping["scipy_rbf_s"] / 10,
         verdict(mapping["pum_setup_s"] <= mapping["scipy_rbf_s"] / 10)),

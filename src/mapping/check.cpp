@@ -1,8 +1,11 @@
 #include "mapping/check.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
+#include <optional>
+#include <thread>
 #include <vector>
 
 #include "mapping/search.h"
@@ -31,6 +34,16 @@ double extent_of(const Points& points) {
     squared += (high - low) * (high - low);
   }
   return std::sqrt(squared);
+}
+
+double distance(const std::vector<double>& offsets, std::size_t t, std::size_t d) {
+  double squared = 0;
+  for (std::size_t k = 0; k < d; ++k) squared += offsets[t * d + k] * offsets[t * d + k];
+  return std::sqrt(squared);
+}
+
+double nearest_distance(const PointSearch& search, const Points& points, std::size_t i) {
+  return std::sqrt(search.nearest(points.at(i), 1).front().second);
 }
 
 }  // namespace
@@ -65,32 +78,54 @@ std::string check_weights(const Method& method, const Points& from, const Points
     }
   }
   const bool constants = reproduces_constants(method);
-  const PointSearch search(sources);
+  // Nearest-neighbour rows are the nearest point by construction.
+  const bool positions = constants && method.kind != Kind::kNearestNeighbour;
+  std::optional<PointSearch> search;
+  if (positions) search.emplace(sources);
   // Rounding in a solve grows with the weights' size and the mesh's extent.
   const double extent = extent_of(sources) + extent_of(targets);
-  for (std::size_t t = 0; t < targets.count; ++t) {
-    const std::string where = "the weights of target point " + std::to_string(t) + " " + point_text(targets, t);
-    if (!std::isfinite(sum[t]) || !std::isfinite(magnitude[t])) return where + " are not finite";
-    if (!constants) continue;
-    const double off = std::abs(sum[t] - 1);
-    largest.row_sum = std::max(largest.row_sum, off);
-    char text[160];
-    if (!(off <= kRowSumTolerance * std::max(1.0, magnitude[t]))) {
-      std::snprintf(text, sizeof text, " sum to %.17g, not 1", sum[t]);
-      return where + text + ": the method failed on this mesh";
+  // Targets in blocks on every core; the first failing target is reported.
+  const unsigned cores = std::clamp(std::thread::hardware_concurrency(), 1u, 8u);
+  std::atomic<std::size_t> first_failure{targets.count};
+  std::vector<Deviation> found(cores);
+  const auto check_from = [&](unsigned part) {
+    const std::size_t begin = targets.count * part / cores, end = targets.count * (part + 1) / cores;
+    for (std::size_t t = begin; t < end && t < first_failure; ++t) {
+      const auto fail = [&] {
+        std::size_t seen = first_failure;
+        while (t < seen && !first_failure.compare_exchange_weak(seen, t)) {}
+      };
+      if (!std::isfinite(sum[t]) || !std::isfinite(magnitude[t])) return fail();
+      if (!constants) continue;
+      const double off = std::abs(sum[t] - 1);
+      found[part].row_sum = std::max(found[part].row_sum, off);
+      if (!(off <= kRowSumTolerance * std::max(1.0, magnitude[t]))) return fail();
+      if (!positions) continue;
+      const double excess = std::max(0.0, distance(position, t, d) - nearest_distance(*search, targets, t));
+      found[part].position = std::max(found[part].position, excess);
+      if (!(excess <= 1e-8 * std::max(1.0, magnitude[t]) * extent)) return fail();
     }
-    double squared = 0;
-    for (std::size_t k = 0; k < d; ++k) squared += position[t * d + k] * position[t * d + k];
-    const double nearest = std::sqrt(search.nearest(targets.at(t), 1).front().second);
-    const double excess = std::max(0.0, std::sqrt(squared) - nearest);
-    largest.position = std::max(largest.position, excess);
-    if (!(excess <= 1e-8 * std::max(1.0, magnitude[t]) * extent)) {
-      std::snprintf(text, sizeof text, " map it to a point %.3g from it, farther than its nearest source point (%.3g)",
-                    std::sqrt(squared), nearest);
-      return where + text + ": the method failed on this mesh";
-    }
+  };
+  std::vector<std::thread> threads;
+  for (unsigned part = 1; part < cores; ++part) threads.emplace_back(check_from, part);
+  check_from(0);
+  for (std::thread& thread : threads) thread.join();
+  for (const Deviation& part : found) {
+    largest.row_sum = std::max(largest.row_sum, part.row_sum);
+    largest.position = std::max(largest.position, part.position);
   }
-  return {};
+  const std::size_t t = first_failure;
+  if (t == targets.count) return {};
+  const std::string where = "the weights of target point " + std::to_string(t) + " " + point_text(targets, t);
+  if (!std::isfinite(sum[t]) || !std::isfinite(magnitude[t])) return where + " are not finite";
+  char text[160];
+  if (!(std::abs(sum[t] - 1) <= kRowSumTolerance * std::max(1.0, magnitude[t]))) {
+    std::snprintf(text, sizeof text, " sum to %.17g, not 1", sum[t]);
+    return where + text + ": the method failed on this mesh";
+  }
+  std::snprintf(text, sizeof text, " map it to a point %.3g from it, farther than its nearest source point (%.3g)",
+                distance(position, t, d), nearest_distance(*search, targets, t));
+  return where + text + ": the method failed on this mesh";
 }
 
 }  // namespace lockstep::mapping

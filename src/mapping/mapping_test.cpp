@@ -238,19 +238,23 @@ TEST(MappingTest, WeightsThatFailTheirMethodAreRefused) {
     weights.add_row(columns, values);
     return weights;
   };
+  // Nearest-neighbour rows are checked for their sums only: their position
+  // is the nearest point by construction.
   const Method nearest = method_of({{"map", "nearest-neighbour"}, {"from-mesh", "a"}, {"to-mesh", "b"}});
+  const Method rbf = method_of({{"map", "rbf"}, {"from-mesh", "a"}, {"to-mesh", "b"}});
   Method unpolished = method_of({{"map", "rbf"}, {"polynomial", "off"}, {"from-mesh", "a"}, {"to-mesh", "b"}});
   const struct {
     const Method& method;
     Weights weights;
     std::string error;
   } cases[] = {
-      {nearest, weights_of({1}, {1.0}), ""},
-      {nearest, weights_of({0, 2}, {0.5, 0.5}), ""},
-      {nearest, weights_of({0, 1}, {0.5, 0.5}),
+      {rbf, weights_of({1}, {1.0}), ""},
+      {rbf, weights_of({0, 2}, {0.5, 0.5}), ""},
+      {nearest, weights_of({3}, {1.0}), ""},
+      {rbf, weights_of({0, 1}, {0.5, 0.5}),
        "the weights of target point 1 (1) map it to a point 0.5 from it, farther than its nearest source point (0): "
        "the method failed on this mesh"},
-      {nearest, weights_of({3}, {1.0}),
+      {rbf, weights_of({3}, {1.0}),
        "the weights of target point 1 (1) map it to a point 2 from it, farther than its nearest source point (0): "
        "the method failed on this mesh"},
       {nearest, weights_of({1}, {0.5}), "the weights of target point 1 (1) sum to 0.5, not 1: the method failed on "
@@ -264,7 +268,7 @@ TEST(MappingTest, WeightsThatFailTheirMethodAreRefused) {
     EXPECT_EQ(check_weights(c.method, line, target, c.weights.view(), largest), c.error);
   }
   // A conservative map is checked as the consistent map it transposes.
-  Method conservative = nearest;
+  Method conservative = rbf;
   conservative.conservative = true;
   Deviation largest;
   EXPECT_EQ(check_weights(conservative, target, line, weights_of({1}, {1.0}).transposed().view(), largest), "");
