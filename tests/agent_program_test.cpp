@@ -12,6 +12,7 @@
 namespace lockstep::testing {
 namespace {
 
+using handshake::cycle_end_record;
 using handshake::reset_record;
 using handshake::stage_record;
 
@@ -53,6 +54,20 @@ TEST_F(AgentAloneTest, HowTheCommandRunsAndWhatItsFailureLeaves) {
   // Now waiting for the next request: SIGTERM ends it cleanly.
   kill(served.pid(), SIGTERM);
   EXPECT_EQ(served.wait(kStall), 0);
+}
+
+// A cycle end whose checkpoint cannot be recorded (a file where the
+// checkpoints go) is an error, status 1, and left not done.
+TEST_F(AgentAloneTest, ACheckpointThatCannotBeRecordedLeavesTheCycleEndNotDone) {
+  hand_out(cycle_end_record(1));
+  write_file(project() / "checkpoints", "not a directory");
+  const Exit exit = run_program({LOCKSTEPCTL_BINARY, "agent", "--dir", project().string(), "--checkpoint", "--",
+                                 "/bin/true"},
+                                dir.path());
+  EXPECT_EQ(exit.status, 1);
+  EXPECT_THAT(exit.err, ::testing::StartsWith("lockstepctl agent: cannot record the checkpoint of cycle 1: "));
+  EXPECT_THAT(exit.err, HasSubstr("; left not done\n"));
+  EXPECT_EQ(read_file(project() / "go2.dat"), reset_record());
 }
 
 TEST_F(AgentAloneTest, UsageAndHelp) {

@@ -113,6 +113,23 @@ TEST_F(ResumeTest, AKilledRunGoesOnAfterTheNewestCycleEveryProjectRecorded) {
                                     "position: cycle 4 of 4, closing time step; 20 of 20 stages done\n"));
 }
 
+// The main project alone, which the driver allows, resumes as any run.
+TEST_F(ResumeTest, TheMainProjectAloneResumesAsAnyRun) {
+  tree.settings(1, kCycles, 0);
+  {
+    Players players(tree);
+    players.agent(0, {"--checkpoint"}, kLogResumed);
+    Background driver({LOCKSTEP_BINARY}, tree.run());
+    ASSERT_TRUE(wait_until([&] { return read_file(tree.project(0) / "agent.log").size() >= 12 * 6; },
+                           [&] { return read_file(tree.project(0) / "agent.log"); }));
+    kill(driver.pid(), SIGKILL);
+  }
+  const Exit resumed = resume();
+  ASSERT_EQ(resumed.status, 0) << resumed.err;
+  EXPECT_THAT(resumed.out, HasSubstr("resuming " + tree.run().string() + " after cycle 2 of 4"));
+  EXPECT_EQ(read_file(tree.run() / "analysis_settings.dat"), settings_text(1, 2, 0));
+}
+
 // Each way a resume goes wrong, refused with what to do: by resume itself,
 // by check, and by the project library when a driver runs anyway.
 TEST_F(ResumeTest, MismatchesAreRefusedWithWhatToDo) {

@@ -142,11 +142,14 @@ std::string mount_of(const std::string& path) {
     if (slash == std::string::npos || slash == 0) return "an unknown mount";
     target.resize(slash);
   }
-  const std::string full = resolved;
   std::ifstream mounts("/proc/self/mountinfo");
+  return mount_in(resolved, mounts);
+}
+
+std::string mount_in(const std::string& full, std::istream& mountinfo) {
   std::string line, best_point, best_type;
   // ID PARENT MAJOR:MINOR ROOT POINT OPTIONS [OPTIONAL...] - TYPE SOURCE ...
-  while (std::getline(mounts, line)) {
+  while (std::getline(mountinfo, line)) {
     std::istringstream words(line);
     std::string id, parent, device, root, point, word;
     words >> id >> parent >> device >> root >> point;

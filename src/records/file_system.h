@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <istream>
 #include <string>
 
 namespace lockstep::records {
@@ -85,6 +86,9 @@ bool read_past_cache(int fd);
 // "fuse.sshfs at /mnt/view": the type and mount point of the mount that
 // holds `path`, from /proc/self/mountinfo; "an unknown mount" when unknown.
 std::string mount_of(const std::string& path);
+// The same for a resolved path, from a mount table in mountinfo's format:
+// the longest mount point that is the path or one of its parents.
+std::string mount_in(const std::string& resolved_path, std::istream& mountinfo);
 
 // A file written whole beside `path` before it is renamed over it: created
 // new (kCreateNew) under ".NAME.RANDOM.tmp" in the same directory, RANDOM
