@@ -23,7 +23,7 @@ bool read_whole(const std::string& path, fields::Header& header, std::vector<cha
 }
 
 // Text as an XML attribute's value: field and file names may hold any of
-// the characters XML reserves.
+// the characters XML reserves, and control characters, which XML forbids.
 std::string attribute(const std::string& text) {
   std::string escaped;
   for (const char c : text) {
@@ -33,7 +33,7 @@ std::string attribute(const std::string& text) {
       case '>': escaped += "&gt;"; break;
       case '"': escaped += "&quot;"; break;
       case '\'': escaped += "&apos;"; break;
-      default: escaped += c;
+      default: escaped += static_cast<unsigned char>(c) < 0x20 ? '?' : c;
     }
   }
   return escaped;

@@ -77,7 +77,6 @@ Candidate locate(const std::array<Vector, 4>& corner, int corners, int dimension
     found.weights = {1 - t, t, 0, 0};
     found.distance = (p - (corner[0] + t * along)).norm();
     found.inside = raw >= -kInside && raw <= 1 + kInside;
-    if (dimension == 1 && found.inside) found.distance = 0;
     return found;
   }
   if (corners == 4 || dimension == 2) {

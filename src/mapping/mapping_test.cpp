@@ -49,7 +49,8 @@ TEST(MappingTest, EveryWrongWordIsRefusedWithWhatToWrite) {
       {{{"map", "rbf"}, {"radius", "nan"}}, "radius=nan: give a positive number"},
       {{{"map", "rbf"}, {"polynomial", "yes"}}, "polynomial=yes: use on or off"},
       {{{"map", "rbf"}, {"cluster-size", "9"}}, "cluster-size= applies to map=rbf-pum, not map=rbf"},
-      {{{"map", "rbf-pum"}, {"cluster-size", "4.5"}}, "cluster-size=4.5: give a whole number from 5 to 1000"},
+      {{{"map", "rbf-pum"}, {"cluster-size", "4"}}, "cluster-size=4: give a whole number from 5 to 1000"},
+      {{{"map", "rbf-pum"}, {"cluster-size", "12.5"}}, "cluster-size=12.5: give a whole number from 5 to 1000"},
       {{{"map", "nearest-neighbour"}, {"constraint", "exact"}}, "constraint=exact: use consistent or conservative"},
       {{{"map", "nearest-neighbour"}, {"weight", "1"}},
        "\"weight=\" is no mapping word: use map, constraint, from-mesh, to-mesh, from-cells, to-cells, basis, shape, "
@@ -82,6 +83,8 @@ TEST(MappingTest, MeshesAndCellsAreCheckedBeforeUse) {
             "a mesh has shape (n,) or (n, d) with d 1, 2 or 3, not (2, 4)");
   EXPECT_EQ(points_from_field({fields::Type::kInt64, false, {4}, {}}, coordinates, points),
             "a mesh holds float64 coordinates, not int64");
+  ASSERT_EQ(points_from_field({fields::Type::kFloat64, false, {3, 1}, {}}, coordinates, points), "");
+  EXPECT_EQ(points.dimension, 1);
   ASSERT_EQ(points_from_field({fields::Type::kFloat64, false, {3, 2}, {}}, coordinates, points), "");
   const std::int32_t triangle[] = {0, 1, 3};
   Cells cells;

@@ -110,7 +110,7 @@ def cube():
 
 
 MESHES = {"flat plane": plane(False), "tilted plane": plane(True), "coarse sphere": sphere(50),
-          "fine sphere": sphere(2000), "line": line(), "helix": helix(), "graded": graded(), "cube": cube()}
+          "fine sphere": sphere(600), "line": line(), "helix": helix(), "graded": graded(), "cube": cube()}
 METHODS = ["nearest-neighbour", "linear", "rbf", "rbf-pum"]
 LARGEST_ROW_SUM = {}
 
@@ -194,7 +194,7 @@ def test_every_method_on_every_interface_mesh(name, method):
         own, spots = mesh.own
         expected = RBFInterpolator(own, smooth(mesh.source), kernel="thin_plate_spline", degree=1)(spots)
         assert numpy.abs(weights @ smooth(mesh.source) - expected).max() <= 1e-8
-    if method == "linear" and name in ("graded", "cube"):
+    if method == "linear" and name == "graded":
         expected = in_cells(mesh.source, mesh.cells, mesh.target, smooth(mesh.source))
         inside = numpy.isfinite(expected)
         assert numpy.abs((weights @ smooth(mesh.source))[inside] - expected[inside]).max() <= 1e-12
