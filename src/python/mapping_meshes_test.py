@@ -204,16 +204,20 @@ def test_every_method_on_every_interface_mesh(name, method):
 
 
 def test_rbf_pum_is_as_accurate_as_scipys_local_quintic_on_curved_surfaces():
-    """On the fine sphere and the helix, rbf-pum's error on a smooth field
-    is within twice that of SciPy's RBFInterpolator over the 50 nearest
-    points, with the quintic."""
-    for name in ("fine sphere", "cube"):
-        mesh = MESHES[name]
-        values, exact = smooth(mesh.source), smooth(mesh.target)
-        ours = numpy.abs(weights_of(mesh, "rbf-pum") @ values - exact).max()
-        theirs = numpy.abs(RBFInterpolator(mesh.source, values, neighbors=50, kernel="quintic")(mesh.target)
-                           - exact).max()
-        assert ours <= 2 * theirs, name
+    """On a bumpy sphere of 2,000 points and in the cube, rbf-pum's largest
+    error on a smooth field is within twice that of SciPy's RBFInterpolator
+    over the 50 nearest points, with the quintic (1.6 times on the sphere;
+    5 times at 600 points, where a cluster holds a twelfth of it). Points on
+    a sphere or a cylinder lie on a quadric, which makes SciPy's quadratic
+    polynomial singular: the bumps keep them off any."""
+    bumpy = lambda p: p * (1 + 0.1 * numpy.sin(3 * p[:, :1]) * numpy.cos(2 * p[:, 1:2]))  # noqa: E731
+    for source, target in ((bumpy(fibonacci(2000)), bumpy(on_sphere(500))), (MESHES["cube"].source,
+                                                                          MESHES["cube"].target)):
+        values, exact = smooth(source), smooth(target)
+        weights = matrix(lockstep.mapping_weights(source, target, map="rbf-pum"))
+        ours = numpy.abs(weights @ values - exact).max()
+        theirs = numpy.abs(RBFInterpolator(source, values, neighbors=50, kernel="quintic")(target) - exact).max()
+        assert ours <= 2 * theirs
 
 
 def test_print_the_largest_row_sums():
