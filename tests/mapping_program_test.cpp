@@ -98,6 +98,7 @@ TEST_F(MappingRunTest, ValuesFollowTheMeshesAndWeightsAreKeptPerMesh) {
                                                    "rows 3 (target points), columns 4 (source points), values 3\n"
                                                    "checked: row sums at most 0 from 1, mapped positions at most 0 "
                                                    "farther from their targets than the nearest source point\n"
+                                                   "checksum 28e5609f7c746c6f70134785799e5cdd\n"
                                                    "row sums from 1 to 1\n"));
   const Exit nothing = run_program({LOCKSTEPCTL_BINARY, "field", "weights", tree.run().string()}, tree.run());
   EXPECT_EQ(nothing.status, 1);
@@ -128,6 +129,20 @@ TEST_F(MappingRunTest, ValuesFollowTheMeshesAndWeightsAreKeptPerMesh) {
   }
   ASSERT_EQ(exchange(table).status, 0);
   EXPECT_EQ(input("v"), (std::vector<double>{10, -10, 11, -11, 12, -12}));
+  // Columns within the mesh and rows that still sum to 1, but not the
+  // columns written: the checksum tells, and so does its absence.
+  for (const bool without_checksum : {false, true}) {
+    for (const auto& entry : std::filesystem::directory_iterator(tree.run() / "mappings")) {
+      std::string error;
+      const std::vector<std::int32_t> moved = {0, 0, 0};
+      ASSERT_TRUE(fields::write_field((entry.path() / "indices.npy").string(),
+                                      {Type::kInt32, false, {3}, {0, Role::kOutput, {0, 0, 0}}}, moved.data(), error));
+      const std::string about = read_file(entry.path() / "about.txt");
+      if (without_checksum) write_file(entry.path() / "about.txt", about.substr(0, about.find("checksum ")));
+    }
+    ASSERT_EQ(exchange(table).status, 0);
+    EXPECT_EQ(input("v"), (std::vector<double>{10, -10, 11, -11, 12, -12})) << without_checksum;
+  }
   // Weights that are not finite, or whose rows do not sum to 1.
   for (const std::vector<double>& planted : {std::vector<double>{NAN, 1, 1}, std::vector<double>{1, 1, 1e300},
                                              std::vector<double>{1, 0.5, 1}}) {

@@ -188,9 +188,46 @@ bool real_directory(const std::string& path) {
   return ::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
+// about.txt in `directory`: a regular file only, and a bounded part of it,
+// never a FIFO's hang. Empty when there is none.
+std::string read_about(const std::string& directory) {
+  records::PosixFileSystem posix;
+  const records::Descriptor about(
+      posix, ::open((directory + "/about.txt").c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat info {};
+  if (!real_directory(directory) || !about.valid() || ::fstat(about.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
+    return {};
+  }
+  char buffer[4096];
+  const ssize_t got = ::read(about.get(), buffer, sizeof buffer);
+  return got > 0 ? std::string(buffer, static_cast<std::size_t>(got)) : std::string();
+}
+
+constexpr const char* kChecksumLine = "checksum ";
+
+std::string checksum_line(const Checksum& checksum) {
+  char line[64];
+  std::snprintf(line, sizeof line, "%s%016llx%016llx\n", kChecksumLine, static_cast<unsigned long long>(checksum.sum),
+                static_cast<unsigned long long>(checksum.weighted));
+  return line;
+}
+
+// The checksum about.txt gives; false when it gives none.
+bool kept_checksum(const std::string& about, Checksum& checksum) {
+  const std::size_t at = about.find(std::string("\n") + kChecksumLine);
+  unsigned long long sum = 0, weighted = 0;
+  if (at == std::string::npos || std::sscanf(about.c_str() + at + 1 + std::strlen(kChecksumLine), "%16llx%16llx", &sum,
+                                             &weighted) != 2) {
+    return false;
+  }
+  checksum = {sum, weighted};
+  return true;
+}
+
 bool load(const std::string& directory, const Mapping& mapping, StoredWeights& weights) {
   if (!real_directory(directory)) return false;
   StoredWeights found;
+  if (!kept_checksum(read_about(directory), found.kept)) return false;
   std::size_t offsets = 0, columns = 0;
   found.view.rows = mapping.to->count;
   found.view.columns = mapping.from->count;
@@ -227,7 +264,7 @@ std::string describe(const Mapping& mapping, const WeightsView& weights, const D
                 largest.row_sum, largest.position);
   return mapping.description + "\n" + mapping.method.canonical() + "\nrows " + std::to_string(weights.rows) +
          " (target points), columns " + std::to_string(weights.columns) + " (source points), values " +
-         std::to_string(weights.count) + "\n" + checked;
+         std::to_string(weights.count) + "\n" + checked + checksum_line(weights.checksum());
 }
 
 // A writer holds a lock on its temporary directory while it builds the
@@ -332,17 +369,7 @@ std::string validate(const std::string& directory, const Mapping& mapping) {
 }
 
 bool describe_stored(const std::string& directory, std::string& text) {
-  // A regular file only, and a bounded part of it: never a FIFO's hang.
-  std::string described;
-  records::PosixFileSystem posix;
-  const records::Descriptor about(
-      posix, ::open((directory + "/about.txt").c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  struct stat info {};
-  if (real_directory(directory) && about.valid() && ::fstat(about.get(), &info) == 0 && S_ISREG(info.st_mode)) {
-    char buffer[4096];
-    const ssize_t got = ::read(about.get(), buffer, sizeof buffer);
-    if (got > 0) described.assign(buffer, static_cast<std::size_t>(got));
-  }
+  const std::string described = read_about(directory);
   StoredWeights weights;
   std::size_t offsets = 0, columns = 0;
   weights.view.row_start = map_array<std::int64_t>(directory + "/indptr.npy", fields::Type::kInt64, offsets, weights);
@@ -377,15 +404,17 @@ bool describe_stored(const std::string& directory, std::string& text) {
 namespace {
 
 // Whether loaded weights applied soundly: every column within the source
-// mesh, and every row sum finite and, where the method reproduces
-// constants, 1. Computed weights were checked whole before.
-bool sound(const Mapping& mapping, const std::vector<double>& row_sums) {
+// mesh, the checksum the one they were written with, and every row sum
+// finite and, where the method reproduces constants, 1. Computed weights
+// were checked whole before.
+bool sound(const Mapping& mapping, const StoredWeights& weights, const Audit& audit) {
   const bool constants = reproduces_constants(mapping.method) && !mapping.method.conservative;
   // Looser than the check of computed weights, which weighs each row's size.
   constexpr double kLoadedTolerance = 1e-6;
-  return std::all_of(row_sums.begin(), row_sums.end(), [constants](double sum) {
-    return std::isfinite(sum) && (!constants || std::abs(sum - 1) <= kLoadedTolerance);
-  });
+  return audit.checksum == weights.kept &&
+         std::all_of(audit.row_sums.begin(), audit.row_sums.end(), [constants](double sum) {
+           return std::isfinite(sum) && (!constants || std::abs(sum - 1) <= kLoadedTolerance);
+         });
 }
 
 }  // namespace
@@ -394,9 +423,9 @@ std::string map_values(const std::string& directory, const Mapping& mapping, con
                        std::size_t components, double* mapped) {
   StoredWeights weights;
   if (std::string error = weights_for(directory, mapping, weights); !error.empty()) return error;
-  std::vector<double> row_sums(weights.view.rows);
-  if (weights.view.apply(values, components, mapped, row_sums.data()) &&
-      (weights.source == Source::kComputed || sound(mapping, row_sums))) {
+  Audit audit;
+  if (weights.view.apply(values, components, mapped, weights.source == Source::kLoaded ? &audit : nullptr) &&
+      (weights.source == Source::kComputed || sound(mapping, weights, audit))) {
     return {};
   }
   // Stored files that are damaged: removed, and the weights computed anew.

@@ -40,6 +40,7 @@ struct StoredWeights {
   std::vector<std::shared_ptr<const void>> mapped_files;
   WeightsView view;
   Source source = Source::kComputed;
+  Checksum kept;  // loaded: the checksum about.txt gives
 };
 
 // The mapping's weights from `directory`/mappings/KEY, or computed and

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
+#include <functional>
 #include <thread>
 
 #include <sys/mman.h>
@@ -48,17 +50,33 @@ WeightsView Weights::view() const {
   return {rows, columns, value.size(), row_start.data(), column_of.data(), value.data()};
 }
 
-bool WeightsView::apply(const double* source, std::size_t components, double* target, double* row_sums) const {
+namespace {
+
+// A weight's word in the checksum: its value's bits, its column spread over
+// all 64 bits.
+std::uint64_t checksum_word(Column column, double value) {
+  std::uint64_t bits;
+  std::memcpy(&bits, &value, sizeof bits);
+  return bits ^ (static_cast<std::uint64_t>(static_cast<std::uint32_t>(column)) * 0x9e3779b97f4a7c15ULL);
+}
+
+}  // namespace
+
+bool WeightsView::apply(const double* source, std::size_t components, double* target, Audit* audit) const {
   // Rows in blocks over every core: a stage's product reads every weight
   // once, and memory, not arithmetic, bounds it.
   const unsigned cores = count * components < 1000000 ? 1 : std::clamp(std::thread::hardware_concurrency(), 1u, 8u);
+  if (audit != nullptr) audit->row_sums.resize(rows);
+  std::vector<Checksum> checksums(cores);
   std::atomic<bool> sound{true};
-  const auto rows_from = [&](std::size_t first, std::size_t last) {
+  const auto rows_from = [&](std::size_t first, std::size_t last, Checksum& checksum) {
     for (std::size_t row = first; row < last; ++row) {
       const auto begin = static_cast<std::size_t>(row_start[row]), end = static_cast<std::size_t>(row_start[row + 1]);
-      // The row sum costs an addition a weight, in registers: the weights
-      // are read from memory once either way.
+      // The row sum and the checksum cost a few additions a weight, in
+      // registers: the weights are read from memory once either way.
       double total = 0;
+      // Kept in registers through the row, whatever the target aliases.
+      std::uint64_t words = 0, placed = 0;
       if (components == 1) {
         double sum = 0;
         for (std::size_t at = begin; at < end; ++at) {
@@ -69,30 +87,61 @@ bool WeightsView::apply(const double* source, std::size_t components, double* ta
           }
           sum += value[at] * source[column];
           total += value[at];
+          if (audit != nullptr) {
+            const std::uint64_t word = checksum_word(column_of[at], value[at]);
+            words += word;
+            placed += word * at;
+          }
         }
         target[row] = sum;
-        if (row_sums != nullptr) row_sums[row] = total;
-        continue;
-      }
-      double* out = target + row * components;
-      std::fill(out, out + components, 0.0);
-      for (std::size_t at = begin; at < end; ++at) {
-        const auto column = static_cast<std::size_t>(column_of[at]);
-        if (column >= columns) {
-          sound = false;
-          return;
+      } else {
+        double* out = target + row * components;
+        std::fill(out, out + components, 0.0);
+        for (std::size_t at = begin; at < end; ++at) {
+          const auto column = static_cast<std::size_t>(column_of[at]);
+          if (column >= columns) {
+            sound = false;
+            return;
+          }
+          for (std::size_t k = 0; k < components; ++k) out[k] += value[at] * source[column * components + k];
+          total += value[at];
+          if (audit != nullptr) {
+            const std::uint64_t word = checksum_word(column_of[at], value[at]);
+            words += word;
+            placed += word * at;
+          }
         }
-        for (std::size_t k = 0; k < components; ++k) out[k] += value[at] * source[column * components + k];
-        total += value[at];
       }
-      if (row_sums != nullptr) row_sums[row] = total;
+      if (audit != nullptr) {
+        audit->row_sums[row] = total;
+        checksum.add_sums(words, placed);
+        checksum.add(end, count + row);
+      }
     }
   };
   std::vector<std::thread> threads;
-  for (unsigned part = 1; part < cores; ++part) threads.emplace_back(rows_from, rows * part / cores, rows * (part + 1) / cores);
-  rows_from(0, rows / cores);
+  for (unsigned part = 1; part < cores; ++part) {
+    threads.emplace_back(rows_from, rows * part / cores, rows * (part + 1) / cores, std::ref(checksums[part]));
+  }
+  rows_from(0, rows / cores, checksums[0]);
   for (std::thread& thread : threads) thread.join();
+  if (audit != nullptr) {
+    audit->checksum = {};
+    for (const Checksum& part : checksums) audit->checksum.add(part);
+  }
   return sound;
+}
+
+Checksum WeightsView::checksum() const {
+  Checksum checksum;
+  for (std::size_t row = 0; row < rows; ++row) {
+    const auto end = static_cast<std::size_t>(row_start[row + 1]);
+    for (auto at = static_cast<std::size_t>(row_start[row]); at < end; ++at) {
+      checksum.add(checksum_word(column_of[at], value[at]), at);
+    }
+    checksum.add(end, count + row);
+  }
+  return checksum;
 }
 
 const char* Weights::defect() const {

@@ -58,6 +58,36 @@ struct Uninitialised : std::allocator<T> {
 template <typename T>
 using Array = std::vector<T, Uninitialised<T>>;
 
+// A checksum of weights as kept on disk: every column and value with its
+// place, and every row's end, so that a changed index, a swap or a shifted
+// row shows, while costing an addition or two per weight.
+struct Checksum {
+  std::uint64_t sum = 0, weighted = 0;
+
+  void add(std::uint64_t word, std::uint64_t place) {
+    sum += word;
+    weighted += word * (place + 1);
+  }
+  void add(const Checksum& other) {
+    sum += other.sum;
+    weighted += other.weighted;
+  }
+  // The words summed and summed each times its place, with one addition
+  // more per word (place + 1) for the latter: what add would make of them.
+  void add_sums(std::uint64_t words, std::uint64_t placed) {
+    sum += words;
+    weighted += placed + words;
+  }
+  bool operator==(const Checksum&) const = default;
+};
+
+// What a pass that applies weights read back from disk also learns: each
+// row's sum and the checksum of the whole.
+struct Audit {
+  std::vector<double> row_sums;
+  Checksum checksum;
+};
+
 // The same matrix in memory someone else owns (mapped weight files).
 struct WeightsView {
   std::size_t rows = 0, columns = 0, count = 0;  // count: the number of weights
@@ -66,10 +96,11 @@ struct WeightsView {
   const double* value = nullptr;                 // count
 
   // target (rows x components) = this * source (columns x components),
-  // both row by row, and, given `row_sums`, each row's sum. False, with
-  // `target` undefined, when a column lies outside the source mesh:
-  // checked here, in the one pass over them.
-  bool apply(const double* source, std::size_t components, double* target, double* row_sums = nullptr) const;
+  // both row by row, and, given `audit`, what it holds, in the same pass.
+  // False, with `target` undefined, when a column lies outside the source
+  // mesh: checked here, in the one pass over them.
+  bool apply(const double* source, std::size_t components, double* target, Audit* audit = nullptr) const;
+  Checksum checksum() const;
   // nullptr when the row offsets are sound (rising from 0 to the number of
   // values), else what is wrong.
   const char* defect() const;
