@@ -1,18 +1,23 @@
 // lockstepctl check and status on run trees, good, faulty and frozen mid-run.
+#include <signal.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <map>
 
 #include "handshake/go_files.h"
+#include "project/directory_lock.h"
 #include "run_tree.h"
 
 namespace lockstep::testing {
 namespace {
 
+using handshake::cycle_end_record;
 using handshake::reset_record;
 using handshake::stage_record;
+using ::testing::Not;
 
 // Every file under the tree with its content, to prove nothing changed.
 std::map<std::string, std::string> snapshot(const std::filesystem::path& root) {
@@ -61,19 +66,22 @@ TEST_F(CheckTest, EachPlantedFaultIsNamedWithItsFixAndNothingChanges) {
     std::string content;
     std::string line;  // of the report; {root} is the tree, {real} the tree with links resolved
     int problems = 1;
+    std::string also_path = "", also_content = "";  // a second file planted
   };
   const std::string settings = "run/analysis_settings.dat";
   const std::string fix = "'lockstepctl check --fix'";
   const Case cases[] = {
       {"nothing planted", "", "", "ready: 3 projects, no problems", 0},
-      {"settings missing", settings, "<missing>", "  analysis_settings.dat is missing"},
+      {"settings missing", settings, "<missing>",
+       "  analysis_settings.dat is missing: start from one with your run's time steps per cycle, cycles and sub "
+       "projects (printf 'time_step=\\n4\\ncycle_num=\\n2\\nnum_subprojects=\\n1\\n' > analysis_settings.dat)"},
       {"settings malformed", settings, "time_step=\nabc\ncycle_num=\n1\nnum_subprojects=\n0\n",
        "  analysis_settings.dat: key \"time_step=\": line 2 holds no integer"},
       {"key missing", settings, "time_step=\n1\nnum_subprojects=\n2\n",
        "  analysis_settings.dat: key \"cycle_num=\" not found (the file ends at line 4)"},
       {"too many sub projects", settings, settings_text(3, 2, 101), "  num_subprojects is 101; the limit is 100"},
-      {"as many sub projects as allowed", settings, settings_text(3, 2, 100), "sub100: project directory ../sub**/ is missing",
-       98},
+      {"as many sub projects as allowed", settings, settings_text(3, 2, 100), "sub100: project directory ../sub**/ is missing: "
+       "create it (mkdir {root}/sub**/) with its CalculateInteraction.dat, or lower num_subprojects", 98},
       {"negative sub projects", settings, settings_text(3, 2, -1),
        "  num_subprojects is -1, below 0: write 0 for the main project alone"},
       {"no cycles", settings, settings_text(3, 0, 2),
@@ -82,8 +90,12 @@ TEST_F(CheckTest, EachPlantedFaultIsNamedWithItsFixAndNothingChanges) {
        "  time_step is -5: lockstep would run no stage; write the number of time steps per cycle, 0 or more"},
       {"settings a FIFO", settings, "<fifo>",
        "  analysis_settings.dat is a FIFO, not a regular file: replace it with one (rm {root}/run/analysis_settings.dat)"},
-      {"project directory missing", "sub2", "<missing>", "sub2: project directory ../sub2/ is missing"},
-      {"interaction file missing", "sub1/CalculateInteraction.dat", "<missing>", "sub1: CalculateInteraction.dat is missing"},
+      {"project directory missing", "sub2", "<missing>",
+       "sub2: project directory ../sub2/ is missing: create it (mkdir {root}/sub2/) with its CalculateInteraction.dat, "
+       "or lower num_subprojects"},
+      {"interaction file missing", "sub1/CalculateInteraction.dat", "<missing>",
+       "sub1: CalculateInteraction.dat is missing: name the program lockstep runs for sub1 in each stage in its first "
+       "line, for example lockstep-exchange (echo lockstep-exchange > {root}/sub1/CalculateInteraction.dat)"},
       {"interaction file empty", "sub1/CalculateInteraction.dat", "", "sub1: CalculateInteraction.dat is empty"},
       {"interaction file a FIFO", "sub1/CalculateInteraction.dat", "<fifo>",
        "sub1: CalculateInteraction.dat is a FIFO, not a regular file: replace it with a file whose first line "
@@ -92,7 +104,11 @@ TEST_F(CheckTest, EachPlantedFaultIsNamedWithItsFixAndNothingChanges) {
        "sub1: the first line of CalculateInteraction.dat is longer than 30 characters; lockstep runs \"" +
            std::string(30, 'a') + "\"",
        2},
-      {"program missing", "sub1/step.sh", "<missing>", "sub1: program ../sub1/step.sh is missing"},
+      {"program missing", "sub1/step.sh", "<missing>",
+       "sub1: program ../sub1/step.sh is missing: put sub1's interaction program there"},
+      {"exchange link missing", "sub1/CalculateInteraction.dat", "lockstep-exchange\n",
+       "sub1: program ../sub1/lockstep-exchange is missing: put sub1's interaction program there, or link the installed "
+       "one (ln -s \"$(command -v lockstep-exchange)\" {root}/sub1/lockstep-exchange)"},
       {"program not executable", "main/step.sh", "<read-only>", "main: program ../main/step.sh is not executable"},
       {"project directory read-only", "sub1", "<read-only>",
        "sub1: project directory ../sub1/ is not writable: the project cannot report done by rename and lockstep cannot "
@@ -120,11 +136,15 @@ TEST_F(CheckTest, EachPlantedFaultIsNamedWithItsFixAndNothingChanges) {
       {"go.dat linked within the tree", "main/go.dat", "-> ../run/main-go.dat",
        "main: warning: go.dat is a symbolic link to {real}/run/main-go.dat: lockstep writes through it", 0},
       {"first stage would wait", "sub1/go2.dat", reset_record(),
-       "the done values add up to -1000, not 0: the first stage would wait; not done: ../sub1/ (-1000); after a "
-       "crash, run " + fix + " to report them done"},
-      {"request left in go.dat", "sub2/go.dat", stage_record(1, 2, 3),
-       "sub2: go.dat holds a request from an earlier run (cycle 1, time step 2, stage 3): a project started before "
-       "lockstep would serve it again; remove it (rm {root}/sub2/go.dat)"},
+       "the done values add up to -1000, not 0: the first stage would wait; not done: ../sub1/ (-1000), as a finished "
+       "or stopped run leaves them: run " + fix + " to report them done"},
+      // Harmless once go2.dat reports done: no solver serves it then.
+      {"request left in go.dat", "sub2/go.dat", stage_record(1, 2, 3), "ready: 3 projects, no problems", 0},
+      {"a finished run's request and reset", "sub2/go2.dat", reset_record(),
+       "the done values add up to -1000, not 0: the first stage would wait, and a solver started now would serve "
+       "again the request its go.dat still holds; not done: ../sub2/ (-1000), as a finished or stopped run leaves "
+       "them: run " + fix + " to report them done",
+       1, "sub2/go.dat", cycle_end_record(2)},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -132,6 +152,7 @@ TEST_F(CheckTest, EachPlantedFaultIsNamedWithItsFixAndNothingChanges) {
     const std::filesystem::path root = fresh.tree.run().parent_path();
     write_file(root / "elsewhere.dat", "");
     if (!c.path.empty()) plant(root / c.path, c.content);
+    if (!c.also_path.empty()) plant(root / c.also_path, c.also_content);
     std::string line = c.line;
     for (const auto& [name, value] : {std::pair{std::string("{root}"), std::filesystem::absolute(root).string()},
                                       std::pair{std::string("{real}"), std::filesystem::canonical(root).string()}}) {
@@ -155,8 +176,9 @@ TEST_F(CheckTest, EveryProblemAtOnceEscapedForTheTerminalAndAsJson) {
   std::filesystem::remove(tree.project(2) / "step.sh");
   const Exit text = check();
   EXPECT_EQ(text.status, 1);
-  EXPECT_THAT(text.out, HasSubstr("sub1: program ../sub1/st\\x1b]0;x\\x07ep\\xff.sh is missing\n"
-                                  "sub2: program ../sub2/step.sh is missing\n\nnot ready: 2 problems"));
+  EXPECT_THAT(text.out, HasSubstr("sub1: program ../sub1/st\\x1b]0;x\\x07ep\\xff.sh is missing: put sub1's "
+                                  "interaction program there\nsub2: program ../sub2/step.sh is missing: put sub2's "
+                                  "interaction program there\n\nnot ready: 2 problems"));
   EXPECT_EQ(text.out.find_first_of("\x1b\x07\xff"), std::string::npos);
 
   const Exit json = check({"--json"});
@@ -164,8 +186,8 @@ TEST_F(CheckTest, EveryProblemAtOnceEscapedForTheTerminalAndAsJson) {
   EXPECT_EQ(json.out.rfind("{\"run_directory\":", 0), 0u);
   EXPECT_THAT(json.out, HasSubstr("\"ready\":false"));
   EXPECT_THAT(json.out, HasSubstr("{\"index\":1,\"directory\":\"../sub1/\",\"program\":\"st\\u001b]0;x\\u0007ep\xef\xbf\xbd.sh\","
-                                  "\"done\":0,\"problems\":[\"program ../sub1/st\\u001b]0;x\\u0007ep\xef\xbf\xbd.sh is missing\"],"
-                                  "\"warnings\":[]}"));
+                                  "\"done\":0,\"problems\":[\"program ../sub1/st\\u001b]0;x\\u0007ep\xef\xbf\xbd.sh is missing: put "
+                                  "sub1's interaction program there\"],\"warnings\":[],\"notes\":[]}"));
   EXPECT_EQ(json.out.find('\xff'), std::string::npos);
 }
 
@@ -186,9 +208,9 @@ TEST_F(CheckTest, FixPreparesACrashedTreeAndListsWhatItChanged) {
   for (int index = 0; index <= 2; ++index) EXPECT_EQ(read_file(tree.project(index) / "go2.dat"), "0\n");
   EXPECT_FALSE(std::filesystem::exists(tree.project(2) / ".go2.dat.4242.tmp"));
   EXPECT_EQ(read_file(tree.project(0) / "go.dat"), stage_record(1, 2, 3));
-  // What is left is what --fix does not touch.
-  EXPECT_EQ(exit.status, 1);
-  EXPECT_THAT(exit.out, HasSubstr("\nnot ready: 1 problem\n"));
+  // The request left in go.dat is no problem once go2.dat reports done.
+  EXPECT_EQ(exit.status, 0);
+  EXPECT_THAT(exit.out, HasSubstr("\nready: 3 projects, no problems\n"));
   EXPECT_EQ(check({"--fix"}).out.substr(0, 18), "nothing to change\n");
 }
 
@@ -234,6 +256,42 @@ TEST(LiveRunTest, AProjectThatNeverAnswersHoldsTheRunAndTheToolsSayWhy) {
   EXPECT_EQ(fix.err, "lockstepctl check: lockstep is running in " + std::filesystem::absolute(tree.run()).string() +
                          " (PID " + pid + "); --fix changes nothing while it runs\n");
   EXPECT_EQ(snapshot(tree.run().parent_path()), before);
+  // The live request is no leftover, and the stage's done values are the
+  // driver's: nothing to remove, nothing for --fix.
+  EXPECT_THAT(check.out, HasSubstr("\nmain: go.dat holds the request of the running lockstep (PID " + pid +
+                                   "): cycle 1, time step 1, stage 1\n"));
+  EXPECT_THAT(check.out, HasSubstr("\nnot ready: 1 problem\n"));
+  EXPECT_THAT(check.out, Not(HasSubstr("rm ")));
+  EXPECT_THAT(check.out, Not(HasSubstr("--fix")));
+
+  // A solver that takes the request and is killed: its lock is free, and
+  // both tools say what that means and how to go on.
+  {
+    Background agent({LOCKSTEPCTL_BINARY, "agent", "--dir", tree.project(1).string(), "--", "sleep", "1"}, tree.run());
+    ASSERT_TRUE(wait_until([&] {
+      return read_file(tree.project(1) / ".lockstep.lock").rfind(std::to_string(agent.pid()) + " ", 0) == 0;
+    }));
+    const pid_t served_by = agent.pid();
+    ASSERT_EQ(::kill(served_by, SIGKILL), 0);
+    EXPECT_EQ(agent.wait(std::chrono::seconds(60)), -1);
+    std::array<char, 256> host{};
+    ::gethostname(host.data(), host.size() - 1);
+    const std::string advice = "no process serves sub1 (its lock is free; PID " + std::to_string(served_by) +
+                               " on host " + host.data() + " took it last, ";
+    const std::string outcome =
+        " ago), and lockstep waits for its done: it goes on without it once its wait reaches 1,000,000 passes, at "
+        "least 17 minutes into the stage, and the run is wrong from there. Restart the solver in ../sub1/ if it can "
+        "take up the pending request where it stopped; otherwise stop lockstep (kill " + pid + ") and go on from "
+        "the last checkpoint with 'lockstepctl resume'\n";
+    const Exit dead = run_program({LOCKSTEPCTL_BINARY, "status", "."}, tree.run());
+    EXPECT_THAT(dead.out, HasSubstr(" s, no process serves it\n"));
+    EXPECT_THAT(dead.out, HasSubstr("\nwaiting for: sub1\n" + advice));
+    EXPECT_THAT(dead.out, HasSubstr(outcome));
+    const Exit checked = run_program({LOCKSTEPCTL_BINARY, "check", "."}, tree.run());
+    EXPECT_THAT(checked.out, HasSubstr("\nsub1: " + advice));
+    EXPECT_THAT(checked.out, HasSubstr(outcome));
+    EXPECT_THAT(checked.out, HasSubstr("\nnot ready: 2 problems\n"));
+  }
   EXPECT_FALSE(driver.wait(std::chrono::seconds(0)));
   EXPECT_EQ(read_file(tree.project(0) / "requests.log"), stage_record(1, 1, 1));
 }
@@ -259,6 +317,8 @@ TEST(StatusTest, StoppedCompleteHugeAndHostileRuns) {
        {"request: none yet (../main/go.dat holds no request)\n", stopped}},
       {"stopped mid-run", 3, 2, stage_record(1, 2, 3), reset_record(), {"; 6 of 26 stages done\n", stopped}},
       {"complete", 3, 2, handshake::cycle_end_record(2), "0\n", {"; 26 of 26 stages done\n", "\nthe run is complete\n"}},
+      {"never started", 3, 2, "", "0\n",
+       {"\nno run has started in this tree: look at it with 'lockstepctl check', then start lockstep in it\n"}},
       {"largest schedule", 2147483647, 2147483647, handshake::cycle_end_record(2147483647), "0\n",
        {"; 18446744058677166083 of 18446744058677166083 stages done\n"}},
       {"no time steps", 0, 2, handshake::cycle_end_record(1), reset_record(),
@@ -292,6 +352,27 @@ TEST(StatusTest, StoppedCompleteHugeAndHostileRuns) {
     EXPECT_EQ(exit.out.find("waiting for"), std::string::npos) << exit.out;
     EXPECT_LT(exit.max_rss_kib, kMemoryBoundKib);
   }
+}
+
+// A solver that expects more cycles than the run has waits on after the
+// driver's end: status names it.
+TEST(StatusTest, ACompleteRunNamesTheSolversStillWaiting) {
+  RunTree tree;
+  tree.projects(1);
+  tree.settings(3, 2, 1);
+  for (int index = 0; index <= 1; ++index) {
+    write_file(tree.project(index) / "go.dat", handshake::cycle_end_record(2));
+    write_file(tree.project(index) / "go2.dat", "0\n");
+  }
+  std::string error;
+  const auto served = project::DirectoryLock::acquire(tree.project(1).string(), error);
+  ASSERT_NE(served, nullptr) << error;
+  std::array<char, 256> host{};
+  ::gethostname(host.data(), host.size() - 1);
+  const Exit exit = run_program({LOCKSTEPCTL_BINARY, "status"}, tree.run());
+  EXPECT_THAT(exit.out, HasSubstr("\nthe run is complete\nstill served, waiting for requests that will not come: "
+                                  "sub1 (PID " + std::to_string(::getpid()) + " on host " + host.data() +
+                                  "); their solvers expect more cycles than the run's 2: stop them\n"));
 }
 
 }  // namespace

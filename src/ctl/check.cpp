@@ -23,15 +23,16 @@ namespace {
 
 constexpr const char* kCheckFooter =
     "Reads the tree as lockstep will, without creating or changing any file, and\n"
-    "reports every problem found, each with its fix: the settings file and settings\n"
-    "under which nothing would run, each project directory and whether it can be\n"
-    "written, its CalculateInteraction.dat and program, its go files (FIFOs, devices,\n"
-    "links out of the run tree, an empty go2.dat left by a killed lockstep), done\n"
-    "values that would hold up the first stage, go.dat files left holding a request,\n"
-    "and a lockstep already running in RUN_DIR on this machine (other machines cannot\n"
-    "be looked at). With an exchange.dat in RUN_DIR: its lines that cannot be read,\n"
-    "projects it names outside the run, outputs not yet published, and links to\n"
-    "lockstep-exchange that lead nowhere.\n"
+    "reports every problem found, with the fix where one command or edit makes it: the\n"
+    "settings file and settings under which nothing would run, each project directory\n"
+    "and whether it can be written, its CalculateInteraction.dat and program, its go\n"
+    "files (FIFOs, devices, links out of the run tree, an empty go2.dat left by a\n"
+    "killed lockstep), done values that would hold up the first stage, projects whose\n"
+    "solver has gone (their lock is free), and a lockstep already running in RUN_DIR\n"
+    "on this machine (other machines cannot be looked at; while one runs, its request\n"
+    "and stage are no problem). With an exchange.dat in RUN_DIR: its lines that cannot\n"
+    "be read, projects it names outside the run, outputs and meshes not yet published,\n"
+    "and links to lockstep-exchange that lead nowhere.\n"
     "\n"
     "--fix prepares the tree for a fresh start after a crash: every go2.dat reports\n"
     "done and the temporary files a killed project left are removed; nothing else is\n"
@@ -55,7 +56,8 @@ std::string check_json(const TreeState& tree) {
                         {"program", project.program},
                         {"done", number(project.done)},
                         {"problems", project.problems},
-                        {"warnings", project.warnings}});
+                        {"warnings", project.warnings},
+                        {"notes", project.notes}});
   }
   const ordered_json report = {
       {"run_directory", tree.run_directory.string()},
@@ -95,6 +97,7 @@ std::string check_text(const TreeState& tree) {
   for (const ProjectState& project : tree.projects) {
     for (const std::string& problem : project.problems) list(project.name() + ": " + problem);
     for (const std::string& warning : project.warnings) list(project.name() + ": warning: " + warning);
+    for (const std::string& note : project.notes) list(project.name() + ": " + note);
   }
   for (const std::string& problem : tree.run_problems) list(problem);
   if (!tree.mappings.empty()) out << "\nmappings:\n";

@@ -21,8 +21,9 @@ namespace {
 constexpr const char* kStatusFooter =
     "Read from the run tree without touching it: whether lockstep runs in RUN_DIR on\n"
     "this machine, the current request, the position in the schedule, which projects\n"
-    "have reported done, for how long each other project has held the run, and the\n"
-    "request each project's newest output field was written for.";
+    "have reported done, for how long each other project has held the run and whether\n"
+    "a process still serves it, and the request each project's newest output field\n"
+    "was written for.";
 
 std::string seconds_since(std::chrono::system_clock::time_point since) {
   const double seconds = std::chrono::duration<double>(std::chrono::system_clock::now() - since).count();
@@ -172,19 +173,39 @@ View status_view(const TreeState& tree, bool colour) {
       out << paint("yes", "32") << "\n";
     } else {
       out << paint("no", "31") << "      " << (project.done_changed ? seconds_since(*project.done_changed) : "?")
-          << "\n";
+          << (project.unserved() ? paint(", no process serves it", "31") : "") << "\n";
       holders += (holders.empty() ? "" : ", ") + project.name();
     }
   }
   out << newest_outputs(tree);
   out << set_aside(tree);
+  // A run that has begun leaves a request in go.dat, or reset go2.dat files.
+  bool started = main != nullptr && main->request.kind == project::GoRecord::Kind::kRequest;
+  for (const ProjectState& project : tree.projects) started = started || (project.done && *project.done != 0);
   if (complete) {
     out << "\nthe run is complete\n";
+    std::string still;
+    for (const ProjectState& project : tree.projects) {
+      if (project.lock.outcome != project::LockProbe::Outcome::kHeld) continue;
+      still += (still.empty() ? "" : ", ") + project.name() +
+               (project.lock.holder.empty() ? "" : " (" + project.lock.holder + ")");
+    }
+    if (!still.empty()) {
+      out << "still served, waiting for requests that will not come: " << text::printable(still)
+          << "; their solvers expect more cycles than the run's " << run_cycles(tree) << ": stop them\n";
+    }
+  } else if (!running && !started) {
+    out << "\nno run has started in this tree: look at it with 'lockstepctl check', then start lockstep in it\n";
   } else if (!running) {
     out << "\nlockstep has stopped before the end of the run; after a crash, 'lockstepctl check --fix' "
            "prepares the tree for a fresh start\n";
   } else if (!holders.empty()) {
     out << "\nwaiting for: " << holders << "\n";
+    for (const ProjectState& project : tree.projects) {
+      if (project.done && *project.done != 0 && project.unserved()) {
+        out << text::printable(unserved_advice(project, tree.drivers.front())) << "\n";
+      }
+    }
   } else if (all_done) {
     out << "\nevery project has reported done\n";
   }

@@ -23,7 +23,9 @@ constexpr std::size_t kWideRecord = 4096;
 std::string settings_problem(const records::Status& status, std::string_view key, long line) {
   const std::string where = "analysis_settings.dat: key \"" + std::string(key) + "\"";
   switch (status.number()) {
-    case records::error::kFileNotFound: return "analysis_settings.dat is missing";
+    case records::error::kFileNotFound:
+      return "analysis_settings.dat is missing: start from one with your run's time steps per cycle, cycles and sub "
+             "projects (printf 'time_step=\\n4\\ncycle_num=\\n2\\nnum_subprojects=\\n1\\n' > analysis_settings.dat)";
     case records::error::kPermissionDenied: return "analysis_settings.dat cannot be read: permission denied";
     case records::error::kEndOfFile:
       return where + " not found (the file ends at line " + std::to_string(line) + ")";
@@ -113,7 +115,9 @@ void check_interaction(records::FileSystem& fs, const std::filesystem::path& run
       file.open(records::unit::kProjectFile, config::interaction_file(project.index), records::Access::kRead);
   if (status.ok()) status = file.read_text(kWideRecord, line);
   if (status.number() == records::error::kFileNotFound) {
-    project.problems.push_back("CalculateInteraction.dat is missing");
+    project.problems.push_back("CalculateInteraction.dat is missing: name the program lockstep runs for " +
+                               project.name() + " in each stage in its first line, for example lockstep-exchange (echo "
+                               "lockstep-exchange > " + path.lexically_normal().string() + ")");
     return;
   }
   if (status.end_of_file()) {
@@ -143,18 +147,27 @@ void check_interaction(records::FileSystem& fs, const std::filesystem::path& run
   }
   struct stat info {};
   if (::stat((run / program).c_str(), &info) != 0) {
-    project.problems.push_back("program " + program + " is missing");
+    const std::filesystem::path where = (run / program).lexically_normal();
+    project.problems.push_back(
+        "program " + program + " is missing: put " + project.name() + "'s interaction program there" +
+        (where.filename() == "lockstep-exchange"
+             ? ", or link the installed one (ln -s \"$(command -v lockstep-exchange)\" " + where.string() + ")"
+             : std::string()));
   } else if (!S_ISREG(info.st_mode) || ::access((run / program).c_str(), X_OK) != 0) {
     project.problems.push_back("program " + program + " is not executable");
   }
 }
 
-void read_go_files(records::FileSystem& fs, const std::filesystem::path& run, ProjectState& project) {
+void read_go_files(records::FileSystem& fs, const std::filesystem::path& run, ProjectState& project, bool live) {
+  // --fix is refused while lockstep runs; its writes are then the cause.
+  const std::string live_note = "lockstep is running here and writes it: look again once it has ended";
+  const std::string run_fix = "run 'lockstepctl check --fix'";
   const std::string go2 = project.directory + "go2.dat";
   const std::filesystem::path go2_path = (run / go2).lexically_normal();
   if (const std::string kind = not_regular(go2_path); !kind.empty()) {
     project.problems.push_back("go2.dat is " + kind + ", not a regular file: remove it (" +
-                               removal(go2_path, kind == "a directory") + ") and run 'lockstepctl check --fix'");
+                               removal(go2_path, kind == "a directory") + ")" +
+                               (live ? "; " + live_note : " and " + run_fix));
   } else {
     records::InputFile file(fs);
     std::optional<std::int32_t> done = -1;
@@ -162,12 +175,13 @@ void read_go_files(records::FileSystem& fs, const std::filesystem::path& run, Pr
     if (status.ok()) status = file.read_integer(done);
     struct stat info {};
     if (status.number() == records::error::kFileNotFound) {
-      project.problems.push_back("go2.dat is missing: run 'lockstepctl check --fix' to create it reporting done");
+      project.problems.push_back("go2.dat is missing" +
+                                 (live ? "; " + live_note : ": " + run_fix + " to create it reporting done"));
     } else if (status.number() == records::error::kPermissionDenied) {
       project.problems.push_back("go2.dat cannot be read: permission denied");
     } else if (status.end_of_file()) {
       project.problems.push_back("go2.dat is empty, as a killed lockstep leaves it: lockstep would wait for it "
-                                 "forever; run 'lockstepctl check --fix'");
+                                 "forever; " + (live ? live_note : run_fix));
     } else if (!status.ok()) {
       project.problems.push_back("go2.dat holds no integer");
     } else {
@@ -264,6 +278,22 @@ int InspectionFileSystem::close(int fd) {
 ssize_t InspectionFileSystem::write(int, const char*, std::size_t) { return -EROFS; }
 
 std::string ProjectState::name() const { return index == 0 ? "main" : "sub" + std::to_string(index); }
+
+std::string ProjectState::lock_history() const {
+  const double seconds = std::chrono::duration<double>(std::chrono::system_clock::now() - lock.taken).count();
+  char ago[32];
+  std::snprintf(ago, sizeof ago, "%.1f s", seconds < 0 ? 0.0 : seconds);
+  return "its lock is free; " + (lock.holder.empty() ? std::string("a process") : lock.holder) + " took it last, " +
+         ago + " ago";
+}
+
+std::string unserved_advice(const ProjectState& project, pid_t driver) {
+  return "no process serves " + project.name() + " (" + project.lock_history() +
+         "), and lockstep waits for its done: it goes on without it once its wait reaches 1,000,000 passes, at "
+         "least 17 minutes into the stage, and the run is wrong from there. Restart the solver in " +
+         project.directory + " if it can take up the pending request where it stopped; otherwise stop lockstep (kill " +
+         std::to_string(driver) + ") and go on from the last checkpoint with 'lockstepctl resume'";
+}
 
 int last_project(const TreeState& tree) {
   // Past the limit the driver touches no project; the main project alone is
@@ -371,12 +401,17 @@ TreeState inspect_tree(const std::filesystem::path& run_directory, bool before_r
     project.directory = config::project_directory(index);
     struct stat info {};
     if (::stat((tree.run_directory / project.directory).c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
-      project.problems.push_back("project directory " + project.directory + " is missing");
+      project.problems.push_back("project directory " + project.directory + " is missing: create it (mkdir " +
+                                 (tree.run_directory / project.directory).lexically_normal().string() +
+                                 ") with its CalculateInteraction.dat, or lower num_subprojects");
       all_read = false;
     } else {
       project.network_file_system = project::network_file_system((tree.run_directory / project.directory).string());
       if (before_run) check_interaction(fs, tree.run_directory, project);
-      read_go_files(fs, tree.run_directory, project);
+      read_go_files(fs, tree.run_directory, project, !tree.drivers.empty());
+      if (project.network_file_system.empty() || project.network_file_system == "nfs") {
+        project.lock = project::DirectoryLock::probe((tree.run_directory / project.directory).string());
+      }
       if (before_run) check_writes(tree.run_directory, tree_directories, project);
       if (project.done) {
         sum += *project.done;
@@ -384,25 +419,37 @@ TreeState inspect_tree(const std::filesystem::path& run_directory, bool before_r
         all_read = false;
       }
       check_project_resume_record(tree, project);
-      if (before_run && project.request.kind == project::GoRecord::Kind::kRequest) {
-        project.problems.push_back(
-            "go.dat holds a request from an earlier run (" + project::describe(project.request.request) +
-            "): a project started before lockstep would serve it again; remove it (rm " +
-            (tree.run_directory / project.directory / "go.dat").lexically_normal().string() + ")");
+      if (before_run && !tree.drivers.empty() && project.request.kind == project::GoRecord::Kind::kRequest) {
+        project.notes.push_back("go.dat holds the request of the running lockstep (PID " +
+                                std::to_string(tree.drivers.front()) + "): " +
+                                project::describe(project.request.request));
+      }
+      if (before_run && project.unserved()) {
+        if (tree.drivers.empty()) {
+          project.warnings.push_back("no process serves it now (" + project.lock_history() +
+                                     "): start its solver before lockstep");
+        } else if (project.done && *project.done != 0) {
+          project.problems.push_back(unserved_advice(project, tree.drivers.front()));
+        }
       }
     }
     tree.projects.push_back(std::move(project));
   }
-  if (before_run && all_read && sum != 0) {
+  // While lockstep runs, done values that do not add up are its stage.
+  if (before_run && all_read && sum != 0 && tree.drivers.empty()) {
     std::string holders;
+    bool served_again = false;
     for (const ProjectState& project : tree.projects) {
       if (*project.done != 0) {
         holders += (holders.empty() ? "" : ", ") + project.directory + " (" + std::to_string(*project.done) + ")";
+        served_again = served_again || project.request.kind == project::GoRecord::Kind::kRequest;
       }
     }
-    tree.run_problems.push_back("the done values add up to " + std::to_string(sum) +
-                                ", not 0: the first stage would wait; not done: " + holders +
-                                "; after a crash, run 'lockstepctl check --fix' to report them done");
+    tree.run_problems.push_back("the done values add up to " + std::to_string(sum) + ", not 0: the first stage would "
+                                "wait" + (served_again ? ", and a solver started now would serve again the request "
+                                                         "its go.dat still holds" : "") +
+                                "; not done: " + holders + ", as a finished or stopped run leaves them: run "
+                                "'lockstepctl check --fix' to report them done");
   }
   if (before_run && !tree.drivers.empty()) {
     tree.run_problems.push_back("lockstep is already running in this run directory (PID " +

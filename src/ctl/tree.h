@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "project/directory_lock.h"
 #include "project/endpoint.h"
 #include "records/file_system.h"
 #include "fields/interaction.h"
@@ -52,9 +53,17 @@ struct ProjectState {
   std::vector<std::string> problems;
   std::vector<std::string> warnings;
   std::string network_file_system;  // "nfs", ... where inotify cannot see other machines' writes
+  std::vector<std::string> notes;   // what is neither a problem nor a risk: the live request
+  // Whether a process serves the directory now: asked where locks are
+  // shared between machines (a local file system, NFS), else unknown.
+  project::LockProbe lock;
 
   // "main", "sub1", ...
   std::string name() const;
+  // Its lock was taken by a process that is gone, and none holds it now.
+  bool unserved() const { return lock.outcome == project::LockProbe::Outcome::kFree; }
+  // "its lock is free; PID 123 on host n1 took it last, 12.0 s ago"
+  std::string lock_history() const;
 };
 
 struct TreeState {
@@ -70,6 +79,10 @@ struct TreeState {
 
   std::size_t problem_count() const;
 };
+
+// What a project nobody serves means while lockstep waits for it, and how
+// to go on; `driver` is the running lockstep's PID.
+std::string unserved_advice(const ProjectState& project, pid_t driver);
 
 // Reads the settings and every project's go files. With `before_run`, also
 // each project's interaction record, program and write access, and whatever

@@ -1,6 +1,7 @@
 #include "project/directory_lock.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -17,26 +18,54 @@ std::string host_name() {
   return host.data();
 }
 
-// Who holds the lock, from what the holder wrote into the lock file, and the
-// way out: "PID 123 on host node7 (...); stop that one first".
-std::string holder(int fd, const std::string& path) {
+// "PID 123 on host n1" from the lock file's "123 n1\n"; empty when it
+// holds no such line.
+std::string recorded_holder(int fd) {
   std::array<char, 256> text{};
   const ssize_t got = ::pread(fd, text.data(), text.size() - 1, 0);
   std::string content(text.data(), got > 0 ? static_cast<std::size_t>(got) : 0);
   const std::size_t blank = content.find(' ');
-  const std::string holds = " (it holds " + path + ")";
-  if (content.empty() || content.back() != '\n' || blank == std::string::npos) {
-    return "another process" + holds + "; stop that one first";
-  }
+  if (content.empty() || content.back() != '\n' || blank == std::string::npos) return {};
   content.pop_back();
-  const std::string pid = content.substr(0, blank), host = content.substr(blank + 1);
-  if (pid == std::to_string(::getpid()) && host == host_name()) {
-    return "this process (PID " + pid + ")" + holds + ": open each project directory once per process";
+  return "PID " + content.substr(0, blank) + " on host " + content.substr(blank + 1);
+}
+
+// Who holds the lock, from what the holder wrote into the lock file, and the
+// way out: "PID 123 on host node7 (...); stop that one first".
+std::string holder(int fd, const std::string& path) {
+  const std::string holds = " (it holds " + path + ")";
+  const std::string recorded = recorded_holder(fd);
+  if (recorded.empty()) return "another process" + holds + "; stop that one first";
+  if (recorded == "PID " + std::to_string(::getpid()) + " on host " + host_name()) {
+    return "this process (" + recorded.substr(0, recorded.find(" on host ")) + ")" + holds +
+           ": open each project directory once per process";
   }
-  return "PID " + pid + " on host " + host + holds + "; stop that one first";
+  return recorded + holds + "; stop that one first";
 }
 
 }  // namespace
+
+LockProbe DirectoryLock::probe(const std::string& directory) {
+  LockProbe probe;
+  const std::string path = directory + "/" + kLockFileName;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    if (errno == ENOENT) probe.outcome = LockProbe::Outcome::kNeverLocked;
+    return probe;
+  }
+  struct stat info {};
+  struct flock whole {};
+  whole.l_type = F_WRLCK;
+  whole.l_whence = SEEK_SET;
+  if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && ::fcntl(fd, F_OFD_GETLK, &whole) == 0) {
+    probe.outcome = whole.l_type == F_UNLCK ? LockProbe::Outcome::kFree : LockProbe::Outcome::kHeld;
+    probe.holder = recorded_holder(fd);
+    probe.taken = std::chrono::system_clock::time_point(std::chrono::seconds(info.st_mtim.tv_sec) +
+                                                        std::chrono::nanoseconds(info.st_mtim.tv_nsec));
+  }
+  ::close(fd);
+  return probe;
+}
 
 std::unique_ptr<DirectoryLock> DirectoryLock::acquire(const std::string& directory, std::string& error) {
   const std::string path = directory + "/" + kLockFileName;
