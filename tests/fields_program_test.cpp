@@ -99,7 +99,8 @@ TEST(FieldsRunTest, TheToolsShowAFieldsStampAndValuesAndTheTablesFaults) {
 
   EXPECT_THAT(ctl({"status"}).out, HasSubstr("newest outputs:\n  main    cycle 3, time step 2, stage 4 ("));
 
-  write_file(tree.run() / "exchange.dat", std::string(kTable) + "sub3 last main left\nmain middle sub1 x\nmain\n");
+  write_file(tree.run() / "exchange.dat", std::string(kTable) + "sub3 last main left\nmain middle sub1 x\nmain\n"
+                                                   "main last sub1 y map=nearest-neighbour from-mesh=xy to-mesh=pts\n");
   std::filesystem::remove(tree.project(2) / "exchange.sh");
   std::filesystem::create_symlink("/nonexistent/lockstep-exchange", tree.project(2) / "exchange.sh");
   const Exit check = ctl({"check"});
@@ -108,7 +109,14 @@ TEST(FieldsRunTest, TheToolsShowAFieldsStampAndValuesAndTheTablesFaults) {
   EXPECT_THAT(check.out, HasSubstr("exchange.dat:7: a line holds four words, FROM OUTPUT TO INPUT, not 1\n"));
   EXPECT_THAT(check.out, HasSubstr("exchange.dat:5: sub3 is not in this run (2 sub projects); fix the line or "
                                    "num_subprojects=\n"));
-  EXPECT_THAT(check.out, HasSubstr("main: warning: exchange.dat:6: its output \"middle\" has not been published"));
+  EXPECT_THAT(check.out, HasSubstr("main: warning: exchange.dat:6: its output \"middle\" has not been published "
+                                   "(../main/fields/out/middle.npy): its solver must put it before the first stage; "
+                                   "the outputs main has published: first, last\n"));
+  // A mapping's meshes not yet published: each named with its project.
+  EXPECT_THAT(check.out, HasSubstr("\nmain: warning: exchange.dat:8: its from-mesh \"xy\" has not been published "
+                                   "(../main/fields/out/xy.npy): its solver must put it before the first stage\n"));
+  EXPECT_THAT(check.out, HasSubstr("\nsub1: warning: exchange.dat:8: its to-mesh \"pts\" has not been published "
+                                   "(../sub1/fields/out/pts.npy): its solver must put it before the first stage\n"));
   EXPECT_THAT(check.out, HasSubstr("sub2: exchange.sh links to /nonexistent/lockstep-exchange, which does not "
                                    "exist: link it to the installed lockstep-exchange\n"));
 }
@@ -132,7 +140,8 @@ TEST(FieldsRunTest, TheExchangeRefusesSlicesPastTheEndAndInputsWrittenTwice) {
              "main u[4:6] sub1 c\n"
              "main u[1:3] sub1 d\n"
              "main u sub1 e\n"
-             "main u[0:1] sub1 e\n");
+             "main u[0:1] sub1 e\n"
+             "main U sub1 f\n");
   const Exit exchange = run_program({EXCHANGE_BINARY, "1", "1", "1", "1"}, tree.run());
   EXPECT_EQ(exchange.status, 2);
   EXPECT_EQ(exchange.err,
@@ -140,8 +149,10 @@ TEST(FieldsRunTest, TheExchangeRefusesSlicesPastTheEndAndInputsWrittenTwice) {
             "one line only; neither line is carried out\n"
             "lockstep-exchange: exchange.dat:1: output \"u\" of main has 5 values, fewer than 2305843009213693953\n"
             "lockstep-exchange: exchange.dat:2: output \"u\" of main has 5 values, fewer than 2305843009213693955\n"
-            "lockstep-exchange: exchange.dat:3: output \"u\" of main has 5 values, fewer than 6\n");
-  for (const char* name : {"a", "b", "c", "e"}) {
+            "lockstep-exchange: exchange.dat:3: output \"u\" of main has 5 values, fewer than 6\n"
+            "lockstep-exchange: exchange.dat:7: output \"U\" of main has never been written: the solver of main has "
+            "not put it (not even before the first request); the outputs main has published: u\n");
+  for (const char* name : {"a", "b", "c", "e", "f"}) {
     EXPECT_FALSE(std::filesystem::exists(tree.project(1) / "fields/in" / (std::string(name) + ".npy"))) << name;
   }
   fields::Header header;

@@ -100,6 +100,10 @@ TEST_F(MappingRunTest, ValuesFollowTheMeshesAndWeightsAreKeptPerMesh) {
                                                    "farther from their targets than the nearest source point\n"
                                                    "checksum 28e5609f7c746c6f70134785799e5cdd\n"
                                                    "row sums from 1 to 1\n"));
+  const Exit parent = run_program({LOCKSTEPCTL_BINARY, "field", "weights", "mappings"}, tree.run());
+  EXPECT_EQ(parent.status, 1);
+  EXPECT_EQ(parent.err, "lockstepctl field: mappings holds the weights of 1 mapping in directories of their own: give "
+                        "one of them (mappings/" + kept.filename().string() + ")\n");
   const Exit nothing = run_program({LOCKSTEPCTL_BINARY, "field", "weights", tree.run().string()}, tree.run());
   EXPECT_EQ(nothing.status, 1);
   EXPECT_EQ(nothing.err, "lockstepctl field: " + tree.run().string() + " holds no weights that lockstep-exchange "

@@ -1,6 +1,7 @@
 #include "ctl/exchange_check.h"
 
 #include <cstdio>
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <set>
@@ -34,8 +35,21 @@ void check_mapping(TreeState& tree, const exchange::Copy& copy, const std::strin
   std::string error;
   if (!mapping::read_mesh(read, copy.from, names.at("from-mesh"), name("from-cells"), from, from_cells, error) ||
       !mapping::read_mesh(read, copy.to, names.at("to-mesh"), name("to-cells"), to, to_cells, error)) {
-    if (!error.empty()) tree.run_problems.push_back(where + error);
-    if (error.empty()) tree.mappings.push_back(where + "its meshes are not all published yet");
+    if (!error.empty()) {
+      tree.run_problems.push_back(where + error);
+      return;
+    }
+    // Each mesh or cells field not published yet, with its project.
+    for (const auto& [project, key] : {std::pair{copy.from, "from-mesh"}, std::pair{copy.from, "from-cells"},
+                                       std::pair{copy.to, "to-mesh"}, std::pair{copy.to, "to-cells"}}) {
+      if (name(key) == nullptr) continue;
+      ProjectState& owner = tree.projects.at(static_cast<std::size_t>(project));
+      const std::string path = owner.directory + "fields/out/" + *name(key) + ".npy";
+      std::error_code missing;
+      if (std::filesystem::exists(tree.run_directory / path, missing)) continue;
+      owner.warnings.push_back(where + "its " + key + " \"" + *name(key) + "\" has not been published (" + path +
+                               "): its solver must put it before the first stage");
+    }
     return;
   }
   const mapping::Mapping wanted{method, &from, from_cells ? &*from_cells : nullptr, &to,
@@ -100,7 +114,8 @@ void check_exchange(TreeState& tree) {
     if (!fs::exists(output, error)) {
       source.warnings.push_back(where + "its output \"" + copy.output + "\" has not been published (" +
                                 source.directory + "fields/out/" + copy.output +
-                                ".npy): its solver must put it before the first stage");
+                                ".npy): its solver must put it before the first stage; " +
+                                fields::published_outputs((tree.run_directory / source.directory).string(), copy.from));
     }
   }
   // A project that receives inputs through a link to lockstep-exchange: the

@@ -2,18 +2,30 @@
 
 #include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <vector>
 
+#include "fields/access.h"
+#include "fields/store.h"
 #include "mapping/store.h"
 
 namespace lockstep::exchange {
 namespace {
 
+// The reason `fields` gives, and, when the output does not exist, the
+// names that do: a misspelt name is seen at once.
+std::string with_published(const fields::InteractionFields& fields, int source, const std::string& name) {
+  const std::string directory = fields::project_directory(source);
+  std::error_code missing;
+  if (std::filesystem::exists(fields::field_path(directory, fields::Role::kOutput, name), missing)) return fields.error();
+  return fields.error() + "; " + fields::published_outputs(directory, source);
+}
+
 // A field of `source` read whole: values in `buffer`, its header in `header`.
 bool read_whole(fields::InteractionFields& fields, int source, const std::string& name, fields::Accept accept,
                 std::vector<char>& buffer, fields::Header& header, std::string& error) {
   if (fields.get(source, name, fields::into_buffer(buffer), header, accept) == fields::Outcome::kOk) return true;
-  error = fields.error();
+  error = with_published(fields, source, name);
   return false;
 }
 
@@ -98,7 +110,7 @@ int run_copies(const Table& table, fields::InteractionFields& fields, std::ostre
     fields::Header header;
     const fields::Outcome got = fields.get(copy.from, copy.output, fields::into_buffer(buffer), header);
     if (got != fields::Outcome::kOk) {
-      errors << "lockstep-exchange: " << where << fields.error() << "\n";
+      errors << "lockstep-exchange: " << where << with_published(fields, copy.from, copy.output) << "\n";
       status = 1;
       continue;
     }

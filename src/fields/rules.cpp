@@ -56,7 +56,10 @@ std::string check_input(const std::string& name, const std::optional<Stamp>& sta
   if (fresh) return {};
   std::string cause;
   if (project::comes_after(written, needed) && known) {
-    cause = program + " was started for a later request than the driver's, or the driver was restarted";
+    // A run goes forwards: a later stamp is most likely an earlier run's.
+    cause = "a file written for a later request is most likely left from an earlier run, and " + program +
+            " did not write it in " + needed_text + " (it failed or did not run); before a new run, remove what "
+            "earlier runs left in " + project_name(project) + "'s fields/in/";
   } else {
     cause = program + " did not write it in " + needed_text + ": it failed or did not run";
   }

@@ -28,8 +28,10 @@ TEST(FieldRulesTest, AnInputMustBeThisStagesFromThisProjectsProgram) {
             "sub1 did not write it in cycle 5, time step 2, stage 3: it failed or did not run");
   EXPECT_EQ(check_input("left", input(1, {5, 2, 4}), 1, serving, before, Accept::kStage),
             "input \"left\" of sub1 is stale: its file was written for cycle 5, time step 2, stage 4, but cycle 5, "
-            "time step 2, stage 3 needs it written for cycle 5, time step 2, stage 3; the interaction program of "
-            "sub1 was started for a later request than the driver's, or the driver was restarted");
+            "time step 2, stage 3 needs it written for cycle 5, time step 2, stage 3; a file written for a later "
+            "request is most likely left from an earlier run, and the interaction program of sub1 did not write it "
+            "in cycle 5, time step 2, stage 3 (it failed or did not run); before a new run, remove what earlier "
+            "runs left in sub1's fields/in/");
   EXPECT_EQ(check_input("left", std::nullopt, 1, serving, before, Accept::kStage),
             "input \"left\" of sub1 has never been written: the interaction program of sub1 did not write it, by "
             "cycle 5, time step 2, stage 3 (it failed, did not run, or does not write this field)");

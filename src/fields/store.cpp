@@ -4,8 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 
 #include "records/file_system.h"
 #include "records/status.h"
@@ -70,6 +72,24 @@ int replace(const std::string& temporary, const std::string& path) {
 
 std::string field_path(const std::string& project_directory, Role role, const std::string& name) {
   return project_directory + (role == Role::kOutput ? "/fields/out/" : "/fields/in/") + name + ".npy";
+}
+
+std::string published_outputs(const std::string& project_directory, int project) {
+  constexpr std::size_t kListed = 20, kLookedAt = 100000;
+  std::vector<std::string> names;
+  std::error_code error;
+  std::size_t looked = 0;
+  for (std::filesystem::directory_iterator entry(project_directory + "/fields/out", error), end;
+       !error && entry != end && looked < kLookedAt; entry.increment(error), ++looked) {
+    const std::string name = entry->path().filename().string();
+    if (name.size() > 4 && name.front() != '.' && name.ends_with(".npy")) names.push_back(name.substr(0, name.size() - 4));
+  }
+  if (names.empty()) return project_name(project) + " has published no output";
+  std::sort(names.begin(), names.end());
+  std::string listed = "the outputs " + project_name(project) + " has published: ";
+  for (std::size_t i = 0; i < std::min(names.size(), kListed); ++i) listed += (i == 0 ? "" : ", ") + names[i];
+  if (names.size() > kListed) listed += " and " + std::to_string(names.size() - kListed) + " more";
+  return listed;
 }
 
 bool write_field(const std::string& path, const Header& header, const void* data, std::string& error) {

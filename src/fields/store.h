@@ -14,6 +14,11 @@ namespace lockstep::fields {
 // "DIR/fields/out/NAME.npy" or "DIR/fields/in/NAME.npy".
 std::string field_path(const std::string& project_directory, Role role, const std::string& name);
 
+// What a wrong output name is weighed against: "the outputs main has
+// published: T, v", at most the first 20 by name, or "main has published
+// no output".
+std::string published_outputs(const std::string& project_directory, int project);
+
 // Writes the header and `data` (the values in the header's order); creates
 // the fields directories when missing. False with the reason in `error`.
 bool write_field(const std::string& path, const Header& header, const void* data, std::string& error);

@@ -381,6 +381,20 @@ bool describe_stored(const std::string& directory, std::string& text) {
       weights.view.defect() != nullptr) {
     text = directory + " holds no weights that lockstep-exchange wrote (about.txt, indptr.npy, indices.npy, "
            "data.npy): remove it, and the next stage computes them again";
+    // mappings/ itself: removing it would remove every mapping's weights.
+    std::string first;
+    std::size_t inside = 0;
+    std::error_code error;
+    for (fs::directory_iterator entry(directory, error), end; !error && entry != end; entry.increment(error)) {
+      const std::string name = entry->path().filename().string();
+      if (name.size() != 32 || name.find_first_not_of("0123456789abcdef") != std::string::npos) continue;
+      if (first.empty() || name < first) first = name;
+      ++inside;
+    }
+    if (inside > 0) {
+      text = directory + " holds the weights of " + std::to_string(inside) + (inside == 1 ? " mapping" : " mappings") +
+             " in directories of their own: give one of them (" + (fs::path(directory) / first).string() + ")";
+    }
     return false;
   }
   double low = 0, high = 0;

@@ -62,7 +62,7 @@ def test_values_go_from_a_solver_through_the_interaction_program_to_the_next(tre
 
     # A program started with the wrong stage writes a stamp the solver refuses.
     lockstep.Interaction(["1", "1", "1", "3"]).put("left", [1.0])
-    with pytest.raises(lockstep.StaleFieldError, match="started for a later request than the driver's"):
+    with pytest.raises(lockstep.StaleFieldError, match="most likely left from an earlier run"):
         sub1.get("left")
 
 
