@@ -69,6 +69,14 @@ def main() -> int:
         assert grid.find(".//PointData/DataArray").get("Name") == 'p&q <"r">'
         assert (meshio.read(work / "o&o" / "a&b-1.vtu").point_data['p&q <"r">'][:, 0]
                 == numpy.load(fields / "T-0001.npy")).all()
+        # Two fields of one cycle are no time series.
+        same = subprocess.run([ctl, "field", "export", "--mesh", fields / "grid.npy", "--output", work / "same.pvd",
+                               fields / "T-0001.npy", odd], capture_output=True, text=True)
+        assert same.returncode == 1
+        assert same.stderr == (f"lockstepctl field: {fields / 'T-0001.npy'} and {odd} are both of cycle 1: a .pvd "
+                               "collection is a time series of one field file per cycle; give one of them, or write "
+                               "both into one .vtu\n"), same.stderr
+        assert not (work / "same.pvd").exists()
         print("heat example: VTK files read back by meshio, values equal to the fields'")
     return 0
 

@@ -160,6 +160,17 @@ bool export_fields(const ExportRequest& request, std::vector<std::string>& writt
     error = request.output + ": name a .vtu file (one grid) or a .pvd file (a collection, a grid per field file)";
     return false;
   }
+  // A time series: one step per cycle, or ParaView shows one of two
+  // fields at that time and hides the other.
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    for (std::size_t j = 0; j < i; ++j) {
+      if (values[j].cycle != values[i].cycle) continue;
+      error = request.fields[j] + " and " + request.fields[i] + " are both of cycle " +
+              std::to_string(values[i].cycle) + ": a .pvd collection is a time series of one field file per cycle; "
+              "give one of them, or write both into one .vtu";
+      return false;
+    }
+  }
   std::string collection = "<?xml version=\"1.0\"?>\n<VTKFile type=\"Collection\" version=\"0.1\">\n<Collection>\n";
   const std::string name = shared_name(values);
   for (Values& step : values) step.name = name;

@@ -262,7 +262,10 @@ std::string describe(const Mapping& mapping, const WeightsView& weights, const D
                 "checked: row sums at most %.3g from 1, mapped positions at most %.3g farther from their targets "
                 "than the nearest source point\n",
                 largest.row_sum, largest.position);
-  return mapping.description + "\n" + mapping.method.canonical() + "\nrows " + std::to_string(weights.rows) +
+  // The basis the mesh's dimension chose, where the line names none.
+  Method used = mapping.method;
+  if (used.kind == Kind::kRbf || used.kind == Kind::kRbfPum) used.basis = used.basis_for(mapping.from->dimension);
+  return mapping.description + "\n" + used.canonical() + "\nrows " + std::to_string(weights.rows) +
          " (target points), columns " + std::to_string(weights.columns) + " (source points), values " +
          std::to_string(weights.count) + "\n" + checked + checksum_line(weights.checksum());
 }

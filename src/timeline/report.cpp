@@ -114,7 +114,25 @@ std::string text_report(const Timeline& timeline) {
   out << "run: " << seconds_text(timeline.run_time) << ", " << stages << (stages == 1 ? " stage" : " stages")
       << stage_range(timeline) << "; " << exit_text(timeline.exit) << "\n";
   if (timeline.complete_stages != stages) {
-    out << "  " << stages - timeline.complete_stages << " of them not done by every project\n";
+    out << "  " << stages - timeline.complete_stages << " of them not done by every project:";
+    // The first few: a run cut short has one, the one it stopped in.
+    constexpr std::size_t kNamed = 5;
+    std::size_t named = 0;
+    for (const Stage& stage : timeline.stages) {
+      if (stage.end) continue;
+      if (named++ == kNamed) {
+        out << " ...";
+        break;
+      }
+      std::string missing;
+      for (std::size_t index = 0; index < stage.projects.size(); ++index) {
+        if (stage.projects[index] && stage.projects[index]->done) continue;
+        missing += (missing.empty() ? "" : ", ") + project_name(timeline, static_cast<int>(index));
+      }
+      out << (named == 1 ? " " : "; ") << project::describe(stage.request) << " by "
+          << (missing.empty() ? std::string("?") : missing);
+    }
+    out << "\n";
   }
   if (timeline.bad_lines > 0) out << "  " << timeline.bad_lines << " unreadable lines skipped (a recording cut short?)\n";
   out << "\n";

@@ -52,7 +52,7 @@ TEST(TimelineTest, StagesHoldersDriverShareAndACutShortLine) {
   EXPECT_EQ(text_report(run),
             "run: 0.060 s, 3 stages (cycle 1, time step 1, stage 1 to cycle 1, time step 1, stage 2); the recording "
             "ends before the driver did\n"
-            "  1 of them not done by every project\n"
+            "  1 of them not done by every project: cycle 1, time step 1, stage 2 by main, sub1\n"
             "  1 unreadable lines skipped (a recording cut short?)\n"
             "\n"
             "PROJECT      SERVED  MEDIAN ms     P95 ms     MAX ms   HELD THE RUN\n"

@@ -275,8 +275,8 @@ def mapping_weights(from_mesh: Any, to_mesh: Any, map: str = "nearest-neighbour"
     ``(rows, columns, values, shape)`` as NumPy arrays and a tuple, ready for
     ``scipy.sparse.coo_matrix((values, (rows, columns)), shape)``, whose
     product with values on ``from_mesh`` gives values on ``to_mesh``.
-    Meshes are float64 arrays (n,) or (n, d); cells int arrays (m, 3) or
-    (m, 4). The other words are the table's, with ``_`` for ``-``:
+    Meshes are float64 arrays (n,) or (n, d); cells int arrays (m, 2)
+    (segments), (m, 3) (triangles) or (m, 4) (tetrahedra). The other words are the table's, with ``_`` for ``-``:
     ``constraint="conservative"``, ``basis="gaussian"``, ``shape=2.0``,
     ``radius=0.1``, ``polynomial="off"``, ``cluster_size=80``, ``overlap=0.5``."""
     options = {"map": map}
