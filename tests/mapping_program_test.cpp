@@ -11,6 +11,7 @@
 #include <filesystem>
 
 #include "fields/store.h"
+#include "resume/checkpoint.h"
 #include "run_tree.h"
 
 namespace lockstep::testing {
@@ -159,6 +160,45 @@ TEST_F(MappingRunTest, ValuesFollowTheMeshesAndWeightsAreKeptPerMesh) {
     ASSERT_EQ(exchange(table).status, 0);
     EXPECT_EQ(input("v"), (std::vector<double>{10, -10, 11, -11, 12, -12})) << planted[0];
   }
+}
+
+// A whole run for ParaView: a collection per mesh a mapping names, over
+// the checkpoints and the fields as they stand, the inputs beside the
+// outputs.
+TEST_F(MappingRunTest, TheWholeRunExportsACollectionPerMeshOverTheStagesKept) {
+  publish<double>(0, "x", Type::kFloat64, {3}, {0, 1, 2});
+  publish<std::int32_t>(0, "seg", Type::kInt32, {2, 2}, {0, 1, 1, 2});
+  publish<double>(0, "T", Type::kFloat64, {3}, {1, 2, 3});
+  publish<double>(1, "y", Type::kFloat64, {2}, {0.5, 1.5});
+  ASSERT_EQ(exchange("main T sub1 T map=linear from-mesh=x from-cells=seg to-mesh=y\n").status, 0);
+  std::string error;
+  ASSERT_TRUE(resume::record_checkpoint(tree.project(0).string(), 1, error)) << error;
+  const std::vector<double> later = {4, 5, 6};
+  ASSERT_TRUE(fields::write_field(fields::field_path(tree.project(0).string(), Role::kOutput, "T"),
+                                  {Type::kFloat64, false, {3}, {0, Role::kOutput, {2, 1, 1}}}, later.data(), error));
+  const Exit exported = run_program({LOCKSTEPCTL_BINARY, "field", "export", "--run", ".", "--output", "vtk"}, tree.run());
+  ASSERT_EQ(exported.status, 0) << exported.err;
+  EXPECT_EQ(exported.out, "wrote vtk/main-x-1.vtu\nwrote vtk/main-x-2.vtu\nwrote vtk/main-x.pvd\n"
+                          "wrote vtk/sub1-y-1.vtu\nwrote vtk/sub1-y.pvd\n");
+  const auto vtk = tree.run() / "vtk";
+  EXPECT_EQ(read_file(vtk / "main-x.pvd"),
+            "<?xml version=\"1.0\"?>\n<VTKFile type=\"Collection\" version=\"0.1\">\n<Collection>\n"
+            "<DataSet timestep=\"1\" part=\"0\" file=\"main-x-1.vtu\"/>\n"
+            "<DataSet timestep=\"2\" part=\"0\" file=\"main-x-2.vtu\"/>\n</Collection>\n</VTKFile>\n");
+  EXPECT_THAT(read_file(vtk / "main-x-1.vtu"), HasSubstr("Name=\"T\" NumberOfComponents=\"1\" format=\"ascii\">\n1 2 3 \n"));
+  EXPECT_THAT(read_file(vtk / "main-x-2.vtu"), HasSubstr("Name=\"T\" NumberOfComponents=\"1\" format=\"ascii\">\n4 5 6 \n"));
+  EXPECT_THAT(read_file(vtk / "main-x-2.vtu"), HasSubstr("NumberOfPoints=\"3\" NumberOfCells=\"2\""));
+  EXPECT_THAT(read_file(vtk / "sub1-y-1.vtu"),
+              HasSubstr("Name=\"T (input)\" NumberOfComponents=\"1\" format=\"ascii\">\n1.5 2.5 \n"));
+  // A table without a mapping names no mesh; nothing is a usage error.
+  write_file(tree.run() / "exchange.dat", "main T sub1 T\n");
+  const Exit no_mesh = run_program({LOCKSTEPCTL_BINARY, "field", "export", "--run", ".", "--output", "vtk"}, tree.run());
+  EXPECT_EQ(no_mesh.status, 1);
+  EXPECT_EQ(no_mesh.err, "lockstepctl field: ./exchange.dat names no mesh (map= lines with from-mesh= and to-mesh=): "
+                         "export the fields of a mesh with --mesh instead\n");
+  const Exit neither = run_program({LOCKSTEPCTL_BINARY, "field", "export", "--output", "vtk"}, tree.run());
+  EXPECT_EQ(neither.status, 2);
+  EXPECT_EQ(neither.err, "lockstepctl field export: give --mesh FILE and FIELD files, or --run RUN_DIR\n");
 }
 
 TEST_F(MappingRunTest, EveryFaultOfAMappingIsRefusedWithItsLine) {

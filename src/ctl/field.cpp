@@ -95,15 +95,36 @@ int field_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
       "a vertex per point without them) as VTK XML: into one grid when OUTPUT ends in\n"
       ".vtu, each field an array named after its file; or, when OUTPUT ends in .pvd, a\n"
       "grid per FIELD file beside it and a collection over the cycles their stamps name,\n"
-      "which ParaView plays as a time series.\n\nExit status: 0, 1 when a file cannot be read or written, 2 on a usage error.");
-  export_command->add_option("--mesh", exported.mesh, "the mesh's points (a field file)")->required()->type_name("FILE");
-  export_command->add_option("--cells", exported.cells, "the mesh's cells (a field file)")->type_name("FILE");
-  export_command->add_option("--output", exported.output, "NAME.vtu or NAME.pvd")->required()->type_name("OUTPUT");
-  export_command->add_option("FIELD", exported.fields, "field files on the mesh")->required()->type_name("");
+      "which ParaView plays as a time series.\n\n"
+      "With --run RUN_DIR instead of --mesh and FIELD: the whole run, into the directory\n"
+      "OUTPUT: for each mesh that a mapping line of RUN_DIR/exchange.dat names, with its\n"
+      "cells, PROJECT-MESH.pvd over the stages the run kept (each checkpoint, then the\n"
+      "fields as they stand), each step a grid of the project's outputs and inputs\n"
+      "(\"NAME (input)\") on that mesh.\n\n"
+      "Exit status: 0, 1 when a file cannot be read or written, 2 on a usage error.");
+  std::string run_directory;
+  CLI::Option* run_option =
+      export_command->add_option("--run", run_directory, "a run directory: export the whole run")->type_name("RUN_DIR");
+  CLI::Option* mesh_option =
+      export_command->add_option("--mesh", exported.mesh, "the mesh's points (a field file)")->type_name("FILE");
+  export_command->add_option("--cells", exported.cells, "the mesh's cells (a field file)")->type_name("FILE")
+      ->excludes(run_option);
+  export_command->add_option("--output", exported.output, "NAME.vtu or NAME.pvd; with --run, a directory")
+      ->required()->type_name("OUTPUT");
+  CLI::Option* field_option =
+      export_command->add_option("FIELD", exported.fields, "field files on the mesh")->type_name("");
+  run_option->excludes(mesh_option)->excludes(field_option);
+  mesh_option->needs(field_option);
+  field_option->needs(mesh_option);
   if (const auto status = parse(app, words(argc, argv), out, err)) return *status;
   if (export_command->parsed()) {
+    if (run_option->count() == 0 && mesh_option->count() == 0) {
+      err << "lockstepctl field export: give --mesh FILE and FIELD files, or --run RUN_DIR\n";
+      return 2;
+    }
     std::vector<std::string> written;
-    if (!export_fields(exported, written, error)) {
+    if (run_option->count() > 0 ? !export_tree(run_directory, exported.output, written, error)
+                                : !export_fields(exported, written, error)) {
       err << "lockstepctl field: " << text::printable(error) << "\n";
       return 1;
     }

@@ -7,9 +7,14 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <set>
+#include <tuple>
 
+#include "config/project_tree.h"
+#include "exchange/table.h"
 #include "fields/store.h"
 #include "mapping/mesh.h"
+#include "resume/checkpoint.h"
 
 namespace lockstep::ctl {
 namespace {
@@ -124,6 +129,92 @@ bool write_grid(const std::string& path, const mapping::Points& points, const st
   return static_cast<bool>(out);
 }
 
+// One step of a collection: a grid and its fields at one cycle.
+struct Step {
+  int cycle = 0;
+  mapping::Points points;
+  std::optional<mapping::Cells> cells;
+  std::vector<Values> fields;
+};
+
+// The steps as grids beside `output` (its stem, "-1.vtu", "-2.vtu", ...)
+// and the collection over them at `output`.
+bool write_collection(const std::string& output, const std::vector<Step>& steps, std::vector<std::string>& written,
+                      std::string& error) {
+  const fs::path path(output);
+  std::string collection = "<?xml version=\"1.0\"?>\n<VTKFile type=\"Collection\" version=\"0.1\">\n<Collection>\n";
+  for (std::size_t i = 0; i < steps.size(); ++i) {
+    const std::string grid = path.stem().string() + "-" + std::to_string(i + 1) + ".vtu";
+    const std::string grid_path = (path.parent_path() / grid).string();
+    std::vector<const Values*> fields;
+    for (const Values& field : steps[i].fields) fields.push_back(&field);
+    if (!write_grid(grid_path, steps[i].points, steps[i].cells, fields, error)) return false;
+    written.push_back(grid_path);
+    collection += "<DataSet timestep=\"" + std::to_string(steps[i].cycle) + "\" part=\"0\" file=\"" +
+                  attribute(grid) + "\"/>\n";
+  }
+  std::ofstream out(output);
+  out << collection << "</Collection>\n</VTKFile>\n";
+  out.close();
+  if (!out) {
+    error = "cannot write " + output;
+    return false;
+  }
+  written.push_back(output);
+  return true;
+}
+
+// The mesh `mesh` (with `cells`, when named) in the fields of `source`, a
+// project directory or one of its checkpoints, and every output and input
+// there that lies on it: nothing when the mesh is not there; an error only
+// when it cannot be read as a mesh. Its cycle: the newest stamp's.
+std::optional<Step> tree_step(const fs::path& source, const std::string& mesh, const std::string& cells,
+                              std::string& error) {
+  const fs::path outputs = source / "fields" / "out";
+  std::error_code missing;
+  if (!fs::exists(outputs / (mesh + ".npy"), missing)) return std::nullopt;
+  Step step;
+  fields::Header header;
+  std::vector<char> bytes;
+  const std::string mesh_path = (outputs / (mesh + ".npy")).string();
+  if (!read_whole(mesh_path, header, bytes, error)) return std::nullopt;
+  if (error = mapping::points_from_field(header, bytes.data(), step.points); !error.empty()) {
+    error = mesh_path + ": " + error;
+    return std::nullopt;
+  }
+  step.cycle = header.stamp.request.cycle;
+  if (!cells.empty()) {
+    const std::string cells_path = (outputs / (cells + ".npy")).string();
+    step.cells.emplace();
+    if (!read_whole(cells_path, header, bytes, error) ||
+        !(error = mapping::cells_from_field(header, bytes.data(), step.points, *step.cells)).empty()) {
+      error = cells_path + ": " + error;
+      return std::nullopt;
+    }
+  }
+  for (const std::string role : {"out", "in"}) {
+    std::vector<fs::path> files;
+    for (fs::directory_iterator entry(source / "fields" / role, missing), end; !missing && entry != end;
+         entry.increment(missing)) {
+      const std::string name = entry->path().filename().string();
+      if (name.front() == '.' || !name.ends_with(".npy")) continue;
+      if (role == "out" && (entry->path().stem() == mesh || entry->path().stem() == cells)) continue;
+      files.push_back(entry->path());
+    }
+    std::sort(files.begin(), files.end());
+    for (const fs::path& file : files) {
+      Values values;
+      std::string off_mesh;
+      // A field of another mesh, or no values at all: not this grid's.
+      if (!read_values(file.string(), step.points.count, values, off_mesh)) continue;
+      if (role == "in") values.name += " (input)";
+      step.cycle = std::max(step.cycle, values.cycle);
+      step.fields.push_back(std::move(values));
+    }
+  }
+  return step;
+}
+
 }  // namespace
 
 bool export_fields(const ExportRequest& request, std::vector<std::string>& written, std::string& error) {
@@ -171,24 +262,59 @@ bool export_fields(const ExportRequest& request, std::vector<std::string>& writt
       return false;
     }
   }
-  std::string collection = "<?xml version=\"1.0\"?>\n<VTKFile type=\"Collection\" version=\"0.1\">\n<Collection>\n";
   const std::string name = shared_name(values);
-  for (Values& step : values) step.name = name;
-  for (std::size_t i = 0; i < values.size(); ++i) {
-    const std::string grid = output.stem().string() + "-" + std::to_string(i + 1) + ".vtu";
-    const std::string path = (output.parent_path() / grid).string();
-    if (!write_grid(path, points, cells, {&values[i]}, error)) return false;
-    written.push_back(path);
-    collection += "<DataSet timestep=\"" + std::to_string(values[i].cycle) + "\" part=\"0\" file=\"" + attribute(grid) + "\"/>\n";
+  std::vector<Step> steps;
+  for (Values& field : values) {
+    field.name = name;
+    steps.push_back({field.cycle, points, cells, {field}});
   }
-  std::ofstream out(request.output);
-  out << collection << "</Collection>\n</VTKFile>\n";
-  out.close();
-  if (!out) {
-    error = "cannot write " + request.output;
+  return write_collection(request.output, steps, written, error);
+}
+
+bool export_tree(const std::string& run_directory, const std::string& output_directory,
+                 std::vector<std::string>& written, std::string& error) {
+  const fs::path run(run_directory);
+  exchange::Table table;
+  if (!exchange::read_table((run / exchange::kTableFile).string(), table, error)) return false;
+  // (project, mesh, cells) for every mesh a mapping line names.
+  std::set<std::tuple<int, std::string, std::string>> meshes;
+  for (const exchange::Copy& copy : table.copies) {
+    if (copy.mapping.empty()) continue;
+    const auto word = [&copy](const char* key) {
+      return copy.mapping.count(key) > 0 ? copy.mapping.at(key) : std::string();
+    };
+    meshes.insert({copy.from, word("from-mesh"), word("from-cells")});
+    meshes.insert({copy.to, word("to-mesh"), word("to-cells")});
+  }
+  if (meshes.empty()) {
+    error = (run / exchange::kTableFile).string() + " names no mesh (map= lines with from-mesh= and to-mesh=): "
+            "export the fields of a mesh with --mesh instead";
     return false;
   }
-  written.push_back(request.output);
+  std::error_code ignored;
+  fs::create_directories(output_directory, ignored);
+  for (const auto& [project, mesh, cells] : meshes) {
+    const fs::path directory = run / config::project_directory(project);
+    // The stages kept: each checkpoint, then the fields as they stand.
+    std::vector<std::pair<fs::path, std::optional<std::int32_t>>> sources;
+    for (const std::int32_t cycle : resume::recorded_cycles(directory.string())) {
+      sources.push_back({directory / resume::kCheckpointDirectory / std::to_string(cycle), cycle});
+    }
+    sources.push_back({directory, std::nullopt});
+    std::vector<Step> steps;
+    for (const auto& [source, kept_cycle] : sources) {
+      std::optional<Step> step = tree_step(source, mesh, cells, error);
+      if (!error.empty()) return false;
+      if (!step) continue;
+      if (kept_cycle) step->cycle = *kept_cycle;
+      // The fields as they stand are often the last checkpoint's.
+      if (!kept_cycle && !steps.empty() && steps.back().cycle >= step->cycle) continue;
+      steps.push_back(std::move(*step));
+    }
+    if (steps.empty()) continue;
+    const std::string name = fields::project_name(project) + "-" + mesh + ".pvd";
+    if (!write_collection((fs::path(output_directory) / name).string(), steps, written, error)) return false;
+  }
   return true;
 }
 

@@ -18,4 +18,12 @@ struct ExportRequest {
 // Writes the files; false with the reason in `error`. `written` lists them.
 bool export_fields(const ExportRequest& request, std::vector<std::string>& written, std::string& error);
 
+// A whole run tree: for every mesh its exchange table names (with its
+// cells), a collection `output_directory`/PROJECT-MESH.pvd over the stages
+// the run kept (each checkpoint, then the fields as they stand), each step
+// a grid of every output and input of the project on that mesh. False with
+// the reason in `error`.
+bool export_tree(const std::string& run_directory, const std::string& output_directory,
+                 std::vector<std::string>& written, std::string& error);
+
 }  // namespace lockstep::ctl
