@@ -11,6 +11,7 @@
 #include "config/project_tree.h"
 #include "config/settings.h"
 #include "ctl/drivers.h"
+#include "handshake/readiness.h"
 #include "records/input.h"
 #include "records/status.h"
 
@@ -288,6 +289,8 @@ std::string ProjectState::lock_history() const {
 }
 
 std::string unserved_advice(const ProjectState& project, pid_t driver) {
+  static_assert(handshake::kPollLimit == 1'000'000 && handshake::kPollPause.count() == 1,
+                "the advice names the driver's poll limit and pause");
   return "no process serves " + project.name() + " (" + project.lock_history() +
          "), and lockstep waits for its done: it goes on without it once its wait reaches 1,000,000 passes, at "
          "least 17 minutes into the stage, and the run is wrong from there. Restart the solver in " +
