@@ -41,6 +41,12 @@ TEST(CInterfaceTest, DistinctCodesForEachWayTheDriverMovesOn) {
   EXPECT_EQ((std::array{cycle, time_step, stage}), (std::array{1, 1, 1}));
   EXPECT_EQ(lockstep_project_done(project), LOCKSTEP_PROJECT_OK);
 
+  // A solver whose saved state is gone says so, for the run to stop.
+  EXPECT_EQ(lockstep_project_cannot_resume(project, "state.h5 is missing"), LOCKSTEP_PROJECT_ERROR);
+  EXPECT_EQ(std::string(lockstep_project_error(project)),
+            dir.path().string() + " cannot resume after cycle 0: state.h5 is missing; the run needs every solver's "
+            "state after that cycle: stop lockstep, then resume after a cycle whose state every solver kept "
+            "(lockstepctl resume --after-cycle C RUN_DIR)");
   lockstep_project_close(project);
 }
 
