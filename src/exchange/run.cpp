@@ -37,9 +37,14 @@ bool map_copy(const Copy& copy, fields::InteractionFields& fields, std::string& 
   mapping::parse_method(copy.mapping, method, names);
   const auto name = [&](const char* key) { return names.count(key) > 0 ? &names.at(key) : nullptr; };
   // Meshes are outputs published at any time: the newest is the mesh.
-  const mapping::FieldReader read = [&fields](int project, const std::string& field, fields::Header& header,
-                                              std::vector<char>& values, std::string& reason) {
-    return read_whole(fields, project, field, fields::Accept::kAny, values, header, reason);
+  // The input takes the parts of the mesh it is mapped onto, so that each
+  // rank of a parallel project gets the rows of its own points.
+  std::vector<std::int64_t> to_parts;
+  const mapping::FieldReader read = [&](int project, const std::string& field, fields::Header& header,
+                                        std::vector<char>& values, std::string& reason) {
+    if (!read_whole(fields, project, field, fields::Accept::kAny, values, header, reason)) return false;
+    if (project == copy.to && field == names.at("to-mesh")) to_parts = header.parts;
+    return true;
   };
   mapping::Points from, to;
   std::optional<mapping::Cells> from_cells, to_cells;
@@ -84,7 +89,7 @@ bool map_copy(const Copy& copy, fields::InteractionFields& fields, std::string& 
   if (error = mapping::map_values(".", wanted, rows.data(), components, mapped.data()); !error.empty()) return false;
   std::vector<std::int64_t> shape = {static_cast<std::int64_t>(to.count)};
   if (header.shape.size() == 2) shape.push_back(static_cast<std::int64_t>(components));
-  if (fields.put(copy.input, {fields::Type::kFloat64, shape, false, mapped.data()}) != fields::Outcome::kOk) {
+  if (fields.put(copy.input, {fields::Type::kFloat64, shape, false, mapped.data(), to_parts}) != fields::Outcome::kOk) {
     error = fields.error();
     return false;
   }

@@ -1,5 +1,6 @@
 #include "fields/access.h"
 
+#include <algorithm>
 #include <chrono>
 #include <charconv>
 #include <thread>
@@ -52,7 +53,21 @@ Outcome put_field(const std::string& name, const std::string& path, const Stamp&
     error = "field \"" + name + "\" has an invalid shape " + shape_text(values.shape);
     return Outcome::kError;
   }
-  Header header{values.type, values.column_major && values.shape.size() > 1, values.shape, stamp};
+  if (!values.parts.empty()) {
+    std::int64_t rows = 0;
+    const bool fits = values.parts.size() <= kMaxParts && !values.shape.empty() &&
+                      std::all_of(values.parts.begin(), values.parts.end(), [&](std::int64_t part) {
+                        if (part < 0 || part > values.shape[0] - rows) return false;
+                        rows += part;
+                        return true;
+                      });
+    if (!fits || rows != values.shape[0]) {
+      error = "field \"" + name + "\" of shape " + shape_text(values.shape) + " cannot have the parts " +
+              parts_text(values.parts);
+      return Outcome::kError;
+    }
+  }
+  Header header{values.type, values.column_major && values.shape.size() > 1, values.shape, stamp, values.parts};
   return write_field(path, header, values.data, error) ? Outcome::kOk : Outcome::kError;
 }
 

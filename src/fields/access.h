@@ -27,6 +27,9 @@ struct Values {
   std::vector<std::int64_t> shape;
   bool column_major = false;
   void* data = nullptr;
+  // Each rank's row count when the values are the parts of a parallel
+  // project's ranks (Header::parts); empty otherwise.
+  std::vector<std::int64_t> parts = {};
 };
 
 // Where read values go: given the file's header, a buffer for them in the
@@ -60,8 +63,8 @@ Outcome get_field(const std::string& name, const std::string& path,
 
 // A destination that takes exactly `values`' type and shape, rearranged to
 // its order; `scratch` holds values that need rearranging meanwhile.
-Destination into(const Values& values, std::vector<char>& scratch);
+LOCKSTEP_API Destination into(const Values& values, std::vector<char>& scratch);
 // After a read into(values, scratch): moves rearranged values in place.
-void finish_into(const Values& values, const Header& header, const std::vector<char>& scratch);
+LOCKSTEP_API void finish_into(const Values& values, const Header& header, const std::vector<char>& scratch);
 
 }  // namespace lockstep::fields

@@ -2,6 +2,7 @@
 #include <memory>
 #include <string>
 
+#include "fields/c_values.h"
 #include "fields/interaction.h"
 #include "fields/lockstep_fields.h"
 #include "fields/solver.h"
@@ -14,51 +15,12 @@ struct lockstep_interaction {
 namespace {
 
 using lockstep::fields::Accept;
+using lockstep::fields::accept_of;
+using lockstep::fields::code;
+using lockstep::fields::copy_error;
 using lockstep::fields::Outcome;
-using lockstep::fields::Type;
 using lockstep::fields::Values;
-
-int code(Outcome outcome) {
-  switch (outcome) {
-    case Outcome::kOk: return LOCKSTEP_PROJECT_OK;
-    case Outcome::kStale: return LOCKSTEP_FIELD_STALE;
-    case Outcome::kError: break;
-  }
-  return LOCKSTEP_PROJECT_ERROR;
-}
-
-// The values as the library takes them, or the reason they cannot be.
-bool values_of(int type, int rank, const int64_t* shape, int order, const void* data, Values& values,
-               std::string& error) {
-  switch (type) {
-    case LOCKSTEP_FLOAT64: values.type = Type::kFloat64; break;
-    case LOCKSTEP_INT32: values.type = Type::kInt32; break;
-    case LOCKSTEP_INT64: values.type = Type::kInt64; break;
-    default: error = "unknown value type " + std::to_string(type) + "; use LOCKSTEP_FLOAT64, _INT32 or _INT64"; return false;
-  }
-  if (rank < 0 || rank > static_cast<int>(lockstep::fields::kMaxRank) || (rank > 0 && shape == nullptr)) {
-    error = "a field has 0 to " + std::to_string(lockstep::fields::kMaxRank) + " dimensions, not " +
-            std::to_string(rank);
-    return false;
-  }
-  if (order != LOCKSTEP_ROW_MAJOR && order != LOCKSTEP_COLUMN_MAJOR) {
-    error = "unknown order " + std::to_string(order) + "; use LOCKSTEP_ROW_MAJOR or LOCKSTEP_COLUMN_MAJOR";
-    return false;
-  }
-  values.shape.assign(shape, shape + rank);
-  values.column_major = order == LOCKSTEP_COLUMN_MAJOR;
-  values.data = const_cast<void*>(data);
-  return true;
-}
-
-bool accept_of(int accept, Accept& rule, std::string& error) {
-  switch (accept) {
-    case LOCKSTEP_ACCEPT_STAGE: rule = Accept::kStage; return true;
-    case LOCKSTEP_ACCEPT_TIME_STEP: rule = Accept::kTimeStep; return true;
-    case LOCKSTEP_ACCEPT_ANY: rule = Accept::kAny; return true;
-    default: error = "unknown rule " + std::to_string(accept) + "; use LOCKSTEP_ACCEPT_STAGE, _TIME_STEP or _ANY"; return false;
-  }
-}
+using lockstep::fields::values_of;
 
 // The project's fields, or nullptr with the reason kept for
 // lockstep_project_error.
@@ -100,11 +62,7 @@ lockstep_interaction* lockstep_interaction_open(int argc, const char* const* arg
   std::string reason;
   auto fields = lockstep::fields::InteractionFields::open(argc > 0 ? argc - 1 : 0, argv + (argc > 0 ? 1 : 0), reason);
   if (!fields) {
-    if (error != nullptr && error_size > 0) {
-      const std::size_t length = std::min(reason.size(), static_cast<std::size_t>(error_size - 1));
-      std::memcpy(error, reason.data(), length);
-      error[length] = '\0';
-    }
+    copy_error(reason, error, error_size);
     return nullptr;
   }
   return new lockstep_interaction{std::move(fields)};
@@ -148,3 +106,56 @@ const char* lockstep_interaction_error(const lockstep_interaction* interaction) 
 void lockstep_interaction_close(lockstep_interaction* interaction) { delete interaction; }
 
 }  // extern "C"
+
+namespace lockstep::fields {
+
+int code(Outcome outcome) {
+  switch (outcome) {
+    case Outcome::kOk: return LOCKSTEP_PROJECT_OK;
+    case Outcome::kStale: return LOCKSTEP_FIELD_STALE;
+    case Outcome::kError: break;
+  }
+  return LOCKSTEP_PROJECT_ERROR;
+}
+
+// The values as the library takes them, or the reason they cannot be.
+bool values_of(int type, int rank, const int64_t* shape, int order, const void* data, Values& values,
+               std::string& error) {
+  switch (type) {
+    case LOCKSTEP_FLOAT64: values.type = Type::kFloat64; break;
+    case LOCKSTEP_INT32: values.type = Type::kInt32; break;
+    case LOCKSTEP_INT64: values.type = Type::kInt64; break;
+    default: error = "unknown value type " + std::to_string(type) + "; use LOCKSTEP_FLOAT64, _INT32 or _INT64"; return false;
+  }
+  if (rank < 0 || rank > static_cast<int>(lockstep::fields::kMaxRank) || (rank > 0 && shape == nullptr)) {
+    error = "a field has 0 to " + std::to_string(lockstep::fields::kMaxRank) + " dimensions, not " +
+            std::to_string(rank);
+    return false;
+  }
+  if (order != LOCKSTEP_ROW_MAJOR && order != LOCKSTEP_COLUMN_MAJOR) {
+    error = "unknown order " + std::to_string(order) + "; use LOCKSTEP_ROW_MAJOR or LOCKSTEP_COLUMN_MAJOR";
+    return false;
+  }
+  values.shape.assign(shape, shape + rank);
+  values.column_major = order == LOCKSTEP_COLUMN_MAJOR;
+  values.data = const_cast<void*>(data);
+  return true;
+}
+
+bool accept_of(int accept, Accept& rule, std::string& error) {
+  switch (accept) {
+    case LOCKSTEP_ACCEPT_STAGE: rule = Accept::kStage; return true;
+    case LOCKSTEP_ACCEPT_TIME_STEP: rule = Accept::kTimeStep; return true;
+    case LOCKSTEP_ACCEPT_ANY: rule = Accept::kAny; return true;
+    default: error = "unknown rule " + std::to_string(accept) + "; use LOCKSTEP_ACCEPT_STAGE, _TIME_STEP or _ANY"; return false;
+  }
+}
+
+void copy_error(const std::string& reason, char* error, int error_size) {
+  if (error == nullptr || error_size <= 0) return;
+  const std::size_t length = std::min(reason.size(), static_cast<std::size_t>(error_size - 1));
+  std::memcpy(error, reason.data(), length);
+  error[length] = '\0';
+}
+
+}  // namespace lockstep::fields

@@ -10,6 +10,9 @@ namespace {
 
 constexpr std::string_view kMagic{"\x93NUMPY\x01\x00", 8};
 constexpr std::size_t kPreamble = kMagic.size() + 2;  // magic, version, header length
+// Format 2.0's preamble, with a four-byte header length.
+constexpr std::size_t kLongPreamble = kMagic.size() + 4;
+constexpr std::size_t kShortHeaderLimit = 65535;
 // NumPy aligns the values to 64 bytes; so do we.
 constexpr std::size_t kAlignment = 64;
 constexpr std::string_view kStampMark = "# lockstep field:";
@@ -100,7 +103,56 @@ bool parse_stamp(std::string_view text, Stamp& stamp) {
   return true;
 }
 
+// The parts as parts_text writes them, at most kMaxParts and summing to
+// `rows`.
+bool parse_parts(std::string_view text, std::int64_t rows, std::vector<std::int64_t>& parts) {
+  parts.clear();
+  std::int64_t left = rows;
+  while (!text.empty()) {
+    const std::size_t comma = text.find(',');
+    const std::string_view run = text.substr(0, comma);
+    const std::size_t star = run.find('*');
+    std::int64_t count = 0, repeat = 1;
+    if (!parse_int(run.substr(0, star), count) || count < 0 ||
+        (star != std::string_view::npos && (!parse_int(run.substr(star + 1), repeat) || repeat < 1))) {
+      return false;
+    }
+    // Checked before anything is added or multiplied: nothing may wrap.
+    if (static_cast<std::uint64_t>(repeat) > kMaxParts - parts.size() || (count > 0 && repeat > left / count)) {
+      return false;
+    }
+    parts.insert(parts.end(), static_cast<std::size_t>(repeat), count);
+    left -= count * repeat;
+    if (comma == std::string_view::npos) break;
+    text.remove_prefix(comma + 1);
+  }
+  return !parts.empty() && left == 0;
+}
+
 }  // namespace
+
+std::size_t header_size(std::string_view bytes) {
+  if (bytes.size() < kPreamble || bytes.substr(0, 6) != kMagic.substr(0, 6)) return 0;
+  const auto byte = [&](std::size_t at) { return static_cast<std::size_t>(static_cast<unsigned char>(bytes[at])); };
+  if (bytes[6] == 2 && bytes[7] == 0) {
+    if (bytes.size() < kLongPreamble) return 0;
+    return kLongPreamble + (byte(8) | byte(9) << 8 | byte(10) << 16 | byte(11) << 24);
+  }
+  return kPreamble + (byte(8) | byte(9) << 8);
+}
+
+std::string parts_text(const std::vector<std::int64_t>& parts) {
+  std::string text;
+  for (std::size_t at = 0; at < parts.size();) {
+    std::size_t end = at + 1;
+    while (end < parts.size() && parts[end] == parts[at]) ++end;
+    if (!text.empty()) text += ',';
+    text += std::to_string(parts[at]);
+    if (end - at > 1) text += '*' + std::to_string(end - at);
+    at = end;
+  }
+  return text;
+}
 
 std::size_t element_size(Type type) { return type == Type::kInt32 ? 4 : 8; }
 
@@ -172,13 +224,20 @@ std::string encode_header(const Header& header) {
           " cycle=" + std::to_string(header.stamp.request.cycle) +
           " time_step=" + std::to_string(header.stamp.request.time_step) +
           " stage=" + std::to_string(header.stamp.request.stage);
-  const std::size_t total = (kPreamble + text.size() + 1 + kAlignment - 1) / kAlignment * kAlignment;
-  text.append(total - kPreamble - text.size() - 1, ' ');
+  if (!header.parts.empty()) text += " parts=" + parts_text(header.parts);
+  std::size_t preamble = kPreamble;
+  std::size_t total = (preamble + text.size() + 1 + kAlignment - 1) / kAlignment * kAlignment;
+  if (total - preamble > kShortHeaderLimit) {
+    preamble = kLongPreamble;
+    total = (preamble + text.size() + 1 + kAlignment - 1) / kAlignment * kAlignment;
+  }
+  text.append(total - preamble - text.size() - 1, ' ');
   text += '\n';
-  const auto length = static_cast<std::uint16_t>(text.size());
   std::string bytes(kMagic);
-  bytes += static_cast<char>(length & 0xff);
-  bytes += static_cast<char>(length >> 8);
+  if (preamble == kLongPreamble) bytes[6] = 2;
+  for (std::size_t at = 0; at < preamble - kMagic.size(); ++at) {
+    bytes += static_cast<char>((text.size() >> (8 * at)) & 0xff);
+  }
   return bytes + text;
 }
 
@@ -187,18 +246,22 @@ bool decode_header(std::string_view bytes, Header& header, std::size_t& data_off
     error = "not a field file (no NumPy .npy header)";
     return false;
   }
-  if (bytes[6] != 1 || bytes[7] != 0) {
+  if ((bytes[6] != 1 && bytes[6] != 2) || bytes[7] != 0) {
     error = "a NumPy file of format " + std::to_string(static_cast<unsigned char>(bytes[6])) + "." +
-            std::to_string(static_cast<unsigned char>(bytes[7])) + ", not the 1.0 that field files use";
+            std::to_string(static_cast<unsigned char>(bytes[7])) + ", not the 1.0 or 2.0 that field files use";
     return false;
   }
-  const std::size_t length = static_cast<unsigned char>(bytes[8]) | static_cast<std::size_t>(
-                                                                        static_cast<unsigned char>(bytes[9]) << 8);
-  if (bytes.size() < kPreamble + length) {
+  const std::size_t preamble = bytes[6] == 1 ? kPreamble : kLongPreamble;
+  const std::size_t size = header_size(bytes);
+  if (size > kLongestHeader) {
+    error = "a header of " + std::to_string(size) + " bytes, longer than a field's can be";
+    return false;
+  }
+  if (size == 0 || bytes.size() < size || size == preamble) {
     error = "the header is cut short";
     return false;
   }
-  const std::string_view text = bytes.substr(kPreamble, length);
+  const std::string_view text = bytes.substr(preamble, size - preamble);
   const std::size_t close = text.find('}');
   std::string_view value;
   if (close == std::string_view::npos || text.front() != '{' || text.back() != '\n') {
@@ -239,7 +302,14 @@ bool decode_header(std::string_view bytes, Header& header, std::size_t& data_off
     error = "its stamp cannot be read";
     return false;
   }
-  data_offset = kPreamble + length;
+  header.parts.clear();
+  const std::string_view stamp_text = text.substr(mark, text.size() - 1 - mark);
+  if (stamp_value(stamp_text, "parts", value) &&
+      (header.shape.empty() || !parse_parts(value, header.shape[0], header.parts))) {
+    error = "its parts (" + std::string(value.substr(0, 80)) + ") do not add up to its rows";
+    return false;
+  }
+  data_offset = size;
   return true;
 }
 

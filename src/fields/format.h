@@ -36,33 +36,50 @@ struct Header {
   bool column_major = false;  // NumPy's fortran_order
   std::vector<std::int64_t> shape;
   Stamp stamp;
+  // A field put by the ranks of a parallel project: each rank's row count,
+  // in rank order, summing to shape[0]. Empty for a field put whole.
+  std::vector<std::int64_t> parts = {};
 };
 
-std::size_t element_size(Type type);
+// The most parts a field may have.
+inline constexpr std::size_t kMaxParts = std::size_t{1} << 20;
+
+LOCKSTEP_API std::size_t element_size(Type type);
 // "float64", "int32", "int64".
-std::string type_name(Type type);
+LOCKSTEP_API std::string type_name(Type type);
 // The number of values a shape holds; false when it overflows.
-bool value_count(const std::vector<std::int64_t>& shape, std::size_t& count);
+LOCKSTEP_API bool value_count(const std::vector<std::int64_t>& shape, std::size_t& count);
 
 // "(3, 2)", "(7,)" or "()", as Python writes a shape.
-std::string shape_text(const std::vector<std::int64_t>& shape);
+LOCKSTEP_API std::string shape_text(const std::vector<std::int64_t>& shape);
 
 // "the starting outputs", or the request as project::describe says it.
 std::string describe_request(const project::Request& request);
 // "output of sub1 for cycle 5, time step 2, stage 3".
 std::string describe(const Stamp& stamp);
 // "main" for 0, "sub3" for 3: the name of a project's directory.
-std::string project_name(int project);
+LOCKSTEP_API std::string project_name(int project);
 
 // A field name is 1 to kMaxNameLength letters, digits, '_', '-' and '.',
 // not starting with '.'. Empty when valid, else why not.
-std::string check_name(std::string_view name);
+LOCKSTEP_API std::string check_name(std::string_view name);
 
 // The bytes before the values: magic, version, header length, header.
+// Format 1.0, or 2.0 (a four-byte length) when the parts make the header
+// longer than 1.0 allows; NumPy reads both.
 std::string encode_header(const Header& header);
 
-// The longest header read; longer ones are not field files.
+// What is read first, which holds every header without parts.
 inline constexpr std::size_t kHeaderLimit = 4096;
+// The longest header of any field; longer ones are not field files.
+inline constexpr std::size_t kLongestHeader = 32 * std::size_t{1} << 20;
+
+// The size of the header that `bytes` starts with (magic to padding), read
+// from its preamble; 0 when `bytes` is too short to tell or no field file.
+std::size_t header_size(std::string_view bytes);
+
+// "250*3,251,0": the parts, a run of one row count as COUNT*REPEAT.
+LOCKSTEP_API std::string parts_text(const std::vector<std::int64_t>& parts);
 
 // Parses the start of a field file. On success `data_offset` is where the
 // values begin; on failure `error` says what is wrong.
@@ -70,7 +87,7 @@ bool decode_header(std::string_view bytes, Header& header, std::size_t& data_off
 
 // Rearranges `count` values of `size` bytes between row-major and
 // column-major order of `shape` (which is the same either way).
-void reorder(const std::vector<std::int64_t>& shape, std::size_t size, bool to_column_major, const void* from,
+LOCKSTEP_API void reorder(const std::vector<std::int64_t>& shape, std::size_t size, bool to_column_major, const void* from,
              void* to);
 
 }  // namespace lockstep::fields

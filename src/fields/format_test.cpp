@@ -57,8 +57,14 @@ TEST(FieldFormatTest, WhatIsNotAFieldFileSaysWhy) {
       {"", "not a field file (no NumPy .npy header)"},
       {"PK\x03\x04 a zip file", "not a field file (no NumPy .npy header)"},
       {good.substr(0, 40), "the header is cut short"},
-      {replaced(std::string("\x01\x00", 2), std::string("\x02\x00", 2)),
-       "a NumPy file of format 2.0, not the 1.0 that field files use"},
+      {replaced(std::string("\x01\x00", 2), std::string("\x03\x00", 2)),
+       "a NumPy file of format 3.0, not the 1.0 or 2.0 that field files use"},
+      {replaced("stage=1", "stage=1 parts=1,2"), "its parts (1,2) do not add up to its rows"},
+      {replaced("stage=1", "stage=1 parts=2*3"), "its parts (2*3) do not add up to its rows"},
+      {replaced("stage=1", "stage=1 parts=-1,5"), "its parts (-1,5) do not add up to its rows"},
+      {replaced("stage=1", "stage=1 parts=0*2000000"), "its parts (0*2000000) do not add up to its rows"},
+      {replaced("stage=1", "stage=1 parts=4611686018427387904*4"),
+       "its parts (4611686018427387904*4) do not add up to its rows"},
       {replaced("<f8", ">f8"), "values of type '>f8'; fields hold float64, int32 or int64, little-endian"},
       {replaced("(4,)", "(4, -1)"), "the header has no valid shape (at most 8 dimensions)"},
       {replaced("(4,)", "(1, 1, 1, 1, 1, 1, 1, 1, 1)"), "the header has no valid shape (at most 8 dimensions)"},
@@ -73,6 +79,36 @@ TEST(FieldFormatTest, WhatIsNotAFieldFileSaysWhy) {
     EXPECT_FALSE(decode_header(bytes, header, offset, error));
     EXPECT_EQ(error, message);
   }
+}
+
+TEST(FieldFormatTest, PartsAreRunsOfRowCountsAndTenThousandRanksFitAHeader) {
+  Header header{Type::kFloat64, false, {10}, {1, Role::kOutput, {2, 1, 3}}, {3, 3, 3, 0, 1}};
+  std::string bytes = encode_header(header);
+  EXPECT_NE(bytes.find(" stage=3 parts=3*3,0,1 "), std::string::npos);
+  Header decoded;
+  std::size_t offset = 0;
+  std::string error;
+  ASSERT_TRUE(decode_header(bytes, decoded, offset, error)) << error;
+  EXPECT_EQ(decoded.parts, header.parts);
+  EXPECT_EQ(parts_text({0}), "0");
+
+  // 10,000 ranks of distinct large counts overflow format 1.0's 65,535
+  // bytes: the header becomes format 2.0, still aligned to 64 bytes.
+  header.parts.clear();
+  header.shape = {0};
+  for (std::int64_t rank = 0; rank < 10000; ++rank) header.parts.push_back(1000000 + rank);
+  for (const std::int64_t part : header.parts) header.shape[0] += part;
+  bytes = encode_header(header);
+  ASSERT_GT(bytes.size(), 65535u + 10);
+  EXPECT_EQ(bytes.substr(6, 2), std::string("\x02\x00", 2));
+  EXPECT_EQ(bytes.size() % 64, 0u);
+  EXPECT_EQ(header_size(bytes), bytes.size());
+  ASSERT_TRUE(decode_header(bytes, decoded, offset, error)) << error;
+  EXPECT_EQ(offset, bytes.size());
+  EXPECT_EQ(decoded.parts, header.parts);
+  // Cut short, it is refused rather than read past its end.
+  EXPECT_FALSE(decode_header(bytes.substr(0, 4096), decoded, offset, error));
+  EXPECT_EQ(error, "the header is cut short");
 }
 
 TEST(FieldFormatTest, ReorderWalksEveryAxis) {

@@ -154,6 +154,16 @@ ReadOutcome read_field(const std::string& path, Header& header,
     error = "cannot read " + path + ": it changed while being read";
     return torn;
   }
+  // The parts of a field put by many ranks may make its header longer.
+  if (const std::size_t size = header_size(prefix);
+      size > prefix.size() && size <= kLongestHeader && size <= static_cast<std::size_t>(info.st_size)) {
+    const std::size_t had = prefix.size();
+    prefix.resize(size);
+    if (read_all(file.get(), prefix.data() + had, size - had) != static_cast<ssize_t>(size - had)) {
+      error = "cannot read " + path + ": it changed while being read";
+      return torn;
+    }
+  }
   if (!decode_header(prefix, header, offset, error)) {
     error = path + ": " + (error.empty() ? "cannot be read" : error);
     return ReadOutcome::kError;

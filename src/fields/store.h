@@ -43,7 +43,7 @@ ReadOutcome read_field(const std::string& path, Header& header,
 
 // A destination for read_field that takes any field into `buffer`, resized
 // to its values.
-std::function<void*(const Header&, std::string&)> into_buffer(std::vector<char>& buffer);
+LOCKSTEP_API std::function<void*(const Header&, std::string&)> into_buffer(std::vector<char>& buffer);
 
 // Reads only the header (the file's size checked against it).
 ReadOutcome read_header(const std::string& path, Header& header, std::string& error);
