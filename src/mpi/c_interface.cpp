@@ -3,7 +3,7 @@
 
 #include "fields/c_values.h"
 #include "mpi/lockstep_mpi.h"
-#include "mpi/project.h"
+#include "mpi/parallel_project.h"
 
 struct lockstep_mpi_project {
   std::unique_ptr<lockstep::mpi::Project> project;

@@ -6,6 +6,13 @@
 // in its header.
 #pragma once
 
+// The C interface is all that is used, also from C++: no MPI C++ bindings.
+#ifndef OMPI_SKIP_MPICXX
+#define OMPI_SKIP_MPICXX 1
+#endif
+#ifndef MPICH_SKIP_MPICXX
+#define MPICH_SKIP_MPICXX 1
+#endif
 #include <mpi.h>
 
 #include <cstdint>

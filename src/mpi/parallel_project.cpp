@@ -1,4 +1,4 @@
-#include "mpi/project.h"
+#include "mpi/parallel_project.h"
 
 #include <algorithm>
 #include <chrono>
