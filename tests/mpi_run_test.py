@@ -14,6 +14,7 @@ import os
 import subprocess
 import sys
 import tempfile
+import time
 from pathlib import Path
 
 import numpy
@@ -33,53 +34,85 @@ def mpirun(ranks: int) -> list:
 
 def own_points(rank: int, size: int) -> numpy.ndarray:
     """Rank r's points: the mesh split over all ranks but the last, which
-    has none when there are several."""
+    has none when there are several (as the documented solvers split it)."""
     owners = max(size - 1, 1)
     if rank >= owners:
         return Y[:0]
-    return numpy.array_split(Y, owners)[rank]
+    return Y[rank * len(Y) // owners:(rank + 1) * len(Y) // owners]
+
+
+REQUESTS_PER_CYCLE = 4 * TIME_STEPS + 1
+# Where a fault of MPI_TEST_FAULT strikes: rank 1, in this request.
+FAULT_AT = (2, 1, 2)
 
 
 def parallel_solver(directory: Path, cycles: int) -> None:
+    """sub1 on every rank; MPI_TEST_FAULT makes rank 1 fail at FAULT_AT:
+    "raise", "kill" (SIGKILL), "type" or "name" (a put that does not match
+    the other ranks'); "publish" only puts the mesh, "no-mesh" never does."""
+    import signal
+
     from mpi4py import MPI
 
     import lockstep.mpi
 
+    fault = os.environ.get("MPI_TEST_FAULT", "")
     world = MPI.COMM_WORLD
     mine = own_points(world.rank, world.size)
-    served = 0
-    with lockstep.mpi.Project(directory, world) as project, open(directory / f"rank{world.rank}.log", "w") as log:
-        def publish(when):
-            w = mine * 3 + served
-            project.put("y", mine)
-            project.put("w", w)
+    with lockstep.mpi.Project(directory, world) as project, open(directory / f"rank{world.rank}.log", "a") as log:
+        served = (project.resumes_after or 0) * REQUESTS_PER_CYCLE
+
+        def publish(when, name="w", values=None):
+            w = mine * 3 + served if values is None else values
+            if fault != "no-mesh":
+                project.put("y", mine)
+            project.put(name, w)
             log.write(f"put {when} {' '.join(map(repr, mine))} | {' '.join(map(repr, w))}\n")
-        publish("0 0 0")
+        if project.resumes_after is None:
+            publish("0 0 0")
+        if fault == "publish":
+            return
         for request in project.requests(cycles):
             when = f"{request.cycle} {request.time_step} {request.stage}"
+            struck = world.rank == 1 and (request.cycle, request.time_step, request.stage) == FAULT_AT
+            if struck and fault == "raise":
+                raise RuntimeError("the solver diverged")
+            if struck and fault == "kill":
+                os.kill(os.getpid(), signal.SIGKILL)
             v = project.get("v")
             assert v.shape == mine.shape, (v.shape, mine.shape)
             log.write(f"get {when} {' '.join(map(repr, v))}\n")
             served += 1
-            publish(when)
+            if struck and fault == "type":
+                publish(when, values=(mine * 3).astype(numpy.int64))
+            elif struck and fault == "name":
+                publish(when, name="q")
+            else:
+                publish(when)
+            if request.cycle_end:
+                project.checkpoint()
 
 
 def serial_solver(directory: Path, cycles: int) -> None:
     import lockstep
 
-    served = 0
-    with lockstep.Project(directory) as project, open(directory / "mesh.log", "w") as log:
+    with lockstep.Project(directory) as project, open(directory / "mesh.log", "a") as log:
+        served = (project.resumes_after or 0) * REQUESTS_PER_CYCLE
+
         def publish(when):
             u = X * 2 + served
             project.put("x", X)
             project.put("u", u)
             log.write(f"put {when} {' '.join(map(repr, X))} | {' '.join(map(repr, u))}\n")
-        publish("0 0 0")
+        if project.resumes_after is None:
+            publish("0 0 0")
         for request in project.requests(cycles):
             when = f"{request.cycle} {request.time_step} {request.stage}"
             log.write(f"get {when} {' '.join(map(repr, project.get('w')))}\n")
             served += 1
             publish(when)
+            if request.cycle_end:
+                project.checkpoint()
 
 
 def parts_text(parts: list) -> str:
@@ -94,59 +127,106 @@ def parts_text(parts: list) -> str:
     return ",".join(f"{count}*{repeat}" if repeat > 1 else str(count) for count, repeat in runs)
 
 
+def read_rank_log(path: Path):
+    """A rank's log: "put C T S POINTS | VALUES" and "get C T S VALUES"
+    lines, numbers apart by any spaces, as read_log gives them."""
+    puts, gets = [], []
+    for line in path.read_text().splitlines():
+        kind, cycle, time_step, stage, *rest = line.replace("|", " | ").split()
+        if kind == "put":
+            bar = rest.index("|")
+            puts.append((numpy.array(rest[:bar], float), numpy.array(rest[bar + 1:], float)))
+        else:
+            gets.append(((int(cycle), int(time_step), int(stage)), numpy.array(rest, float)))
+    return puts, gets
+
+
 def joined_logs(directory: Path, ranks: int):
     """The ranks' logs as one process's: each put and get's rows in rank
     order."""
-    logs = [read_log(directory / f"rank{rank}.log") for rank in range(ranks)]
+    logs = [read_rank_log(directory / f"rank{rank}.log") for rank in range(ranks)]
     puts = [(numpy.concatenate([log[0][k][0] for log in logs]), numpy.concatenate([log[0][k][1] for log in logs]))
             for k in range(len(logs[0][0]))]
     gets = [(logs[0][1][k][0], numpy.concatenate([log[1][k][1] for log in logs])) for k in range(len(logs[0][1]))]
     return puts, gets
 
 
+def make_tree(root: Path, exchange: str) -> None:
+    (root / "run").mkdir()
+    (root / "run" / "analysis_settings.dat").write_text(
+        f"time_step=\n{TIME_STEPS}\ncycle_num=\n{CYCLES}\nnum_subprojects=\n1\n")
+    (root / "run" / "exchange.dat").write_text(
+        "main u sub1 v map=nearest-neighbour from-mesh=x to-mesh=y\n"
+        "sub1 w main w map=nearest-neighbour from-mesh=y to-mesh=x\n")
+    for name in ("main", "sub1"):
+        (root / name / "fields" / "out").mkdir(parents=True)
+        (root / name / "go2.dat").write_text("0\n")
+        os.symlink(exchange, root / name / "exchange")
+        (root / name / "CalculateInteraction.dat").write_text("exchange\n")
+
+
+class Solvers:
+    """main's serial solver and sub1's parallel one on `ranks` ranks,
+    killed on leaving if still running."""
+
+    def __init__(self, root: Path, ranks: int, solver: list = (), fault: str = "") -> None:
+        command = mpirun(ranks) + (list(solver) or [sys.executable, __file__, "--parallel"])
+        environment = dict(os.environ, MPI_TEST_FAULT=fault)
+        self.serial = subprocess.Popen([sys.executable, __file__, "--serial", str(root / "main"), str(CYCLES)])
+        self.parallel = subprocess.Popen(command + [str(root / "sub1"), str(CYCLES)], env=environment,
+                                         stderr=subprocess.PIPE, text=True)
+
+    def __enter__(self) -> "Solvers":
+        return self
+
+    def __exit__(self, *exception) -> None:
+        for process in (self.serial, self.parallel):
+            if process.poll() is None:
+                process.kill()
+                process.wait()
+
+    def published(self, root: Path) -> bool:
+        """Waits until both have put their first outputs; False if one
+        stopped before."""
+        for name, field in (("main", "u"), ("sub1", "w")):
+            while not (root / name / "fields" / "out" / f"{field}.npy").exists():
+                if self.serial.poll() is not None or self.parallel.poll() is not None:
+                    print(f"a solver stopped before publishing: {self.parallel.stderr.read()}", file=sys.stderr)
+                    return False
+                time.sleep(0.01)
+        return True
+
+
 def main() -> int:
     driver, exchange, ranks = sys.argv[1], sys.argv[2], int(sys.argv[3])
-    solver = sys.argv[4:] or [sys.executable, __file__, "--parallel"]
+    solver = sys.argv[4:]
     with tempfile.TemporaryDirectory() as work:
         root = Path(work)
-        (root / "run").mkdir()
-        (root / "run" / "analysis_settings.dat").write_text(
-            f"time_step=\n{TIME_STEPS}\ncycle_num=\n{CYCLES}\nnum_subprojects=\n1\n")
-        (root / "run" / "exchange.dat").write_text(
-            "main u sub1 v map=nearest-neighbour from-mesh=x to-mesh=y\n"
-            "sub1 w main w map=nearest-neighbour from-mesh=y to-mesh=x\n")
-        for name in ("main", "sub1"):
-            (root / name).mkdir()
-            (root / name / "go2.dat").write_text("0\n")
-            os.symlink(exchange, root / name / "exchange")
-            (root / name / "CalculateInteraction.dat").write_text("exchange\n")
-        serial = subprocess.Popen([sys.executable, __file__, "--serial", str(root / "main"), str(CYCLES)])
-        parallel = subprocess.Popen(mpirun(ranks) + solver + [str(root / "sub1"), str(CYCLES)])
-        try:
-            return served(root, ranks, solver, driver, serial, parallel)
-        finally:
-            for process in (serial, parallel):
-                if process.poll() is None:
-                    process.kill()
-                    process.wait()
-
-
-def served(root: Path, ranks: int, solver: list, driver: str, serial, parallel) -> int:
-    """Runs the driver once both solvers have published, and checks what
-    they read."""
-    for name, field in (("main", "u"), ("sub1", "w")):
-        while not (root / name / "fields" / "out" / f"{field}.npy").exists():
-            if serial.poll() is not None or parallel.poll() is not None:
-                print("a solver stopped before publishing", file=sys.stderr)
+        make_tree(root, exchange)
+        with Solvers(root, ranks, solver) as solvers, FileCreations(root / "sub1" / "fields" / "out") as creations:
+            if not solvers.published(root):
                 return 1
-            os.sched_yield()
-    run = subprocess.run([driver], cwd=root / "run", stdout=subprocess.DEVNULL)
-    if run.returncode != 0 or serial.wait() != 0 or parallel.wait() != 0:
-        print("the run failed", file=sys.stderr)
-        return 1
+            run = subprocess.run([driver], cwd=root / "run", stdout=subprocess.DEVNULL)
+            if run.returncode != 0 or solvers.serial.wait() != 0 or solvers.parallel.wait() != 0:
+                print(f"the run failed: {solvers.parallel.stderr.read()}", file=sys.stderr)
+                return 1
+            created = creations.count()
+        checked = served(root, ranks)
+        # One file a field a put, whatever the number of ranks: the two
+        # outputs at the start and in every request.
+        puts = 2 * (1 + CYCLES * REQUESTS_PER_CYCLE)
+        assert created == puts, f"{created} files created in sub1/fields/out for {puts} puts"
+        print(f"{ranks} ranks ({' '.join(solver[-1:]) or 'Python'}): {checked} mapped reads exact; "
+              f"{created} files created for {puts} puts")
+    return 0
+
+
+def served(root: Path, ranks: int) -> str:
+    """Checks every value both solvers read against one process's
+    mapping, and the stored mesh against the ranks' parts."""
     main_puts, main_gets = read_log(root / "main" / "mesh.log")
     sub1_puts, sub1_gets = joined_logs(root / "sub1", ranks)
-    assert len(main_gets) == len(sub1_gets) == CYCLES * (4 * TIME_STEPS + 1)
+    assert len(main_gets) == len(sub1_gets) == CYCLES * REQUESTS_PER_CYCLE
     checked = expect_mapped("sub1", sub1_gets, main_puts, [Y] * len(sub1_gets))
     checked_main = expect_mapped("main", main_gets, sub1_puts, [X] * len(main_gets))
     # The field on disk is the ranks' parts in rank order, with their row
@@ -156,9 +236,42 @@ def served(root: Path, ranks: int, solver: list, driver: str, serial, parallel) 
     header = (root / "sub1" / "fields" / "out" / "y.npy").read_bytes()[:256]
     parts = [len(own_points(rank, ranks)) for rank in range(ranks)]
     assert f" parts={parts_text(parts)} ".encode() in header, header
-    print(f"{ranks} ranks ({' '.join(solver[-1:])}): {checked} + {checked_main} mapped reads exact; "
-          f"parts {parts}")
-    return 0
+    return f"{checked} + {checked_main} (parts {parts})"
+
+
+class FileCreations:
+    """Counts the files created in a directory, through inotify."""
+
+    IN_CREATE, IN_MOVED_TO = 0x100, 0x80
+
+    def __init__(self, directory: Path) -> None:
+        import ctypes
+
+        self.libc = ctypes.CDLL(None, use_errno=True)
+        self.fd = self.libc.inotify_init1(os.O_NONBLOCK)
+        assert self.fd >= 0 and self.libc.inotify_add_watch(self.fd, str(directory).encode(), self.IN_CREATE) >= 0
+        self.created = 0
+
+    def __enter__(self) -> "FileCreations":
+        return self
+
+    def __exit__(self, *exception) -> None:
+        os.close(self.fd)
+
+    def count(self) -> int:
+        """The creations so far: events are 16 bytes and a padded name."""
+        import struct
+
+        while True:
+            try:
+                data = os.read(self.fd, 65536)
+            except BlockingIOError:
+                return self.created
+            at = 0
+            while at < len(data):
+                _, mask, _, length = struct.unpack_from("iIII", data, at)
+                self.created += bool(mask & self.IN_CREATE)
+                at += 16 + length
 
 
 if __name__ == "__main__":

@@ -534,7 +534,8 @@ Outcome Project::get_rows(const std::string& name, const Call& mine, const field
   std::string refused;
   std::vector<char> unwanted;
   void* target = destination(header, refused);
-  const bool taken = target != nullptr;
+  // No memory is needed for no rows: only a reason is a refusal.
+  const bool taken = target != nullptr || refused.empty();
   std::size_t count = 0;
   fields::value_count(header.shape, count);
   if (!taken) {

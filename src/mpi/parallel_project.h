@@ -27,7 +27,7 @@
 
 namespace lockstep::mpi {
 
-class Project {
+class LOCKSTEP_API Project {
  public:
   // Collective over `communicator`, which it duplicates: opens and locks the
   // directory on the root. nullptr on every rank, with the reason in
