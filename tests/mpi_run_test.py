@@ -211,7 +211,7 @@ def main() -> int:
                 print(f"the run failed: {solvers.parallel.stderr.read()}", file=sys.stderr)
                 return 1
             created = creations.count()
-        checked = served(root, ranks)
+        checked = served(root, ranks, Path(driver).parent / "lockstepctl")
         # One file a field a put, whatever the number of ranks: the two
         # outputs at the start and in every request.
         puts = 2 * (1 + CYCLES * REQUESTS_PER_CYCLE)
@@ -221,7 +221,7 @@ def main() -> int:
     return 0
 
 
-def served(root: Path, ranks: int) -> str:
+def served(root: Path, ranks: int, lockstepctl: Path) -> str:
     """Checks every value both solvers read against one process's
     mapping, and the stored mesh against the ranks' parts."""
     main_puts, main_gets = read_log(root / "main" / "mesh.log")
@@ -236,6 +236,9 @@ def served(root: Path, ranks: int) -> str:
     header = (root / "sub1" / "fields" / "out" / "y.npy").read_bytes()[:256]
     parts = [len(own_points(rank, ranks)) for rank in range(ranks)]
     assert f" parts={parts_text(parts)} ".encode() in header, header
+    show = subprocess.run([lockstepctl, "field", "show", root / "sub1" / "fields" / "out" / "y.npy"],
+                          capture_output=True, text=True)
+    assert f"\nparts: {parts_text(parts)} ({ranks} ranks)\nvalues:\n" in show.stdout, show.stdout + show.stderr
     return f"{checked} + {checked_main} (parts {parts})"
 
 

@@ -161,6 +161,7 @@ int field_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
         {"count", count},
         {"values", nlohmann::json::array()},
     };
+    if (!header.parts.empty()) json["parts"] = header.parts;
     for (std::size_t i = 0; i < shown; ++i) json["values"].push_back(json_value(values, header.type, i));
     out << json.dump(2) << "\n";
     return 0;
@@ -170,6 +171,9 @@ int field_main(int argc, char** argv, std::ostream& out, std::ostream& err) {
       << "type:  " << fields::type_name(header.type) << "\n"
       << "shape: " << fields::shape_text(header.shape) << ", " << (header.column_major ? "column-major" : "row-major")
       << "\n"
+      << (header.parts.empty() ? ""
+                               : "parts: " + fields::parts_text(header.parts) + " (" +
+                                     std::to_string(header.parts.size()) + " ranks)\n")
       << "values" << (shown < count ? " (the first " + std::to_string(shown) + " of " + std::to_string(count) + ")" : "")
       << ":\n";
   for (std::size_t i = 0; i < shown; ++i) {
