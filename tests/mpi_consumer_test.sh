@@ -9,7 +9,7 @@ doc=$1
 prefix=$(cd "$2" && pwd)
 language=$3
 tests=$(cd "$(dirname "$0")" && pwd)
-[ -f "$prefix/lib/liblockstep_mpi.so" ] || { echo "skipped: lockstep was built without MPI"; exit 77; }
+[ -f "$prefix/include/lockstep/lockstep_mpi.h" ] || { echo "skipped: lockstep was built without MPI"; exit 77; }
 [ -z "${LOCKSTEP_SANITIZE_FLAGS:-}" ] ||
   { echo "skipped: the serial solver is Python, whose module this build makes with AddressSanitizer"; exit 77; }
 if [ "$language" = fortran ] && [ ! -f "$prefix/include/lockstep/lockstep_mpi.mod" ]; then
