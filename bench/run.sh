@@ -18,6 +18,9 @@ done
 echo "== fields from Python"
 PYTHONPATH="$repo/build/release/src/python" /usr/bin/python3 "$repo/bench/fields.py" | tee "$results/fields_python.json"
 
+echo "== a parallel project"
+PYTHONPATH="$repo/build/release/src/python" /usr/bin/python3 "$repo/bench/mpi.py" | tee "$results/mpi.json"
+
 echo "== mapping, against SciPy"
 PYTHONPATH="$repo/build/release/src/python" /usr/bin/python3 "$repo/bench/mapping.py" "$repo/build/release/src/lockstep-exchange" |
   tee "$results/mapping.json"
@@ -181,6 +184,33 @@ for count in (1000, 100000, 10000000):
     met = (count < 100000 or cpp <= 1.2 * floor) and python <= 1.5 * cpp
     lines.append("| %d | %.0f | %.0f | %.2f | %.0f | %.2f | %s |" % (count, floor, cpp, cpp / floor, python,
                                                                       python / cpp, verdict(met)))
+with open(os.path.join(results, "mpi.json")) as f:
+    parallel = json.load(f)
+lines += [
+    "",
+    "## A parallel project",
+    "",
+    "A stage's put of an output and get of an input, from Python on 2 and 4 ranks (`mpirun",
+    "--oversubscribe` on this machine's cores), each rank giving and taking its share of the rows, against",
+    "one process's put and get of the same whole field (`bench/mpi.py`, medians). Rank 0 gathers the",
+    "rows, writes one file and reads it, and sends each rank its rows.",
+    "",
+    "| doubles | one process µs | 2 ranks µs | ratio | 4 ranks µs | ratio |",
+    "|---:|---:|---:|---:|---:|---:|",
+]
+for count in parallel["sizes"]:
+    one = parallel["serial_us"][str(count)]
+    two, four = parallel["parallel_us"]["2"][str(count)], parallel["parallel_us"]["4"][str(count)]
+    lines.append("| %d | %.0f | %.0f | %.2f | %.0f | %.2f |" % (count, one, two, two / one, four, four / one))
+cpu = parallel["waiting_rank_cpu_percent"]
+lines += [
+    "",
+    "While rank 0 waits for a request, each other rank sleeps between looks at the broadcast that will",
+    "bring it: the most processor time any of the 3 other ranks of 4 used over 5 s of waiting was %.2f %% of"
+    " a core (target: under 1 %%, %s)." % (cpu, verdict(cpu < 1.0)),
+    "From rank 0's wait returning to the last rank's, after 0.2 s of waiting, over 20 requests: median",
+    "%.0f µs, at most %.0f µs." % (parallel["wake_median_us"], parallel["wake_max_us"]),
+]
 lines += [
     "",
     "## Interaction programs: one stage",

@@ -49,22 +49,27 @@ using fields::Outcome;
 using project::DoneResult;
 using project::WaitResult;
 
-// The longest pause between looks while a rank waits for the others; a
-// blocking MPI call would keep a core busy instead.
-constexpr std::chrono::microseconds kLongestPause{1000};
+// How long a rank yields between looks before it starts to sleep: the
+// other ranks' part of a call mostly comes within this.
+constexpr std::chrono::microseconds kYielding{5000};
+// The longest pause between looks while a rank waits for the others, as it
+// does all the while rank 0 waits for a request; a blocking MPI call would
+// keep a core busy instead.
+constexpr std::chrono::microseconds kLongestPause{2000};
 // The most of a message that goes to every rank.
 constexpr std::size_t kLongestMessage = 65536;
 
-// Completes `request` without spinning: a few yields, then sleeps that
-// double up to kLongestPause.
+// Completes `request` without spinning: yields the processor between looks
+// for kYielding, then sleeps between them, longer each time up to
+// kLongestPause.
 void finish(MPI_Request& request) {
-  std::chrono::microseconds pause{0};
+  const auto start = std::chrono::steady_clock::now();
+  std::chrono::microseconds pause{50};
   for (int finished = 0;;) {
     MPI_Test(&request, &finished, MPI_STATUS_IGNORE);
     if (finished != 0) return;
-    if (pause.count() == 0) {
+    if (std::chrono::steady_clock::now() - start < kYielding) {
       std::this_thread::yield();
-      pause = std::chrono::microseconds{1};
       continue;
     }
     std::this_thread::sleep_for(pause);
