@@ -12,10 +12,11 @@
 !   status = project%done()
 !   call project%close()
 module lockstep_mpi
-  use, intrinsic :: iso_c_binding, only: c_ptr, c_null_ptr, c_associated, c_char, c_int, c_size_t, &
-                                         c_null_char, c_f_pointer, c_int64_t, c_double, c_int32_t, c_loc
+  use, intrinsic :: iso_c_binding, only: c_ptr, c_null_ptr, c_associated, c_char, c_int, c_null_char, c_int64_t, &
+                                         c_double, c_int32_t, c_loc
   use mpi_f08, only: MPI_Comm
-  use lockstep_project, only: LOCKSTEP_PROJECT_OK, LOCKSTEP_PROJECT_ERROR, LOCKSTEP_PROJECT_OUT_OF_ORDER, &
+  use lockstep_project, only: lockstep_buffer_text, lockstep_c_text, &
+                              LOCKSTEP_PROJECT_OK, LOCKSTEP_PROJECT_ERROR, LOCKSTEP_PROJECT_OUT_OF_ORDER, &
                               LOCKSTEP_PROJECT_OVERRUN, LOCKSTEP_FIELD_STALE, LOCKSTEP_ACCEPT_STAGE, &
                               LOCKSTEP_ACCEPT_TIME_STEP, LOCKSTEP_ACCEPT_ANY
   implicit none
@@ -109,10 +110,6 @@ module lockstep_mpi
       integer(c_int64_t), intent(in) :: shape(*)
       type(c_ptr), value :: values
     end function
-    integer(c_size_t) function c_strlen(text) bind(c, name='strlen')
-      import :: c_ptr, c_size_t
-      type(c_ptr), value :: text
-    end function
   end interface
 
 contains
@@ -124,7 +121,6 @@ contains
     character(len=*), intent(in) :: directory
     type(MPI_Comm), intent(in) :: communicator
     character(kind=c_char) :: error(error_capacity)
-    integer :: length
 
     call project%close()
     error = c_null_char
@@ -134,13 +130,7 @@ contains
       status = LOCKSTEP_PROJECT_OK
       return
     end if
-    length = 0
-    do while (length < error_capacity)
-      if (error(length + 1) == c_null_char) exit
-      length = length + 1
-    end do
-    allocate (character(len=length) :: project%open_error)
-    project%open_error = transfer(error(1:length), project%open_error)
+    project%open_error = lockstep_buffer_text(error)
     status = LOCKSTEP_PROJECT_ERROR
   end function
 
@@ -200,9 +190,6 @@ contains
   function project_error(project) result(message)
     class(lockstep_mpi_project_t), intent(in) :: project
     character(len=:), allocatable :: message
-    character(kind=c_char), pointer :: text(:)
-    type(c_ptr) :: reason
-    integer :: length
 
     if (.not. c_associated(project%handle)) then
       message = 'the project directory is not open'
@@ -211,11 +198,7 @@ contains
       end if
       return
     end if
-    reason = c_error(project%handle)
-    length = int(c_strlen(reason))
-    call c_f_pointer(reason, text, [length])
-    allocate (character(len=length) :: message)
-    message = transfer(text, message)
+    message = lockstep_c_text(c_error(project%handle))
   end function
 
   integer function put_real_1(project, field, values) result(status)

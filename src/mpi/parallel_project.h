@@ -6,14 +6,8 @@
 // in its header.
 #pragma once
 
-// The C interface is all that is used, also from C++: no MPI C++ bindings.
-#ifndef OMPI_SKIP_MPICXX
-#define OMPI_SKIP_MPICXX 1
-#endif
-#ifndef MPICH_SKIP_MPICXX
-#define MPICH_SKIP_MPICXX 1
-#endif
-#include <mpi.h>
+// <mpi.h>, without MPI's C++ bindings.
+#include "lockstep_mpi.h"
 
 #include <cstdint>
 #include <memory>

@@ -69,6 +69,8 @@ module lockstep_project
   end type
 
   public :: lockstep_open, lockstep_interaction_open
+  ! For modules over other C interfaces of the library (lockstep_mpi).
+  public :: lockstep_buffer_text, lockstep_c_text
 
   integer(c_int), parameter :: error_capacity = 4096
 
@@ -184,7 +186,6 @@ contains
     type(lockstep_project_t), intent(inout) :: project
     character(len=*), intent(in) :: directory
     character(kind=c_char) :: error(error_capacity)
-    integer :: length
 
     call project%close()
     error = c_null_char
@@ -194,13 +195,7 @@ contains
       status = LOCKSTEP_PROJECT_OK
       return
     end if
-    length = 0
-    do while (length < error_capacity)
-      if (error(length + 1) == c_null_char) exit
-      length = length + 1
-    end do
-    allocate (character(len=length) :: project%open_error)
-    project%open_error = transfer(error(1:length), project%open_error)
+    project%open_error = lockstep_buffer_text(error)
     status = LOCKSTEP_PROJECT_ERROR
   end function
 
@@ -264,9 +259,6 @@ contains
   function project_error(project) result(message)
     class(lockstep_project_t), intent(in) :: project
     character(len=:), allocatable :: message
-    character(kind=c_char), pointer :: text(:)
-    type(c_ptr) :: reason
-    integer :: length
 
     if (.not. c_associated(project%handle)) then
       message = 'the project directory is not open'
@@ -275,11 +267,7 @@ contains
       end if
       return
     end if
-    reason = c_error(project%handle)
-    length = int(c_strlen(reason))
-    call c_f_pointer(reason, text, [length])
-    allocate (character(len=length) :: message)
-    message = transfer(text, message)
+    message = lockstep_c_text(c_error(project%handle))
   end function
 
   integer function put_real_1(project, field, values) result(status)
@@ -425,13 +413,7 @@ contains
     interaction%handle = c_interaction_open(int(n + 1, c_int), argv, error, error_capacity)
     status = LOCKSTEP_PROJECT_OK
     if (c_associated(interaction%handle)) return
-    length = 0
-    do while (length < error_capacity)
-      if (error(length + 1) == c_null_char) exit
-      length = length + 1
-    end do
-    allocate (character(len=length) :: interaction%open_error)
-    interaction%open_error = transfer(error(1:length), interaction%open_error)
+    interaction%open_error = lockstep_buffer_text(error)
     status = LOCKSTEP_PROJECT_ERROR
   end function
 
@@ -454,19 +436,12 @@ contains
   function interaction_error(interaction) result(message)
     class(lockstep_interaction_t), intent(in) :: interaction
     character(len=:), allocatable :: message
-    character(kind=c_char), pointer :: text(:)
-    type(c_ptr) :: reason
-    integer :: length
     if (.not. c_associated(interaction%handle)) then
       message = 'the interaction context is not open'
       if (allocated(interaction%open_error)) message = interaction%open_error
       return
     end if
-    reason = c_interaction_error(interaction%handle)
-    length = int(c_strlen(reason))
-    call c_f_pointer(reason, text, [length])
-    allocate (character(len=length) :: message)
-    message = transfer(text, message)
+    message = lockstep_c_text(c_interaction_error(interaction%handle))
   end function
 
   subroutine interaction_close(interaction)
@@ -601,4 +576,30 @@ contains
     status = interaction_call(interaction, 0, field, c_int64, shape(values, kind=c_int64_t), c_loc(values), .true.)
   end function
 
+
+  ! The zero-terminated text in `buffer` (an error a C call wrote there).
+  function lockstep_buffer_text(buffer) result(text)
+    character(kind=c_char), intent(in) :: buffer(:)
+    character(len=:), allocatable :: text
+    integer :: length
+    length = 0
+    do while (length < size(buffer))
+      if (buffer(length + 1) == c_null_char) exit
+      length = length + 1
+    end do
+    allocate (character(len=length) :: text)
+    text = transfer(buffer(1:length), text)
+  end function
+
+  ! The zero-terminated text at `pointer` (an error the C interface keeps).
+  function lockstep_c_text(pointer) result(text)
+    type(c_ptr), intent(in) :: pointer
+    character(len=:), allocatable :: text
+    character(kind=c_char), pointer :: characters(:)
+    integer :: length
+    length = int(c_strlen(pointer))
+    call c_f_pointer(pointer, characters, [length])
+    allocate (character(len=length) :: text)
+    text = transfer(characters, text)
+  end function
 end module lockstep_project
