@@ -1,13 +1,15 @@
-"""A parallel project's faults, each in a real run of mpi_run_test.py's
+"""A parallel project's faults, and its weights, each in a real run of mpi_run_test.py's
 solvers on two or three ranks, each ending with a clear message on stderr
 and the request left pending: a rank raises, a rank is killed (then the run
 is resumed and completes with an uninterrupted run's result), ranks put
 parts of different types or names, and an input whose parts were made for
-another number of ranks.
+another number of ranks. The weights of a mapping stay the same for the
+same points in another partition, and are computed anew for reordered ones.
 
     mpi_faults_test.py LOCKSTEP LOCKSTEP_EXCHANGE LOCKSTEPCTL
 """
 import os
+import shutil
 import signal
 import subprocess
 import sys
@@ -138,11 +140,35 @@ def killed_and_resumed(driver: str, exchange: str, lockstepctl: str) -> None:
         print(f"killed at {FAULT_AT}, resumed after cycle {FAULT_AT[0] - 1}: the same final fields as a whole run")
 
 
+def weights_follow_the_points(driver: str, exchange: str, lockstepctl: str) -> None:
+    """Three runs in one tree: 2 ranks, 4 ranks with the same points in the
+    same order (the weights are kept), and 2 ranks with each rank's points
+    reversed (both mappings get new weights)."""
+    with tempfile.TemporaryDirectory() as work:
+        root = Path(work)
+        make_tree(root, exchange)
+        kept = []
+        for ranks, fault in ((2, ""), (4, ""), (2, "reverse")):
+            with Solvers(root, ranks, fault=fault) as solvers:
+                assert solvers.published(root)
+                assert subprocess.run([driver], cwd=root / "run", stdout=subprocess.DEVNULL).returncode == 0
+                assert solvers.parallel.wait() == 0 and solvers.serial.wait() == 0
+            kept.append(sorted(p.name for p in (root / "run" / "mappings").iterdir()))
+            fix = subprocess.run([lockstepctl, "check", "--fix", str(root / "run")], capture_output=True, text=True)
+            assert fix.returncode == 0, fix.stdout + fix.stderr
+            for name in ("main", "sub1"):
+                shutil.rmtree(root / name / "fields")
+        assert len(kept[0]) == 2 and kept[1] == kept[0], kept
+        assert len(kept[2]) == 4 and set(kept[0]) < set(kept[2]), kept
+        print("weights: kept for the same points on 4 ranks, computed anew for reordered points")
+
+
 def main() -> int:
     driver, exchange, lockstepctl = sys.argv[1:4]
     the_faults(driver, exchange)
     parts_for_other_ranks(driver, exchange)
     killed_and_resumed(driver, exchange, lockstepctl)
+    weights_follow_the_points(driver, exchange, lockstepctl)
     return 0
 
 

@@ -49,7 +49,8 @@ FAULT_AT = (2, 1, 2)
 def parallel_solver(directory: Path, cycles: int) -> None:
     """sub1 on every rank; MPI_TEST_FAULT makes rank 1 fail at FAULT_AT:
     "raise", "kill" (SIGKILL), "type" or "name" (a put that does not match
-    the other ranks'); "publish" only puts the mesh, "no-mesh" never does."""
+    the other ranks'); "publish" only puts the mesh, "no-mesh" never does,
+    and with "reverse" every rank gives its points in reverse order."""
     import signal
 
     from mpi4py import MPI
@@ -59,6 +60,8 @@ def parallel_solver(directory: Path, cycles: int) -> None:
     fault = os.environ.get("MPI_TEST_FAULT", "")
     world = MPI.COMM_WORLD
     mine = own_points(world.rank, world.size)
+    if fault == "reverse":
+        mine = mine[::-1].copy()
     with lockstep.mpi.Project(directory, world) as project, open(directory / f"rank{world.rank}.log", "a") as log:
         served = (project.resumes_after or 0) * REQUESTS_PER_CYCLE
 
