@@ -104,12 +104,34 @@ TEST(ParallelProjectTest, ColumnMajorPartsGoInRankOrderAndComeBackToTheirRanks) 
   std::vector<std::int32_t> back(mine.size(), -1);
   ASSERT_EQ(project->get("pairs", {Type::kInt32, {rank, 2}, true, back.data()}), Outcome::kOk) << project->error();
   EXPECT_EQ(back, mine);
-  // Any shape: the rows of this rank, row-major.
+  // Any shape: the rows of this rank, row-major, with the file's stamp.
   std::vector<char> rows;
   ASSERT_EQ(project->get("pairs", fields::into_buffer(rows), header), Outcome::kOk) << project->error();
   EXPECT_EQ(header.shape, (std::vector<std::int64_t>{rank, 2}));
+  EXPECT_EQ(header.stamp, (fields::Stamp{1, fields::Role::kInput, kRequest}));
   EXPECT_EQ(rows.size(), static_cast<std::size_t>(rank) * 2 * sizeof(std::int32_t));
   EXPECT_EQ(project->done(), project::DoneResult::kDone) << project->error();
+}
+
+// The rule for how recent an input must be reaches rank 0, which reads it,
+// through either kind of get.
+TEST(ParallelProjectTest, AnInputOfAnEarlierRequestIsStaleUnlessAnyTimeIsAccepted) {
+  const std::string directory = project_directory("accept", kRequest);
+  auto project = open_project(directory);
+  ASSERT_TRUE(project);
+  project::Request request;
+  ASSERT_EQ(project->wait(request), project::WaitResult::kRequest) << project->error();
+  std::int32_t constant = 7, got = 0;
+  write_input(directory, "constant", fields::kStartRequest, {Type::kInt32, {1}, false, &constant});
+  std::vector<char> rows;
+  fields::Header header;
+  EXPECT_EQ(project->get("constant", fields::into_buffer(rows), header, fields::Accept::kAny), Outcome::kOk)
+      << project->error();
+  EXPECT_EQ(project->get("constant", {Type::kInt32, {1}, false, &got}, fields::Accept::kAny), Outcome::kOk)
+      << project->error();
+  EXPECT_EQ(got, 7);
+  EXPECT_EQ(project->get("constant", {Type::kInt32, {1}, false, &got}), Outcome::kStale);
+  EXPECT_THAT(project->error(), HasSubstr("input \"constant\" of sub1 is stale"));
 }
 
 // An input without parts reaches every rank whole; a rank that asks for

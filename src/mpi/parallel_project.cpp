@@ -476,7 +476,6 @@ Outcome Project::get_rows(const std::string& name, const Call& mine, const field
       outcome = fields_->get(name, fields::into_buffer(whole), found, static_cast<fields::Accept>(mine.accept));
       if (outcome != Outcome::kOk) message = fields_->error();
     }
-    if (outcome == Outcome::kOk && found.shape.empty() && !found.parts.empty()) outcome = Outcome::kError;
     if (outcome == Outcome::kOk && found.column_major && found.shape.size() > 1) {
       std::vector<char> rows(whole.size());
       fields::reorder(found.shape, fields::element_size(found.type), false, whole.data(), rows.data());
