@@ -16,7 +16,14 @@ interface values mapped by lockstep-exchange.
    the data for a picture of both sides on grids that do not match (8 x 8
    and 20 x 20, mapped linearly).
 
-    heat.py BIN_DIR HEAT_LEFT WORK [--smallest] [--table FILE]
+4. With --ranks L,R: the same runs with the parallel solvers, the left side
+   on L ranks (heat_left_mpi, Fortran over the MPI module) and the right
+   side on R ranks (heat_right_mpi.py, mpi4py), with matching and with
+   non-matching interface points: every final temperature equals the
+   serial coupled run's to 1e-12. --ranks all does so for every L and R
+   from 1 to 4 and prints the table of the largest differences.
+
+    heat.py BIN_DIR HEAT_LEFT WORK [--smallest] [--table FILE] [--ranks L,R | --ranks all]
 
 BIN_DIR holds lockstep, lockstepctl and lockstep-exchange; HEAT_LEFT is the
 Fortran solver; the lockstep package must be importable.
@@ -56,10 +63,17 @@ def table_words(method):
             f"main flux sub1 flux map={method} from-mesh=interface{cells} to-mesh=interface\n")
 
 
-def run_coupled(binaries, heat_left, work, n_left, n_right, method):
-    """The coupled run; the final temperatures of both sides."""
+def mpirun(ranks):
+    """mpirun oversubscribed on this machine's cores, also as root."""
+    os.environ.update(OMPI_ALLOW_RUN_AS_ROOT="1", OMPI_ALLOW_RUN_AS_ROOT_CONFIRM="1")
+    return ["mpirun", "--oversubscribe", "-n", str(ranks)]
+
+
+def run_coupled(binaries, heat_left, work, n_left, n_right, method, ranks=None):
+    """The coupled run, by the serial solvers or on `ranks` (left, right);
+    the final temperatures of both sides."""
     time_steps, dt = schedule(n_left, n_right)
-    tree = work / f"{method}-{n_left}-{n_right}"
+    tree = work / (f"{method}-{n_left}-{n_right}" + ("" if ranks is None else "-on-%d-%d-ranks" % ranks))
     subprocess.run(["rm", "-rf", str(tree)], check=True)
     (tree / "run").mkdir(parents=True)
     (tree / "run" / "analysis_settings.dat").write_text(
@@ -71,9 +85,12 @@ def run_coupled(binaries, heat_left, work, n_left, n_right, method):
         os.symlink(binaries / "lockstep-exchange", tree / name / "exchange")
         (tree / name / "CalculateInteraction.dat").write_text("exchange\n")
     step = "%.17g" % dt
-    solvers = [subprocess.Popen([str(heat_left), str(tree / "main"), str(n_left), step, str(CYCLES)]),
-               subprocess.Popen([sys.executable, str(HERE / "heat_right.py"), str(tree / "sub1"), str(n_right), step,
-                                 str(CYCLES)])]
+    left_command, right_command = [str(heat_left)], [sys.executable, str(HERE / "heat_right.py")]
+    if ranks is not None:
+        left_command = mpirun(ranks[0]) + [str(heat_left.parent / "heat_left_mpi")]
+        right_command = mpirun(ranks[1]) + [sys.executable, str(HERE / "heat_right_mpi.py")]
+    solvers = [subprocess.Popen(left_command + [str(tree / "main"), str(n_left), step, str(CYCLES)]),
+               subprocess.Popen(right_command + [str(tree / "sub1"), str(n_right), step, str(CYCLES)])]
     for name, field in (("main", "flux"), ("sub1", "temperature")):
         while not (tree / name / "fields" / "out" / f"{field}.npy").exists():
             if any(solver.poll() is not None for solver in solvers):
@@ -85,6 +102,49 @@ def run_coupled(binaries, heat_left, work, n_left, n_right, method):
     left = numpy.load(tree / "main" / "fields" / "out" / "T.npy")
     right = numpy.load(tree / "sub1" / "fields" / "out" / "T.npy")
     return tree, left, right, dt, CYCLES * time_steps
+
+
+def by_point(tree, project):
+    """A side's final temperature, ordered by its grid points (y, then x),
+    whatever order its ranks put them in."""
+    fields = tree / project / "fields" / "out"
+    grid, values = numpy.load(fields / "grid.npy"), numpy.load(fields / "T.npy")
+    return values[numpy.lexsort((grid[:, 0], grid[:, 1]))]
+
+
+def parallel_difference(binaries, heat_left, work, sizes, ranks, serial_runs):
+    """The largest difference between the final temperatures of the
+    parallel and the serial coupled runs, over matching and non-matching
+    interfaces; serial_runs keeps the serial runs' trees."""
+    largest = 0.0
+    for n_left, n_right, method in sizes:
+        if (n_left, n_right, method) not in serial_runs:
+            serial_runs[n_left, n_right, method] = run_coupled(binaries, heat_left, work, n_left, n_right, method)[0]
+        serial = serial_runs[n_left, n_right, method]
+        parallel = run_coupled(binaries, heat_left, work, n_left, n_right, method, ranks)[0]
+        for project in ("main", "sub1"):
+            largest = max(largest, numpy.abs(by_point(parallel, project) - by_point(serial, project)).max())
+    return largest
+
+
+def compare_ranks(binaries, heat_left, work, argument, smallest):
+    """--ranks: the parallel solvers against the serial ones."""
+    sizes = [(4, 10, "linear")] if smallest else []
+    sizes = [(MATCHING, MATCHING, "nearest-neighbour")] + (sizes or [(8, 20, "linear")])
+    pairs = [(l, r) for l in (1, 2, 3, 4) for r in (1, 2, 3, 4)] if argument == "all" else \
+        [tuple(int(part) for part in argument.split(","))]
+    rows, serial_runs = [], {}
+    for ranks in pairs:
+        difference = parallel_difference(binaries, heat_left, work, sizes, ranks, serial_runs)
+        rows.append((ranks, difference))
+        print(f"left on {ranks[0]} ranks, right on {ranks[1]}: largest difference from the serial run "
+              f"{difference:.3e} (at most 1e-12)")
+    if argument == "all":
+        print("\n| left ranks \\ right ranks | 1 | 2 | 3 | 4 |\n|---|---:|---:|---:|---:|")
+        for left in (1, 2, 3, 4):
+            print(f"| {left} | " + " | ".join("%.1e" % d for (l, _), d in rows if l == left) + " |")
+    if any(difference > 1e-12 for _, difference in rows):
+        raise SystemExit("heat: a parallel run differs from the serial one")
 
 
 def run_in_one_process(n_left, n_right, method, dt, steps):
@@ -152,6 +212,9 @@ def main():
     smallest = "--smallest" in sys.argv
     table_file = Path(sys.argv[sys.argv.index("--table") + 1]) if "--table" in sys.argv else None
     work.mkdir(parents=True, exist_ok=True)
+    if "--ranks" in sys.argv:
+        compare_ranks(binaries, heat_left, work, sys.argv[sys.argv.index("--ranks") + 1], smallest)
+        return
 
     tree, left, right, dt, steps = run_coupled(binaries, heat_left, work, MATCHING, MATCHING, "nearest-neighbour")
     one_left, one_right = run_in_one_process(MATCHING, MATCHING, "nearest-neighbour", dt, steps)

@@ -9,9 +9,13 @@
 # temperature over both sides.
 #
 #   run.sh [--smallest] [--table FILE]
+#   run.sh [--smallest] --ranks L,R | --ranks all
 #
 # --smallest runs the two coarsest sizes only (seconds, as CI does); the
-# whole table takes a few minutes.
+# whole table takes a few minutes. --ranks runs the parallel solvers instead,
+# the left side on L ranks (Fortran over the MPI module) and the right side
+# on R (mpi4py), and checks their final temperatures against the serial
+# solvers' (--ranks all: every L and R from 1 to 4, with the table).
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 repo=$(cd "$here/../.." && pwd)
@@ -23,9 +27,15 @@ if [ ! -x "$build/examples/heat_left" ] || [ ! -d "$build/src/python/lockstep" ]
   exit 1
 fi
 
+if [[ " $* " == *" --ranks "* ]] && [ ! -x "$build/examples/heat_left_mpi" ]; then
+  echo "the parallel heat example needs MPI (libopenmpi-dev, python3-mpi4py) with its Fortran module" >&2
+  exit 1
+fi
+
 work="$build/heat-run"
 rm -rf "$work"
 PYTHONPATH="$build/src/python" /usr/bin/python3 "$here/heat.py" "$build/src" "$build/examples/heat_left" "$work" "$@"
+[[ " $* " != *" --ranks "* ]] || exit 0
 echo "ParaView: $work/heat-left.pvd, $work/heat-right.pvd, $work/interface-left.pvd, $work/interface-right.pvd"
 
 if command -v gnuplot >/dev/null; then

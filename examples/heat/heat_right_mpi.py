@@ -1,0 +1,128 @@
+"""The heat example's right side on many MPI ranks, with mpi4py: the grid of
+heat_right.py split into vertical strips, x from 1 to 2, each rank owning a
+band of columns and trading its edge columns with its neighbours before
+every stage. Only the rank whose strip holds x = 1 has interface points;
+the others put and get none. Each rank's arithmetic at a point is
+heat_model.Right's, so the result is the serial solver's.
+
+    mpirun -n R python3 heat_right_mpi.py DIR N TIME_STEP LAST_CYCLE
+
+Fields as heat_right.py's, each rank putting its part: "grid" and "T" hold
+each rank's columns in turn (row by row within them).
+"""
+import sys
+
+import numpy
+from mpi4py import MPI
+
+import lockstep.mpi
+from heat_model import SOURCE, STAGE_OFFSET, exact, segments
+
+
+class Strip:
+    """Columns first..last of the right side's (n + 1) x (n + 1) grid, with
+    one ghost column on each side: u[c] is column first - 1 + c."""
+
+    def __init__(self, world, n, dt):
+        self.world, self.n, self.dt, self.h = world, n, dt, 1.0 / n
+        columns = numpy.array_split(numpy.arange(n + 1), world.size)[world.rank]
+        self.first, self.last = int(columns[0]), int(columns[-1])
+        self.x = 1.0 + numpy.arange(self.first - 1, self.last + 2) * self.h
+        self.y_coordinates = numpy.arange(n + 1) * self.h
+        self.u = exact(self.x[:, None], self.y_coordinates[None, :], 0.0)
+        self.y = self.u.copy()
+        self.total = numpy.zeros_like(self.u)
+        self.steps = 0
+        self.owned = slice(1, self.last - self.first + 2)
+
+    def trade_edges(self):
+        """The neighbours' edge columns into the ghost columns."""
+        left = self.world.rank - 1 if self.world.rank > 0 else MPI.PROC_NULL
+        right = self.world.rank + 1 if self.world.rank + 1 < self.world.size else MPI.PROC_NULL
+        received = numpy.empty(self.n + 1)
+        self.world.Sendrecv(self.y[-2].copy(), dest=right, recvbuf=received, source=left)
+        if left != MPI.PROC_NULL:
+            self.y[0] = received
+        self.world.Sendrecv(self.y[1].copy(), dest=left, recvbuf=received, source=right)
+        if right != MPI.PROC_NULL:
+            self.y[-1] = received
+
+    def boundary(self, t):
+        n, owned = self.n, self.owned
+        if self.last == n:
+            self.y[-2, :] = exact(2.0, self.y_coordinates, t)
+        self.y[owned, 0] = exact(self.x[owned], 0.0, t)
+        self.y[owned, n] = exact(self.x[owned], 1.0, t)
+
+    def derivative(self, t, flux):
+        self.boundary(t)
+        self.trade_edges()
+        y, h = self.y, self.h
+        k = numpy.zeros_like(y)
+        inner = self.y_coordinates[1:-1]
+        # The columns 1 to n - 1 that this rank owns, as indices into y.
+        low, high = max(self.first, 1), min(self.last, self.n - 1)
+        if low <= high:
+            c = slice(low - self.first + 1, high - self.first + 2)
+            cp = slice(low - self.first + 2, high - self.first + 3)
+            cm = slice(low - self.first, high - self.first + 1)
+            k[c, 1:-1] = ((y[cp, 1:-1] + y[cm, 1:-1] + y[c, 2:] + y[c, :-2] - 4.0 * y[c, 1:-1]) / (h * h)
+                          + SOURCE * exact(self.x[c, None], inner[None, :], t))
+        if self.first == 0:
+            k[1, 1:-1] = ((2.0 * y[2, 1:-1] - 2.0 * h * flux[1:-1] + y[1, 2:] + y[1, :-2] - 4.0 * y[1, 1:-1]) / (h * h)
+                          + SOURCE * exact(1.0, inner, t))
+        return k
+
+    def stage(self, s, flux):
+        """As heat_model.Side.stage, on this strip."""
+        k = self.derivative(self.steps * self.dt + STAGE_OFFSET[s - 1] * self.dt, flux)
+        if s == 1:
+            self.total = k
+            self.y = self.u + 0.5 * self.dt * k
+        elif s < 4:
+            self.total = self.total + 2.0 * k
+            self.y = self.u + STAGE_OFFSET[s] * self.dt * k
+        else:
+            self.total = self.total + k
+            self.u = self.u + self.dt / 6.0 * self.total
+            self.y = self.u.copy()
+            self.steps += 1
+        return self.output(self.steps * self.dt + STAGE_OFFSET[s % 4] * self.dt)
+
+    def output(self, t):
+        """The temperature at x = 1, on the rank that has it."""
+        self.boundary(t)
+        return self.y[1, :].copy() if self.first == 0 else numpy.zeros(0)
+
+    def points(self):
+        x = self.x[self.owned]
+        return numpy.column_stack([numpy.tile(x, self.n + 1), numpy.repeat(self.y_coordinates, len(x))])
+
+    def whole(self):
+        return self.y[self.owned].T.ravel().copy()
+
+
+def main():
+    directory, n, dt, last_cycle = sys.argv[1], int(sys.argv[2]), float(sys.argv[3]), int(sys.argv[4])
+    world = MPI.COMM_WORLD
+    with lockstep.mpi.Project(directory, world) as project:
+        strip = Strip(world, n, dt)
+        on_interface = strip.first == 0
+        project.put("interface", strip.y_coordinates if on_interface else numpy.zeros(0))
+        project.put("segments", segments(n) if on_interface else numpy.zeros((0, 2), numpy.int32))
+        project.put("grid", strip.points())
+        temperature = strip.output(0.0)
+        project.put("temperature", temperature)
+        project.put("T", strip.whole())
+        for request in project.requests(last_cycle):
+            if request.cycle_end:
+                project.put("T-%04d" % request.cycle, strip.whole())
+                project.put("temperature-%04d" % request.cycle, temperature)
+                continue
+            temperature = strip.stage(request.stage, project.get("flux"))
+            project.put("temperature", temperature)
+            project.put("T", strip.whole())
+
+
+if __name__ == "__main__":
+    main()
