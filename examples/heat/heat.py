@@ -21,9 +21,12 @@ interface values mapped by lockstep-exchange.
    side on R ranks (heat_right_mpi.py, mpi4py), with matching and with
    non-matching interface points: every final temperature equals the
    serial coupled run's to 1e-12. --ranks all does so for every L and R
-   from 1 to 4 and prints the table of the largest differences.
+   from 1 to 4 and prints the table of the largest differences. With
+   --stop-and-resume as well, each parallel run is killed whole in the
+   middle of cycle 3, resumed with lockstepctl resume, and completed, every
+   rank loading its own state.
 
-    heat.py BIN_DIR HEAT_LEFT WORK [--smallest] [--table FILE] [--ranks L,R | --ranks all]
+    heat.py BIN_DIR HEAT_LEFT WORK [--smallest] [--table FILE] [--ranks L,R [--stop-and-resume] | --ranks all]
 
 BIN_DIR holds lockstep, lockstepctl and lockstep-exchange; HEAT_LEFT is the
 Fortran solver; the lockstep package must be importable.
@@ -69,9 +72,41 @@ def mpirun(ranks):
     return ["mpirun", "--oversubscribe", "-n", str(ranks)]
 
 
-def run_coupled(binaries, heat_left, work, n_left, n_right, method, ranks=None):
-    """The coupled run, by the serial solvers or on `ranks` (left, right);
-    the final temperatures of both sides."""
+def in_the_middle_of_a_cycle(tree, cycle):
+    """True once main's request is time step 2 or later of `cycle`."""
+    try:
+        code, at_cycle, time_step, _ = map(int, (tree / "main" / "go.dat").read_text().split())
+    except (OSError, ValueError):
+        return False
+    return code == 1 and at_cycle == cycle and time_step >= 2
+
+
+def stop_and_resume(binaries, tree, solvers, commands):
+    """Kills the driver and both sides' ranks in the middle of cycle 3,
+    resumes the run with lockstepctl resume, and starts both sides again;
+    their new processes."""
+    driver = subprocess.Popen([str(binaries / "lockstep")], cwd=tree / "run", stdout=subprocess.DEVNULL)
+    while not in_the_middle_of_a_cycle(tree, CYCLES - 1):
+        if driver.poll() is not None:
+            raise SystemExit(f"heat: the run in {tree} ended before it could be stopped")
+        time.sleep(0.001)
+    driver.kill()
+    for process in solvers:
+        process.terminate()
+    for process in [driver] + solvers:
+        process.wait()
+    resume = subprocess.run([str(binaries / "lockstepctl"), "resume", str(tree / "run")], capture_output=True,
+                            text=True)
+    if resume.returncode != 0:
+        raise SystemExit(f"heat: lockstepctl resume failed: {resume.stdout}{resume.stderr}")
+    print("  stopped in the middle of cycle %d; %s" % (CYCLES - 1, resume.stdout.splitlines()[0]))
+    return [subprocess.Popen(command) for command in commands]
+
+
+def run_coupled(binaries, heat_left, work, n_left, n_right, method, ranks=None, interrupted=False):
+    """The coupled run, by the serial solvers or on `ranks` (left, right),
+    stopped and resumed once when `interrupted`; the final temperatures of
+    both sides."""
     time_steps, dt = schedule(n_left, n_right)
     tree = work / (f"{method}-{n_left}-{n_right}" + ("" if ranks is None else "-on-%d-%d-ranks" % ranks))
     subprocess.run(["rm", "-rf", str(tree)], check=True)
@@ -89,13 +124,16 @@ def run_coupled(binaries, heat_left, work, n_left, n_right, method, ranks=None):
     if ranks is not None:
         left_command = mpirun(ranks[0]) + [str(heat_left.parent / "heat_left_mpi")]
         right_command = mpirun(ranks[1]) + [sys.executable, str(HERE / "heat_right_mpi.py")]
-    solvers = [subprocess.Popen(left_command + [str(tree / "main"), str(n_left), step, str(CYCLES)]),
-               subprocess.Popen(right_command + [str(tree / "sub1"), str(n_right), step, str(CYCLES)])]
+    commands = [left_command + [str(tree / "main"), str(n_left), step, str(CYCLES)],
+                right_command + [str(tree / "sub1"), str(n_right), step, str(CYCLES)]]
+    solvers = [subprocess.Popen(command) for command in commands]
     for name, field in (("main", "flux"), ("sub1", "temperature")):
         while not (tree / name / "fields" / "out" / f"{field}.npy").exists():
             if any(solver.poll() is not None for solver in solvers):
                 raise SystemExit(f"heat: a solver stopped before publishing its starting outputs ({tree})")
             time.sleep(0.01)
+    if interrupted:
+        solvers = stop_and_resume(binaries, tree, solvers, commands)
     driver = subprocess.run([str(binaries / "lockstep")], cwd=tree / "run", stdout=subprocess.DEVNULL)
     if driver.returncode != 0 or any(solver.wait() != 0 for solver in solvers):
         raise SystemExit(f"heat: the run in {tree} failed")
@@ -112,7 +150,7 @@ def by_point(tree, project):
     return values[numpy.lexsort((grid[:, 0], grid[:, 1]))]
 
 
-def parallel_difference(binaries, heat_left, work, sizes, ranks, serial_runs):
+def parallel_difference(binaries, heat_left, work, sizes, ranks, serial_runs, interrupted=False):
     """The largest difference between the final temperatures of the
     parallel and the serial coupled runs, over matching and non-matching
     interfaces; serial_runs keeps the serial runs' trees."""
@@ -121,7 +159,7 @@ def parallel_difference(binaries, heat_left, work, sizes, ranks, serial_runs):
         if (n_left, n_right, method) not in serial_runs:
             serial_runs[n_left, n_right, method] = run_coupled(binaries, heat_left, work, n_left, n_right, method)[0]
         serial = serial_runs[n_left, n_right, method]
-        parallel = run_coupled(binaries, heat_left, work, n_left, n_right, method, ranks)[0]
+        parallel = run_coupled(binaries, heat_left, work, n_left, n_right, method, ranks, interrupted)[0]
         for project in ("main", "sub1"):
             largest = max(largest, numpy.abs(by_point(parallel, project) - by_point(serial, project)).max())
     return largest
@@ -135,7 +173,8 @@ def compare_ranks(binaries, heat_left, work, argument, smallest):
         [tuple(int(part) for part in argument.split(","))]
     rows, serial_runs = [], {}
     for ranks in pairs:
-        difference = parallel_difference(binaries, heat_left, work, sizes, ranks, serial_runs)
+        difference = parallel_difference(binaries, heat_left, work, sizes, ranks, serial_runs,
+                                         "--stop-and-resume" in sys.argv)
         rows.append((ranks, difference))
         print(f"left on {ranks[0]} ranks, right on {ranks[1]}: largest difference from the serial run "
               f"{difference:.3e} (at most 1e-12)")

@@ -21,7 +21,8 @@ program heat_left_mpi
   type(lockstep_mpi_project_t) :: project
   character(len=4096) :: directory, argument
   character(len=16) :: name
-  integer :: n, last_cycle, cycle, step, stage, i, j, steps, rank, ranks, j0, j1, rows, c
+  character(len=:), allocatable :: state
+  integer :: n, last_cycle, cycle, step, stage, i, j, steps, rank, ranks, j0, j1, rows, c, unit
   real(dp) :: h, dt, time
   real(dp), allocatable :: u(:, :), y(:, :), k(:, :), total(:, :), given(:), flux(:), interface(:)
   real(dp), allocatable :: grid(:, :), whole(:)
@@ -82,13 +83,24 @@ program heat_left_mpi
       c = c + 2
     end do
   end do
-  call must(project%put('interface', interface))
-  call must(project%put('segments', segments))
-  call must(project%put('grid', grid))
-  call must(project%put('cells', cells))
-  call publish(0.0_dp)
-
   steps = 0
+  if (project%resumes_after() > 0) then
+    ! This rank's own state at the cycle end the run resumes after.
+    call state_file(project%resumes_after())
+    open (newunit=unit, file=state, access='stream', form='unformatted', action='read')
+    read (unit) steps, u(:, j0:j1), given
+    close (unit)
+    y = u
+    call set_boundary(steps * dt)
+    call fill_outputs()
+  else
+    call must(project%put('interface', interface))
+    call must(project%put('segments', segments))
+    call must(project%put('grid', grid))
+    call must(project%put('cells', cells))
+    call publish(0.0_dp)
+  end if
+
   do
     if (project%wait(cycle, step, stage) /= LOCKSTEP_PROJECT_OK) call fail()
     if (stage == 5) then
@@ -96,6 +108,11 @@ program heat_left_mpi
       call must(project%put(trim(name), whole))
       write (name, '(a, i4.4)') 'flux-', cycle
       call must(project%put(trim(name), flux))
+      call state_file(cycle)
+      open (newunit=unit, file=state, access='stream', form='unformatted', action='write', status='replace')
+      write (unit) steps, u(:, j0:j1), given
+      close (unit)
+      call must(project%checkpoint())
     else
       call must(project%get('temperature', given))
       time = steps * dt + stage_offset(stage) * dt
@@ -201,12 +218,27 @@ contains
     end do
   end subroutine
 
+  ! DIR/state-rankR-CCCC.bin: this rank's state at the end of a cycle.
+  subroutine state_file(number)
+    integer, intent(in) :: number
+    character(len=32) :: tail
+    write (tail, '(a, i0, a, i4.4, a)') '/state-rank', rank, '-', number, '.bin'
+    state = trim(directory) // trim(tail)
+  end subroutine
+
   ! The outputs for the next stage, at its time t: the flux at x = 1 on this
   ! rank's rows and its rows of the temperature.
   subroutine publish(t)
     real(dp), intent(in) :: t
-    integer :: p, q
     call set_boundary(t)
+    call fill_outputs()
+    call must(project%put('flux', flux))
+    call must(project%put('T', whole))
+  end subroutine
+
+  ! The flux and the temperature from the stage state y, its boundary set.
+  subroutine fill_outputs()
+    integer :: p, q
     do q = j0, j1
       flux(q) = (3.0_dp * given(q) - 4.0_dp * y(n - 1, q) + y(n - 2, q)) / (2.0_dp * h)
     end do
@@ -215,8 +247,6 @@ contains
         whole(local(p, q)) = y(p, q)
       end do
     end do
-    call must(project%put('flux', flux))
-    call must(project%put('T', whole))
   end subroutine
 
 end program

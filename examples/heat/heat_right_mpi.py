@@ -108,16 +108,26 @@ def main():
     with lockstep.mpi.Project(directory, world) as project:
         strip = Strip(world, n, dt)
         on_interface = strip.first == 0
-        project.put("interface", strip.y_coordinates if on_interface else numpy.zeros(0))
-        project.put("segments", segments(n) if on_interface else numpy.zeros((0, 2), numpy.int32))
-        project.put("grid", strip.points())
-        temperature = strip.output(0.0)
-        project.put("temperature", temperature)
-        project.put("T", strip.whole())
+        # Each rank's own state at a cycle end, which it loads to resume.
+        state = f"{directory}/state-rank{world.rank}-%04d.npz"
+        if project.resumes_after is not None:
+            saved = numpy.load(state % project.resumes_after)
+            strip.u, strip.steps = saved["u"], int(saved["steps"])
+            strip.y = strip.u.copy()
+            temperature = strip.output(strip.steps * dt)
+        else:
+            project.put("interface", strip.y_coordinates if on_interface else numpy.zeros(0))
+            project.put("segments", segments(n) if on_interface else numpy.zeros((0, 2), numpy.int32))
+            project.put("grid", strip.points())
+            temperature = strip.output(0.0)
+            project.put("temperature", temperature)
+            project.put("T", strip.whole())
         for request in project.requests(last_cycle):
             if request.cycle_end:
                 project.put("T-%04d" % request.cycle, strip.whole())
                 project.put("temperature-%04d" % request.cycle, temperature)
+                numpy.savez(state % request.cycle, u=strip.u, steps=strip.steps)
+                project.checkpoint()
                 continue
             temperature = strip.stage(request.stage, project.get("flux"))
             project.put("temperature", temperature)
