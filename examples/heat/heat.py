@@ -175,6 +175,13 @@ def compare_ranks(binaries, heat_left, work, argument, smallest):
     for ranks in pairs:
         difference = parallel_difference(binaries, heat_left, work, sizes, ranks, serial_runs,
                                          "--stop-and-resume" in sys.argv)
+        # The VTK files of the matching run, for ParaView and to set beside
+        # the serial run's.
+        for tree, out in ((serial_runs[sizes[0]], work / "vtk-serial"),
+                          (work / ("%s-%d-%d-on-%d-%d-ranks" % (sizes[0][2], *sizes[0][:2], *ranks)),
+                           work / ("vtk-on-%d-%d-ranks" % ranks))):
+            out.mkdir(exist_ok=True)
+            export_vtk(binaries, tree, out)
         rows.append((ranks, difference))
         print(f"left on {ranks[0]} ranks, right on {ranks[1]}: largest difference from the serial run "
               f"{difference:.3e} (at most 1e-12)")

@@ -8,7 +8,8 @@ heat_model.Right's, so the result is the serial solver's.
     mpirun -n R python3 heat_right_mpi.py DIR N TIME_STEP LAST_CYCLE
 
 Fields as heat_right.py's, each rank putting its part: "grid" and "T" hold
-each rank's columns in turn (row by row within them).
+each rank's columns in turn (row by row within them), and "cells" numbers
+the points so.
 """
 import sys
 
@@ -102,6 +103,27 @@ class Strip:
         return self.y[self.owned].T.ravel().copy()
 
 
+def strip_cells(world, n):
+    """This rank's triangles, two a square whose left column it owns, as
+    heat_model.grid_cells makes them, numbered as the ranks' grids follow
+    each other."""
+    splits = numpy.array_split(numpy.arange(n + 1), world.size)
+    widths = [len(columns) for columns in splits]
+    offsets = numpy.cumsum([0] + [width * (n + 1) for width in widths])
+    owner = numpy.repeat(numpy.arange(world.size), widths)
+
+    def number(i, j):
+        rank = owner[i]
+        return offsets[rank] + j * widths[rank] + i - splits[rank][0]
+    cells = []
+    for j in range(n):
+        for i in splits[world.rank]:
+            if i < n:
+                cells += [(number(i, j), number(i + 1, j), number(i + 1, j + 1)),
+                          (number(i, j), number(i + 1, j + 1), number(i, j + 1))]
+    return numpy.array(cells, dtype=numpy.int32).reshape(-1, 3)
+
+
 def main():
     directory, n, dt, last_cycle = sys.argv[1], int(sys.argv[2]), float(sys.argv[3]), int(sys.argv[4])
     world = MPI.COMM_WORLD
@@ -119,6 +141,7 @@ def main():
             project.put("interface", strip.y_coordinates if on_interface else numpy.zeros(0))
             project.put("segments", segments(n) if on_interface else numpy.zeros((0, 2), numpy.int32))
             project.put("grid", strip.points())
+            project.put("cells", strip_cells(world, n))
             temperature = strip.output(0.0)
             project.put("temperature", temperature)
             project.put("T", strip.whole())
