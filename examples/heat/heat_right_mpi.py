@@ -17,12 +17,13 @@ import numpy
 from mpi4py import MPI
 
 import lockstep.mpi
-from heat_model import SOURCE, STAGE_OFFSET, exact, segments
+from heat_model import SOURCE, Side, exact, segments
 
 
-class Strip:
+class Strip(Side):
     """Columns first..last of the right side's (n + 1) x (n + 1) grid, with
-    one ghost column on each side: u[c] is column first - 1 + c."""
+    one ghost column on each side: u[c] is column first - 1 + c. Side's
+    stage steps it, with this strip's derivative and output."""
 
     def __init__(self, world, n, dt):
         self.world, self.n, self.dt, self.h = world, n, dt, 1.0 / n
@@ -74,23 +75,7 @@ class Strip:
                           + SOURCE * exact(1.0, inner, t))
         return k
 
-    def stage(self, s, flux):
-        """As heat_model.Side.stage, on this strip."""
-        k = self.derivative(self.steps * self.dt + STAGE_OFFSET[s - 1] * self.dt, flux)
-        if s == 1:
-            self.total = k
-            self.y = self.u + 0.5 * self.dt * k
-        elif s < 4:
-            self.total = self.total + 2.0 * k
-            self.y = self.u + STAGE_OFFSET[s] * self.dt * k
-        else:
-            self.total = self.total + k
-            self.u = self.u + self.dt / 6.0 * self.total
-            self.y = self.u.copy()
-            self.steps += 1
-        return self.output(self.steps * self.dt + STAGE_OFFSET[s % 4] * self.dt)
-
-    def output(self, t):
+    def output(self, t, given=None):
         """The temperature at x = 1, on the rank that has it."""
         self.boundary(t)
         return self.y[1, :].copy() if self.first == 0 else numpy.zeros(0)
