@@ -11,10 +11,13 @@
 # completes the run. Last, the chain example across both nodes: its solvers
 # exchange fields through lockstep-exchange in every stage, main on n1 and
 # both sub projects on n2 through the view, and the coupled result must be
-# the chain's integrated in one process.
+# the chain's integrated in one process. With HEAT_LEFT and HEAT_DIR, the
+# parallel script: the heat example's left side and the driver on n1, its
+# right side on 4 MPI ranks started by mpirun in the job, two on n1 and two on
+# n2 through the view, every final temperature the serial solvers'.
 # Every daemon started here is stopped by its PID, also when the test fails.
-#   cluster_test.sh CLUSTER_DOC PROTOCOL_DOC PREFIX CHAIN_SOLVER CHAIN_CHECK EXCHANGE_TABLE
-# (lockstep installed in PREFIX)
+#   cluster_test.sh CLUSTER_DOC PROTOCOL_DOC PREFIX CHAIN_SOLVER CHAIN_CHECK EXCHANGE_TABLE [HEAT_LEFT HEAT_DIR]
+# (lockstep installed in PREFIX; PYTHON: the interpreter with NumPy and mpi4py)
 # LOCKSTEP_SANITIZE_FLAGS: the sanitizer flags the library was built with.
 set -euo pipefail
 doc=$1
@@ -23,6 +26,8 @@ prefix=$(cd "$3" && pwd)
 chain_solver=$4
 chain_check=$5
 chain_table=$6
+heat_left=${7:-}
+heat_dir=${8:-}
 export PATH="$prefix/bin:$PATH:/usr/sbin:/sbin"
 export LD_LIBRARY_PATH="$prefix/lib"
 
@@ -42,6 +47,11 @@ work=$(mktemp -d)
 chmod 755 "$work"
 finish() {
   local status=$?
+  # A job's steps outlive slurmd: the jobs go first, while it can end them.
+  if [ -n "${SLURM_CONF:-}" ] && [ -n "$(squeue -h 2>/dev/null)" ]; then
+    scancel --full --signal=KILL --user="$(id -un)" 2>/dev/null || true
+    for _ in $(seq 100); do [ -z "$(squeue -h 2>/dev/null)" ] && break; sleep 0.1; done
+  fi
   stop_daemons
   [ "$status" -eq 0 ] || show_logs "$work"/*.log "$work"/cases/*/*.out "$work"/cases/*/*/*.log
   rm -rf "$work"
@@ -299,3 +309,53 @@ state=$(scontrol show job "$job" | grep -o 'JobState=[A-Z]*' || true)
 [ "$state" = "JobState=COMPLETED" ] || { echo "chain job $job ended with $state" >&2; cat "$cases"/chain/*/solver.log >&2; exit 1; }
 "$chain_check" "$cases/chain" 4 3 main:0:4 sub1:4:4 sub2:8:4
 echo "cluster: the chain on two nodes, sub1 and sub2 through sshfs -o auto_cache on n2: fields exchanged every stage, exactly"
+
+[ -n "$heat_left" ] || exit 0
+# The heat example's right side on 4 ranks, 2 a node; its reference is the
+# serial solvers' run on this machine (heat.py --ranks 1,1 runs both).
+python=${PYTHON:-python3}
+export PYTHONPATH="$prefix/lib/python3/dist-packages:$heat_dir"
+"$python" "$heat_dir/heat.py" "$prefix/bin" "$heat_left" "$work/reference" --smallest --ranks 1,1 >"$work/reference.log"
+printf '#!/bin/sh\nexec "%s" "$@"\n' "$heat_left" > "$work/bin/heat_left"
+# Each rank notes where it runs and what file system the project is on there.
+printf '#!/bin/sh\necho "$SLURMD_NODENAME $(findmnt -n -o FSTYPE -T "$1")" > "$1/node-$OMPI_COMM_WORLD_RANK"\nexec "%s" "%s" "$@"\n' \
+  "$python" "$heat_dir/heat_right_mpi.py" > "$work/bin/heat_right_mpi"
+chmod +x "$work/bin/heat_left" "$work/bin/heat_right_mpi"
+doc_script "parallel batch script" "$work/parallel.sh"
+read -r time_steps TIME_STEP < <("$python" -c 'import heat; steps, dt = heat.schedule(8, 8); print(steps, "%.17g" % dt)')
+export TIME_STEP OMPI_ALLOW_RUN_AS_ROOT=1 OMPI_ALLOW_RUN_AS_ROOT_CONFIRM=1
+# Both nodes are this one host under one name, so Open MPI would join ranks
+# of n1 and n2 through shared memory, which fails across n2's mount
+# namespace: between nodes, as on a real cluster, only TCP.
+export OMPI_MCA_btl=self,tcp
+mkdir -p "$cases/heat/run"
+printf 'time_step=\n%s\ncycle_num=\n4\nnum_subprojects=\n1\n' "$time_steps" > "$cases/heat/run/analysis_settings.dat"
+"$python" -c 'import heat; print(heat.table_words("nearest-neighbour"), end="")' > "$cases/heat/run/exchange.dat"
+for project in main sub1; do
+  mkdir -p "$cases/heat/$project"
+  ln -s "$prefix/bin/lockstep-exchange" "$cases/heat/$project/exchange"
+  echo exchange > "$cases/heat/$project/CalculateInteraction.dat"
+  echo 0 > "$cases/heat/$project/go2.dat"
+done
+job=$(cd "$cases/heat" && sbatch --parsable --export=ALL "$work/parallel.sh")
+wait_until "[ -z \"\$(squeue -h -j $job 2>/dev/null)\" ]" "ls '$cases/heat'/*/fields/out 2>/dev/null | wc -l"
+state=$(scontrol show job "$job" | grep -o 'JobState=[A-Z]*' || true)
+[ "$state" = "JobState=COMPLETED" ] ||
+  { echo "parallel job $job ended with $state" >&2; cat "$cases"/heat/*/solver.log >&2; exit 1; }
+"$python" - "$work/reference/nearest-neighbour-8-8" "$cases/heat" <<'PYTHON'
+import sys
+from pathlib import Path
+
+import numpy
+
+import heat
+
+serial, parallel = Path(sys.argv[1]), Path(sys.argv[2])
+nodes = [(parallel / "sub1" / f"node-{rank}").read_text().split() for rank in range(4)]
+assert [node for node, _ in nodes] == ["n1", "n1", "n2", "n2"], nodes
+assert nodes[2][1] == nodes[3][1] == "fuse.sshfs" and nodes[0][1] != "fuse.sshfs", nodes
+difference = max(numpy.abs(heat.by_point(parallel, p) - heat.by_point(serial, p)).max() for p in ("main", "sub1"))
+assert difference <= 1e-12, difference
+print(f"cluster: the heat example's right side on 4 ranks over n1 and n2 (sshfs there), left side and driver on n1: "
+      f"largest difference from the serial run {difference:.1e}")
+PYTHON
