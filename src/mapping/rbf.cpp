@@ -99,7 +99,11 @@ class Polynomial {
     while (axes < d && widest > 0 && std::sqrt(std::max(variance[d - 1 - axes], 0.0)) > kFlat * widest) ++axes;
     frame_ = spread.eigenvectors().rightCols(axes).transpose() / std::max(widest, std::numeric_limits<double>::min());
     Eigen::MatrixXd terms(n, size());
-    for (Eigen::Index j = 0; j < n; ++j) fill(at.col(j).data(), terms.row(j));
+    for (Eigen::Index j = 0; j < n; ++j) {
+      double x[3];  // `at` holds an axis a row: a point's coordinates are apart
+      for (Eigen::Index k = 0; k < d; ++k) x[k] = at(k, j);
+      fill(x, terms.row(j));
+    }
     // terms = U S V^T through the eigenvectors of terms^T terms.
     const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> gram(terms.transpose() * terms);
     const Eigen::VectorXd& squared = gram.eigenvalues();  // ascending
