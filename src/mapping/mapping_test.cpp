@@ -86,6 +86,11 @@ TEST(MappingTest, MeshesAndCellsAreCheckedBeforeUse) {
   ASSERT_EQ(points_from_field({fields::Type::kFloat64, false, {3, 1}, {}}, coordinates, points), "");
   EXPECT_EQ(points.dimension, 1);
   ASSERT_EQ(points_from_field({fields::Type::kFloat64, false, {3, 2}, {}}, coordinates, points), "");
+  // As Fortran writes them, one axis after the other.
+  const double by_axis[] = {1, 2, 3, 10, 20, 30};
+  Points fortran;
+  ASSERT_EQ(points_from_field({fields::Type::kFloat64, true, {3, 2}, {}}, by_axis, fortran), "");
+  EXPECT_EQ(fortran.coordinates, (std::vector<double>{1, 10, 2, 20, 3, 30}));
   const std::int32_t triangle[] = {0, 1, 3};
   Cells cells;
   EXPECT_EQ(cells_from_field({fields::Type::kInt32, false, {1, 3}, {}}, triangle, points, cells),
@@ -213,6 +218,8 @@ TEST(MappingTest, ReachCountsTheTargetsOutsideTheSourceMesh) {
   const Cells triangles{2, 3, {0, 1, 2, 1, 3, 2}};
   // Inside, on the diagonal, beyond the right edge.
   const Points flat_targets{3, 2, {0.25, 0.25, 0.5, 0.5, 1.5, 0.5}};
+  // Beyond the top edge: outside along the second axis only.
+  const Points above{1, 2, {0.5, 1.5}};
   // Above the square (projected inside), beyond it.
   const Points lying_targets{2, 3, {0.25, 0.25, 0.1, 1.5, 0.5, 0}};
   const Reach on_flat = reach(flat, &triangles, flat_targets);
@@ -221,6 +228,7 @@ TEST(MappingTest, ReachCountsTheTargetsOutsideTheSourceMesh) {
   EXPECT_EQ(reach(lying, &triangles, lying_targets).outside, 1u);
   // Without cells: outside the source points' bounding box.
   EXPECT_EQ(reach(flat, nullptr, flat_targets).outside, 1u);
+  EXPECT_EQ(reach(flat, nullptr, above).outside, 1u);
   // A closed surface has no rim: targets off it, beyond its corners and
   // edges too, are on it, not outside. A polyline ends at its ends.
   const Points tetrahedron{4, 3, {0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1}};
