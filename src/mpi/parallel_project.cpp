@@ -55,7 +55,7 @@ constexpr std::chrono::microseconds kYielding{5000};
 // The longest pause between looks while a rank waits for the others, as it
 // does all the while rank 0 waits for a request; a blocking MPI call would
 // keep a core busy instead.
-constexpr std::chrono::microseconds kLongestPause{3000};
+constexpr std::chrono::microseconds kLongestPause{6000};
 // The most of a message that goes to every rank.
 constexpr std::size_t kLongestMessage = 65536;
 
