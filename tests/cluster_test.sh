@@ -171,9 +171,28 @@ doc_script() {
 }
 doc_script "batch script" "$work/job.sh"
 
+# job_state JOB [PROGRESS]: waits for the job to leave the queue (PROGRESS as
+# wait_until's) and prints how it ended, JobState=...
+job_state() {
+  wait_until "[ -z \"\$(squeue -h -j $1 2>/dev/null)\" ]" "${2:-true}" || return
+  scontrol show job "$1" | grep -o 'JobState=[A-Z]*' || true
+}
+
+# exchange_projects DIR PROJECT...: each project's interaction program is
+# lockstep-exchange, its go2.dat ready.
+exchange_projects() {
+  local dir=$1 project
+  shift
+  for project in "$@"; do
+    mkdir -p "$dir/$project"
+    ln -s "$prefix/bin/lockstep-exchange" "$dir/$project/exchange"
+    echo exchange > "$dir/$project/CalculateInteraction.dat"
+    echo 0 > "$dir/$project/go2.dat"
+  done
+}
+
 job=$(cd "$case_dir" && sbatch --parsable --export=ALL "$work/job.sh")
-wait_until "[ -z \"\$(squeue -h -j $job 2>/dev/null)\" ]" "cat '$case_dir'/*/*.log 2>/dev/null | wc -l"
-state=$(scontrol show job "$job" | grep -o 'JobState=[A-Z]*' || true)
+state=$(job_state "$job" "cat '$case_dir'/*/*.log 2>/dev/null | wc -l")
 [ "$state" = "JobState=COMPLETED" ] || { echo "job $job ended with $state" >&2; exit 1; }
 
 expected=""
@@ -206,8 +225,7 @@ STEP
   chmod +x "$case_dir/$project/step.sh"
 done
 job=$(cd "$case_dir" && sbatch --parsable --export=ALL "$work/two-node.sh")
-wait_until "[ -z \"\$(squeue -h -j $job 2>/dev/null)\" ]" "cat '$case_dir'/*/*.log 2>/dev/null | wc -l"
-state=$(scontrol show job "$job" | grep -o 'JobState=[A-Z]*' || true)
+state=$(job_state "$job" "cat '$case_dir'/*/*.log 2>/dev/null | wc -l")
 [ "$state" = "JobState=COMPLETED" ] || { echo "job $job ended with $state" >&2; exit 1; }
 batch_host=$(scontrol show job "$job" | grep -o 'BatchHost=[^ ]*' || true)
 [ "$batch_host" = BatchHost=n1 ] || { echo "job $job's driver ran on $batch_host, not n1" >&2; exit 1; }
@@ -244,12 +262,10 @@ first=$(cd "$case_dir" && sbatch --parsable --export=ALL "$work/resumable.sh")
 wait_until "[ -d '$case_dir/main/checkpoints/3' ] && [ -d '$case_dir/sub1/checkpoints/3' ]" \
   "cat '$case_dir'/*/agent.log 2>/dev/null | wc -l"
 scancel "$first"
-wait_until "[ -z \"\$(squeue -h -j $first 2>/dev/null)\" ]"
-state=$(scontrol show job "$first" | grep -o 'JobState=[A-Z]*' || true)
+state=$(job_state "$first")
 [ "$state" = "JobState=CANCELLED" ] || { echo "job $first ended with $state, not cancelled" >&2; exit 1; }
 second=$(cd "$case_dir" && sbatch --parsable --export=ALL "$work/resumable.sh")
-wait_until "[ -z \"\$(squeue -h -j $second 2>/dev/null)\" ]" "cat '$case_dir'/*/agent.log 2>/dev/null | wc -l"
-state=$(scontrol show job "$second" | grep -o 'JobState=[A-Z]*' || true)
+state=$(job_state "$second" "cat '$case_dir'/*/agent.log 2>/dev/null | wc -l")
 [ "$state" = "JobState=COMPLETED" ] || { echo "job $second ended with $state" >&2; exit 1; }
 
 # Each project: the first job's requests, then from the cycle after the
@@ -283,12 +299,7 @@ grep -q '^the run is complete$' <<<"$status" || { echo "status does not say the 
 mkdir -p "$cases/chain/run"
 printf 'time_step=\n3\ncycle_num=\n4\nnum_subprojects=\n2\n' > "$cases/chain/run/analysis_settings.dat"
 cp "$chain_table" "$cases/chain/run/exchange.dat"
-for project in main sub1 sub2; do
-  mkdir -p "$cases/chain/$project"
-  ln -s "$prefix/bin/lockstep-exchange" "$cases/chain/$project/exchange"
-  echo exchange > "$cases/chain/$project/CalculateInteraction.dat"
-  echo 0 > "$cases/chain/$project/go2.dat"
-done
+exchange_projects "$cases/chain" main sub1 sub2
 cat > "$work/chain.sh" <<SCRIPT
 #!/bin/bash
 #SBATCH --job-name=chain --nodes=2 --ntasks-per-node=3 --output=chain-%j.out
@@ -304,8 +315,7 @@ until [ -f main/fields/out/last.npy ] && [ -f sub1/fields/out/last.npy ] && [ -f
 wait
 SCRIPT
 job=$(cd "$cases/chain" && sbatch --parsable --export=ALL "$work/chain.sh")
-wait_until "[ -z \"\$(squeue -h -j $job 2>/dev/null)\" ]" "cat '$cases/chain'/*/chain.csv 2>/dev/null | wc -l"
-state=$(scontrol show job "$job" | grep -o 'JobState=[A-Z]*' || true)
+state=$(job_state "$job" "cat '$cases/chain'/*/chain.csv 2>/dev/null | wc -l")
 [ "$state" = "JobState=COMPLETED" ] || { echo "chain job $job ended with $state" >&2; cat "$cases"/chain/*/solver.log >&2; exit 1; }
 "$chain_check" "$cases/chain" 4 3 main:0:4 sub1:4:4 sub2:8:4
 echo "cluster: the chain on two nodes, sub1 and sub2 through sshfs -o auto_cache on n2: fields exchanged every stage, exactly"
@@ -331,15 +341,9 @@ export OMPI_MCA_btl=self,tcp
 mkdir -p "$cases/heat/run"
 printf 'time_step=\n%s\ncycle_num=\n4\nnum_subprojects=\n1\n' "$time_steps" > "$cases/heat/run/analysis_settings.dat"
 "$python" -c 'import heat; print(heat.table_words("nearest-neighbour"), end="")' > "$cases/heat/run/exchange.dat"
-for project in main sub1; do
-  mkdir -p "$cases/heat/$project"
-  ln -s "$prefix/bin/lockstep-exchange" "$cases/heat/$project/exchange"
-  echo exchange > "$cases/heat/$project/CalculateInteraction.dat"
-  echo 0 > "$cases/heat/$project/go2.dat"
-done
+exchange_projects "$cases/heat" main sub1
 job=$(cd "$cases/heat" && sbatch --parsable --export=ALL "$work/parallel.sh")
-wait_until "[ -z \"\$(squeue -h -j $job 2>/dev/null)\" ]" "ls '$cases/heat'/*/fields/out 2>/dev/null | wc -l"
-state=$(scontrol show job "$job" | grep -o 'JobState=[A-Z]*' || true)
+state=$(job_state "$job" "ls '$cases/heat'/*/fields/out 2>/dev/null | wc -l")
 [ "$state" = "JobState=COMPLETED" ] ||
   { echo "parallel job $job ended with $state" >&2; cat "$cases"/heat/*/solver.log >&2; exit 1; }
 "$python" - "$work/reference/nearest-neighbour-8-8" "$cases/heat" <<'PYTHON'
