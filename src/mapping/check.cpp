@@ -5,9 +5,9 @@
 #include <cmath>
 #include <cstdio>
 #include <optional>
-#include <thread>
 #include <vector>
 
+#include "mapping/cores.h"
 #include "mapping/search.h"
 
 namespace lockstep::mapping {
@@ -62,21 +62,31 @@ std::string check_weights(const Method& method, const Points& from, const Points
   const auto d = static_cast<std::size_t>(targets.dimension);
   // Per target: the row sum, the absolute row sum, mapped position - target.
   std::vector<double> sum(targets.count, 0.0), magnitude(targets.count, 0.0), position(targets.count * d, 0.0);
-  for (std::size_t row = 0; row < weights.rows; ++row) {
-    for (auto at = static_cast<std::size_t>(weights.row_start[row]);
-         at < static_cast<std::size_t>(weights.row_start[row + 1]); ++at) {
-      const auto column = static_cast<std::size_t>(weights.column_of[at]);
-      const std::size_t target = method.conservative ? column : row, source = method.conservative ? row : column;
-      if (target >= targets.count || source >= sources.count) return "the weights name a point outside the meshes";
-      const double value = weights.value[at];
-      sum[target] += value;
-      magnitude[target] += std::abs(value);
-      // Offsets from the target: the same for a mesh anywhere in space.
-      for (std::size_t k = 0; k < d; ++k) {
-        position[target * d + k] += value * (sources.at(source)[k] - targets.at(target)[k]);
+  std::atomic<bool> outside{false};
+  const auto accumulate = [&](std::size_t first_row, std::size_t end_row) {
+    for (std::size_t row = first_row; row < end_row; ++row) {
+      for (auto at = static_cast<std::size_t>(weights.row_start[row]);
+           at < static_cast<std::size_t>(weights.row_start[row + 1]); ++at) {
+        const auto column = static_cast<std::size_t>(weights.column_of[at]);
+        const std::size_t target = method.conservative ? column : row, source = method.conservative ? row : column;
+        if (target >= targets.count || source >= sources.count) {
+          outside = true;
+          return;
+        }
+        const double value = weights.value[at];
+        sum[target] += value;
+        magnitude[target] += std::abs(value);
+        // Offsets from the target: the same for a mesh anywhere in space.
+        for (std::size_t k = 0; k < d; ++k) {
+          position[target * d + k] += value * (sources.at(source)[k] - targets.at(target)[k]);
+        }
       }
     }
-  }
+  };
+  // A conservative map's rows add into any target: they are summed on one
+  // core. A consistent map's row is its target's, summed where it is checked.
+  if (method.conservative) accumulate(0, weights.rows);
+  if (!method.conservative && weights.rows > targets.count) outside = true;
   const bool constants = reproduces_constants(method);
   // Nearest-neighbour rows are the nearest point by construction.
   const bool positions = constants && method.kind != Kind::kNearestNeighbour;
@@ -85,12 +95,13 @@ std::string check_weights(const Method& method, const Points& from, const Points
   // Rounding in a solve grows with the weights' size and the mesh's extent.
   const double extent = extent_of(sources) + extent_of(targets);
   // Targets in blocks on every core; the first failing target is reported.
-  const unsigned cores = std::clamp(std::thread::hardware_concurrency(), 1u, 8u);
+  const unsigned cores = core_count();
   std::atomic<std::size_t> first_failure{targets.count};
   std::vector<Deviation> found(cores);
-  const auto check_from = [&](unsigned part) {
-    const std::size_t begin = targets.count * part / cores, end = targets.count * (part + 1) / cores;
-    for (std::size_t t = begin; t < end && t < first_failure; ++t) {
+  run_parts(cores, [&](unsigned part) {
+    const std::size_t begin = part_begin(targets.count, part, cores), end = part_begin(targets.count, part + 1, cores);
+    if (!method.conservative && !outside) accumulate(std::min(begin, weights.rows), std::min(end, weights.rows));
+    for (std::size_t t = begin; t < end && t < first_failure && !outside; ++t) {
       const auto fail = [&] {
         std::size_t seen = first_failure;
         while (t < seen && !first_failure.compare_exchange_weak(seen, t)) {}
@@ -105,11 +116,8 @@ std::string check_weights(const Method& method, const Points& from, const Points
       found[part].position = std::max(found[part].position, excess);
       if (!(excess <= 1e-8 * std::max(1.0, magnitude[t]) * extent)) return fail();
     }
-  };
-  std::vector<std::thread> threads;
-  for (unsigned part = 1; part < cores; ++part) threads.emplace_back(check_from, part);
-  check_from(0);
-  for (std::thread& thread : threads) thread.join();
+  });
+  if (outside) return "the weights name a point outside the meshes";
   for (const Deviation& part : found) {
     largest.row_sum = std::max(largest.row_sum, part.row_sum);
     largest.position = std::max(largest.position, part.position);

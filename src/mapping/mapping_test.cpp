@@ -155,13 +155,15 @@ TEST(MappingTest, ConstantsLinearFieldsAndSumsAreKept) {
     const double before = std::accumulate(forces.begin(), forces.end(), 0.0);
     EXPECT_NEAR(std::accumulate(moved.begin(), moved.end(), 0.0), before, 1e-12 * before);
   }
-  // Two source points at one place cannot carry an RBF system.
+  // Two source points at one place cannot carry an RBF system; the first
+  // pair in order is named.
   Points twin = from;
-  std::copy_n(twin.at(7), 3, twin.coordinates.begin() + 3 * 200);
+  std::copy_n(twin.at(300), 3, twin.coordinates.begin() + 3 * 350);
+  std::copy_n(twin.at(7), 3, twin.coordinates.begin() + 3 * 150);
   Weights weights;
   EXPECT_EQ(compute_weights(method_of({{"map", "rbf"}, {"from-mesh", "a"}, {"to-mesh", "b"}}), twin, nullptr, to,
                             nullptr, weights),
-            "source points 7 and 200 are at one place, which makes the RBF system singular: remove one");
+            "source points 7 and 150 are at one place, which makes the RBF system singular: remove one");
   // Two patches 1e5 apart, as the interfaces of two bodies: clusters sit
   // where the points are, and each patch keeps its linear field.
   Points patches = from, near = to;
@@ -273,11 +275,16 @@ TEST(MappingTest, WeightsThatFailTheirMethodAreRefused) {
       {nearest, weights_of({1}, {NAN}), "the weights of target point 1 (1) are not finite"},
       {unpolished, weights_of({1}, {0.5}), ""},
       {unpolished, weights_of({1}, {INFINITY}), "the weights of target point 1 (1) are not finite"},
+      {rbf, weights_of({4}, {1.0}), "the weights name a point outside the meshes"},
   };
   for (const auto& c : cases) {
     Deviation largest;
     EXPECT_EQ(check_weights(c.method, line, target, c.weights.view(), largest), c.error);
   }
+  Weights three_rows = weights_of({1}, {1.0});
+  three_rows.add_row({1}, {1.0});
+  Deviation ignored;
+  EXPECT_EQ(check_weights(rbf, line, target, three_rows.view(), ignored), "the weights name a point outside the meshes");
   // A conservative map is checked as the consistent map it transposes.
   Method conservative = rbf;
   conservative.conservative = true;

@@ -9,9 +9,9 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <thread>
 #include <vector>
 
+#include "mapping/cores.h"
 #include "mapping/kernels.h"
 
 namespace lockstep::mapping {
@@ -64,18 +64,6 @@ constexpr double kPumShape = 0.4;
 // in the cube falls by a third; a mesh takes 3.6 times the clusters, which
 // costs a fifth to a third more time (bench/mapping.py).
 constexpr double kPumMargin = 0.5;
-
-unsigned core_count() { return std::clamp(std::thread::hardware_concurrency(), 1u, 8u); }
-
-// Runs `work` on every core, at most eight, and waits for all.
-template <typename Work>
-void run_on_every_core(const Work& work) {
-  const unsigned cores = core_count();
-  std::vector<std::thread> threads;
-  for (unsigned i = 1; i < cores; ++i) threads.emplace_back(work);
-  work();
-  for (std::thread& thread : threads) thread.join();
-}
 
 // Points one axis a row, so that distances vectorise over the points.
 using Coordinates = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
@@ -242,18 +230,27 @@ std::string cluster(const Points& from, const PointSearch& search, double radius
     for (std::size_t k = 0; k < d; ++k) sum.total[k] += from.at(i)[k];
     ++sum.count;
   }
+  std::vector<double> means;
+  means.reserve(cells.size() * d);
+  for (const auto& [cell, sum] : cells) {
+    for (std::size_t k = 0; k < d; ++k) means.push_back(sum.total[k] / static_cast<double>(sum.count));
+  }
+  // Each centre's members, found on every core.
+  std::vector<std::vector<std::size_t>> inside(cells.size());
+  std::atomic<std::size_t> next{0};
+  run_parts(core_count(), [&](unsigned) {
+    for (std::size_t c = next++; c < inside.size(); c = next++) {
+      for (const auto& [index, ignored] : search.within(&means[c * d], radius)) inside[c].push_back(index);
+      std::sort(inside[c].begin(), inside[c].end());
+    }
+  });
   centres = Points{};
   centres.dimension = from.dimension;
   members.clear();
-  for (const auto& [cell, sum] : cells) {
-    double centre[3];
-    for (std::size_t k = 0; k < d; ++k) centre[k] = sum.total[k] / static_cast<double>(sum.count);
-    std::vector<std::size_t> inside;
-    for (const auto& [index, ignored] : search.within(centre, radius)) inside.push_back(index);
-    if (inside.size() < d + 2) continue;
-    std::sort(inside.begin(), inside.end());
-    centres.coordinates.insert(centres.coordinates.end(), centre, centre + d);
-    members.push_back(std::move(inside));
+  for (std::size_t c = 0; c < inside.size(); ++c) {
+    if (inside[c].size() < d + 2) continue;
+    centres.coordinates.insert(centres.coordinates.end(), &means[c * d], &means[c * d] + d);
+    members.push_back(std::move(inside[c]));
     ++centres.count;
   }
   if (centres.count == 0) return "too few source points for rbf-pum's clusters: use map=rbf";
@@ -287,7 +284,7 @@ Blend blend_clusters(const Points& from, const Points& to, const std::vector<std
   blend.first.assign(to.count + 1, 0);
   blend.distinct.resize(to.count);
   std::atomic<std::size_t> next_chunk{0};
-  run_on_every_core([&] {
+  run_parts(core_count(), [&](unsigned) {
     std::vector<char> seen(from.count, 0);
     for (std::size_t chunk = next_chunk++; chunk < chunks; chunk = next_chunk++) {
       std::vector<Blend::Share>& shares = found[chunk];
@@ -509,7 +506,7 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
   std::atomic<std::size_t> next{0};
   std::atomic<std::size_t> singular{centres.count};
   std::barrier all_done(static_cast<std::ptrdiff_t>(core_count()), [&next]() noexcept { next = 0; });
-  run_on_every_core([&] {
+  run_parts(core_count(), [&](unsigned) {
     Eigen::MatrixXd local;
     std::vector<std::uint32_t> place(from.count, 0);
     for (std::size_t b = 0; b < batches.count; ++b) {

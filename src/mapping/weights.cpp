@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <functional>
-#include <thread>
 
 #include <sys/mman.h>
+
+#include "mapping/cores.h"
 
 namespace lockstep::mapping {
 
@@ -65,7 +65,7 @@ std::uint64_t checksum_word(Column column, double value) {
 bool WeightsView::apply(const double* source, std::size_t components, double* target, Audit* audit) const {
   // Rows in blocks over every core: a stage's product reads every weight
   // once, and memory, not arithmetic, bounds it.
-  const unsigned cores = count * components < 1000000 ? 1 : std::clamp(std::thread::hardware_concurrency(), 1u, 8u);
+  const unsigned cores = count * components < 1000000 ? 1 : core_count();
   if (audit != nullptr) audit->row_sums.resize(rows);
   std::vector<Checksum> checksums(cores);
   std::atomic<bool> sound{true};
@@ -119,12 +119,9 @@ bool WeightsView::apply(const double* source, std::size_t components, double* ta
       }
     }
   };
-  std::vector<std::thread> threads;
-  for (unsigned part = 1; part < cores; ++part) {
-    threads.emplace_back(rows_from, rows * part / cores, rows * (part + 1) / cores, std::ref(checksums[part]));
-  }
-  rows_from(0, rows / cores, checksums[0]);
-  for (std::thread& thread : threads) thread.join();
+  run_parts(cores, [&](unsigned part) {
+    rows_from(part_begin(rows, part, cores), part_begin(rows, part + 1, cores), checksums[part]);
+  });
   if (audit != nullptr) {
     audit->checksum = {};
     for (const Checksum& part : checksums) audit->checksum.add(part);
