@@ -5,6 +5,7 @@
 #include <random>
 
 #include "mapping/check.h"
+#include "mapping/local.h"
 #include "mapping/method.h"
 
 namespace lockstep::mapping {
@@ -239,6 +240,35 @@ TEST(MappingTest, ReachCountsTheTargetsOutsideTheSourceMesh) {
   EXPECT_EQ(reach(tetrahedron, &surface, around).outside, 0u);
   const Cells polyline{2, 2, {0, 1, 1, 2}};
   EXPECT_EQ(reach(tetrahedron, &polyline, around).outside, 1u);  // beyond its end at the origin
+}
+
+// The two builds of a cluster's solve give the same weights, to rounding,
+// for every basis; the processor's own is the one used.
+TEST(MappingTest, BothBuildsOfTheLocalSolveAgree) {
+#ifdef LOCKSTEP_WIDE_LOCAL
+  if (!__builtin_cpu_supports("avx2") || !__builtin_cpu_supports("fma")) GTEST_SKIP() << "no AVX2 and FMA here";
+  EXPECT_EQ(local_solver(), &wide::solve);
+  const Points from = random_points(55, 3, 5), to = random_points(40, 3, 6);
+  std::vector<std::size_t> sources(from.count), targets(to.count);
+  std::iota(sources.begin(), sources.end(), 0);
+  std::iota(targets.begin(), targets.end(), 0);
+  for (const Basis basis : {Basis::kQuintic, Basis::kThinPlateSpline, Basis::kGaussian, Basis::kWendlandC2}) {
+    const Local local{{basis, 2, 1.5}, true, 3, from.coordinates.data(), sources.data(), sources.size(),
+                      to.coordinates.data(), targets.data(), targets.size()};
+    std::vector<double> narrow(from.count * to.count), wide(narrow.size());
+    ASSERT_TRUE(baseline::solve(local, narrow.data()));
+    ASSERT_TRUE(wide::solve(local, wide.data()));
+    double largest = 0, difference = 0;
+    for (std::size_t i = 0; i < narrow.size(); ++i) {
+      largest = std::max(largest, std::abs(narrow[i]));
+      difference = std::max(difference, std::abs(narrow[i] - wide[i]));
+    }
+    EXPECT_LT(difference, 1e-9 * largest) << static_cast<int>(basis);
+    EXPECT_NE(narrow, wide) << "the same rounding: is the wide build the baseline?";
+  }
+#else
+  EXPECT_EQ(local_solver(), &baseline::solve);
+#endif
 }
 
 // Weights are checked before use: each fault names its target point.

@@ -1,5 +1,3 @@
-#include <Eigen/Dense>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -7,15 +5,13 @@
 #include <cmath>
 #include <limits>
 #include <map>
-#include <memory>
-#include <optional>
 #include <vector>
 
 #include "mapping/cores.h"
 #include "mapping/kernels.h"
+#include "mapping/local.h"
 
 namespace lockstep::mapping {
-namespace {
 
 double wendland(Basis basis, double rho) {
   if (rho >= 1) return 0;
@@ -27,25 +23,16 @@ double wendland(Basis basis, double rho) {
   }
 }
 
-// The basis with its scale settled, applied to distances squared.
-struct Kernel {
-  Basis basis;
-  double shape = 1, radius = 1;
-  // phi(r) for each entry, r^2, in place: the Gaussian, rbf-pum's default,
-  // in one vectorised pass.
-  void apply(Eigen::Ref<Eigen::MatrixXd> squared) const {
-    switch (basis) {
-      case Basis::kGaussian: squared.array() = (-(shape * shape) * squared.array()).exp(); return;
-      case Basis::kThinPlateSpline:  // r^2 log r = r^2 log(r^2) / 2
-        squared = squared.unaryExpr([](double s) { return s > 0 ? 0.5 * s * std::log(s) : 0.0; });
-        return;
-      case Basis::kQuintic:  // -r^5, as SciPy's; the sign leaves the weights as they are
-        squared.array() = -(squared.array().square() * squared.array().sqrt());
-        return;
-      default: squared = squared.unaryExpr([this](double s) { return wendland(basis, std::sqrt(s) / radius); });
-    }
-  }
-};
+LocalSolver local_solver() {
+#ifdef LOCKSTEP_WIDE_LOCAL
+  // Eigen's products and solves then take four doubles an instruction, not
+  // two, and fuse each multiply with its add.
+  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return wide::solve;
+#endif
+  return baseline::solve;
+}
+
+namespace {
 
 // Defaults from the point spacing h: a Gaussian as wide as a few points, a
 // Wendland support holding a few dozen.
@@ -64,135 +51,6 @@ constexpr double kPumShape = 0.4;
 // in the cube falls by a third; a mesh takes 3.6 times the clusters, which
 // costs a fifth to a third more time (bench/mapping.py).
 constexpr double kPumMargin = 0.5;
-
-// Points one axis a row, so that distances vectorise over the points.
-using Coordinates = Eigen::Matrix<double, Eigen::Dynamic, Eigen::Dynamic, Eigen::RowMajor>;
-
-// The squared distances from `x` to each point of `points`.
-void squared_distances(const Coordinates& points, const double* x, Eigen::Ref<Eigen::VectorXd> out) {
-  out = (points.row(0).array() - x[0]).square().transpose();
-  for (Eigen::Index k = 1; k < points.rows(); ++k) out.array() += (points.row(k).array() - x[k]).square().transpose();
-}
-
-// The polynomial part of an RBF system: 1, the coordinates and, for the
-// quintic, their products, in the sources' principal axes, centred and
-// scaled. Only what the sources determine is kept:
-// - axes the points do not spread along (a plane or a line in space);
-// - combinations of the terms that vanish on every source (a sphere under
-//   a quadratic), by an orthonormal basis of the terms over the sources.
-// Linear fields on the points' span are then reproduced exactly.
-class Polynomial {
- public:
-  Polynomial(const Coordinates& at, bool quadratic) : quadratic_(quadratic) {
-    const Eigen::Index d = at.rows(), n = at.cols();
-    centre_ = at.rowwise().sum() / static_cast<double>(n);
-    const Eigen::MatrixXd centred = at.colwise() - centre_;
-    const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> spread(centred * centred.transpose() / static_cast<double>(n));
-    const Eigen::VectorXd& variance = spread.eigenvalues();  // ascending
-    const double widest = std::sqrt(std::max(variance[d - 1], 0.0));
-    Eigen::Index axes = 0;
-    while (axes < d && widest > 0 && std::sqrt(std::max(variance[d - 1 - axes], 0.0)) > kFlat * widest) ++axes;
-    frame_ = spread.eigenvectors().rightCols(axes).transpose() / std::max(widest, std::numeric_limits<double>::min());
-    Eigen::MatrixXd terms(n, size());
-    for (Eigen::Index j = 0; j < n; ++j) {
-      double x[3];  // `at` holds an axis a row: a point's coordinates are apart
-      for (Eigen::Index k = 0; k < d; ++k) x[k] = at(k, j);
-      fill(x, terms.row(j));
-    }
-    // terms = U S V^T through the eigenvectors of terms^T terms.
-    const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> gram(terms.transpose() * terms);
-    const Eigen::VectorXd& squared = gram.eigenvalues();  // ascending
-    Eigen::Index rank = 0;
-    while (rank < size() && squared[size() - 1 - rank] > kIndependent * kIndependent * squared[size() - 1]) ++rank;
-    to_basis_ = gram.eigenvectors().rightCols(rank) * squared.tail(rank).cwiseSqrt().cwiseInverse().asDiagonal();
-  }
-  // The number of kept combinations: the polynomial block's width.
-  Eigen::Index rank() const { return to_basis_.cols(); }
-  // The kept combinations at x.
-  void evaluate(const double* x, Eigen::Ref<Eigen::VectorXd> out) const {
-    Eigen::Matrix<double, 1, kMostTerms> terms;
-    fill(x, terms);
-    out.noalias() = to_basis_.transpose() * terms.head(size()).transpose();
-  }
-
- private:
-  static constexpr int kMostTerms = 10;  // 1, x, y, z and their six products
-  // An axis whose spread is below this fraction of the widest is none.
-  static constexpr double kFlat = 1e-6;
-  // A singular value below this fraction of the largest is rounding: the
-  // eigenvalues of terms^T terms are exact to about 1e-16 of the largest.
-  static constexpr double kIndependent = 1e-7;
-
-  Eigen::Index size() const {
-    const Eigen::Index axes = frame_.rows();
-    return 1 + axes + (quadratic_ ? axes * (axes + 1) / 2 : 0);
-  }
-  template <typename Row>
-  void fill(const double* x, Row&& row) const {
-    const Eigen::Index axes = frame_.rows();
-    double u[3];
-    for (Eigen::Index a = 0; a < axes; ++a) {
-      u[a] = 0;
-      for (Eigen::Index k = 0; k < frame_.cols(); ++k) u[a] += frame_(a, k) * (x[k] - centre_[k]);
-    }
-    Eigen::Index at = 0;
-    row(at++) = 1;
-    for (Eigen::Index k = 0; k < axes; ++k) row(at++) = u[k];
-    if (!quadratic_) return;
-    for (Eigen::Index k = 0; k < axes; ++k) {
-      for (Eigen::Index l = k; l < axes; ++l) row(at++) = u[k] * u[l];
-    }
-  }
-
-  bool quadratic_;
-  Eigen::VectorXd centre_;
-  Eigen::MatrixXd frame_;     // the kept principal axes, a row each, scaled
-  Eigen::MatrixXd to_basis_;  // terms -> kept combinations
-};
-
-// The quintic is conditionally positive definite of order 3: it takes a
-// quadratic polynomial, which needs more points than terms to be of use.
-bool quadratic_for(const Kernel& phi, std::size_t sources, int dimension) {
-  const auto terms = static_cast<std::size_t>(1 + dimension + dimension * (dimension + 1) / 2);
-  return phi.basis == Basis::kQuintic && sources >= 2 * terms;
-}
-
-// The local interpolant's weights: for each target t (a column of
-// `result`), the coefficients on `sources` that give its value. Points by
-// index into `from` and `to`. False when the system cannot be solved.
-bool solve_local(const Kernel& phi, bool polynomial, const Points& from, const std::vector<std::size_t>& sources,
-                 const Points& to, const std::vector<std::size_t>& targets, Eigen::MatrixXd& result) {
-  const int d = from.dimension;
-  const auto n = static_cast<Eigen::Index>(sources.size());
-  Coordinates at(d, n);
-  for (Eigen::Index j = 0; j < n; ++j) {
-    for (int k = 0; k < d; ++k) at(k, j) = from.at(sources[static_cast<std::size_t>(j)])[k];
-  }
-  std::optional<Polynomial> terms;
-  if (polynomial) terms.emplace(at, quadratic_for(phi, sources.size(), d));
-  const Eigen::Index p = terms ? terms->rank() : 0;
-  Eigen::MatrixXd system(n + p, n + p);
-  for (Eigen::Index j = 0; j < n; ++j) {
-    squared_distances(at, from.at(sources[static_cast<std::size_t>(j)]), system.col(j).head(n));
-  }
-  phi.apply(system.topLeftCorner(n, n));
-  if (terms) {
-    for (Eigen::Index j = 0; j < n; ++j) terms->evaluate(from.at(sources[static_cast<std::size_t>(j)]), system.col(j).tail(p));
-    system.topRightCorner(n, p) = system.bottomLeftCorner(p, n).transpose();
-    system.bottomRightCorner(p, p).setZero();
-  }
-  const auto m = static_cast<Eigen::Index>(targets.size());
-  Eigen::MatrixXd evaluation(n + p, m);
-  for (Eigen::Index t = 0; t < m; ++t) {
-    const double* x = to.at(targets[static_cast<std::size_t>(t)]);
-    squared_distances(at, x, evaluation.col(t).head(n));
-    if (terms) terms->evaluate(x, evaluation.col(t).tail(p));
-  }
-  phi.apply(evaluation.topRows(n));
-  // The system is symmetric: the weights are evaluation^T system^-1.
-  result = system.partialPivLu().solve(evaluation).topRows(n);
-  return result.allFinite();
-}
 
 // Cluster centres where the source points are: the points are sorted into
 // the cells of a grid fine enough that balls of `blend_radius` around the
@@ -399,20 +257,17 @@ std::string rbf_weights(const Method& method, const Points& from, const PointSea
   std::vector<std::size_t> sources(from.count), targets(to.count);
   for (std::size_t i = 0; i < from.count; ++i) sources[i] = i;
   for (std::size_t i = 0; i < to.count; ++i) targets[i] = i;
-  Eigen::MatrixXd local;
-  if (!solve_local(kernel_for(method, mean_spacing(from, search)), method.polynomial, from, sources, to, targets,
-                   local)) {
-    return "the RBF system is singular";
-  }
+  const Local all{kernel_for(method, mean_spacing(from, search)), method.polynomial, from.dimension,
+                  from.coordinates.data(), sources.data(), from.count, to.coordinates.data(), targets.data(), to.count};
+  std::vector<double> local(from.count * to.count);
+  if (!local_solver()(all, local.data())) return "the RBF system is singular";
   weights = Weights{};
   weights.columns = from.count;
   std::vector<Column> columns(from.count);
   for (std::size_t i = 0; i < from.count; ++i) columns[i] = static_cast<Column>(i);
   std::vector<double> row(from.count);
   for (std::size_t t = 0; t < to.count; ++t) {
-    for (std::size_t i = 0; i < from.count; ++i) {
-      row[i] = local(static_cast<Eigen::Index>(i), static_cast<Eigen::Index>(t));
-    }
+    std::copy_n(local.data() + t * from.count, from.count, row.data());
     weights.add_row(columns, row);
   }
   return {};
@@ -505,19 +360,17 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
   // merge the rows it completes, wait for all.
   std::atomic<std::size_t> next{0};
   std::atomic<std::size_t> singular{centres.count};
+  const LocalSolver solve = local_solver();
   std::barrier all_done(static_cast<std::ptrdiff_t>(core_count()), [&next]() noexcept { next = 0; });
   run_parts(core_count(), [&](unsigned) {
-    Eigen::MatrixXd local;
     std::vector<std::uint32_t> place(from.count, 0);
     for (std::size_t b = 0; b < batches.count; ++b) {
       const std::size_t first = b * Batches::kClusters, end = std::min(centres.count, first + Batches::kClusters);
       for (std::size_t c = first + next++; c < end && singular == centres.count; c = first + next++) {
         if (targets_of[c].empty()) continue;
-        if (solve_local(phi, method.polynomial, from, members[c], to, targets_of[c], local)) {
-          std::copy_n(local.data(), local.size(), columns_of(c));
-        } else {
-          singular = c;
-        }
+        const Local local{phi,           method.polynomial,        d, from.coordinates.data(), members[c].data(),
+                          members[c].size(), to.coordinates.data(), targets_of[c].data(), targets_of[c].size()};
+        if (!solve(local, columns_of(c))) singular = c;
       }
       all_done.arrive_and_wait();
       const std::size_t rows = batches.rows_first[b + 1] - batches.rows_first[b];
