@@ -49,7 +49,7 @@ constexpr double kPumShape = 0.4;
 // blended over: an interpolant is least accurate at the edge of its
 // points, so no target is taken from there. The error on Franke's function
 // in the cube falls by a third; a mesh takes 3.6 times the clusters, which
-// costs a fifth to a third more time (bench/mapping.py).
+// costs a third more time in the same build of the solve (bench/mapping.py).
 constexpr double kPumMargin = 0.5;
 
 // Cluster centres where the source points are: the points are sorted into
