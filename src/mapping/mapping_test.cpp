@@ -3,10 +3,12 @@
 #include <cmath>
 #include <numeric>
 #include <random>
+#include <set>
 
 #include "mapping/check.h"
 #include "mapping/local.h"
 #include "mapping/method.h"
+#include "mapping/store.h"
 
 namespace lockstep::mapping {
 namespace {
@@ -200,6 +202,9 @@ TEST(MappingTest, EachBasisIsItsPublishedFunction) {
       {{{"basis", "wendland-c2"}, {"radius", "2"}}, wendland(0.25, 2), wendland(0.5, 2)},
       {{{"basis", "wendland-c4"}, {"radius", "2"}}, wendland(0.25, 4), wendland(0.5, 4)},
       {{{"basis", "wendland-c6"}, {"radius", "2"}}, wendland(0.25, 6), wendland(0.5, 6)},
+      // The defaults from the spacing, 1 here: shape 1/3, radius 6.
+      {{{"basis", "gaussian"}}, std::exp(-1.0 / 36), std::exp(-1.0 / 9)},
+      {{{"basis", "wendland-c2"}}, wendland(1.0 / 12, 2), wendland(1.0 / 6, 2)},
   };
   const Points ends{2, 1, {0, 1}}, middle{1, 1, {0.5}};
   for (const auto& c : cases) {
@@ -269,6 +274,28 @@ TEST(MappingTest, BothBuildsOfTheLocalSolveAgree) {
 #else
   EXPECT_EQ(local_solver(), &baseline::solve);
 #endif
+}
+
+// Weights are kept under a key of everything they depend on: the same
+// numbers read as another mesh, or with other cells or words, name other
+// weights.
+TEST(MappingTest, AKeyChangesWithEverythingTheWeightsDependOn) {
+  const Points line{6, 1, {0, 1, 2, 3, 4, 5}}, plane{3, 2, {0, 1, 2, 3, 4, 5}}, to{2, 1, {0.5, 1.5}};
+  const Cells segments{1, 2, {0, 1}}, other_segments{1, 2, {1, 2}};
+  const Method nearest = method_of({{"map", "nearest-neighbour"}, {"from-mesh", "a"}, {"to-mesh", "b"}});
+  const Method rbf = method_of({{"map", "rbf"}, {"from-mesh", "a"}, {"to-mesh", "b"}});
+  const std::string key = weights_key({nearest, &line, nullptr, &to, nullptr, "main a -> sub1 b"});
+  EXPECT_EQ(weights_key({nearest, &line, nullptr, &to, nullptr, "another description"}), key);
+  const Mapping others[] = {
+      {nearest, &plane, nullptr, &to, nullptr, ""},        {rbf, &line, nullptr, &to, nullptr, ""},   
+      {nearest, &line, &segments, &to, nullptr, ""},       {nearest, &line, nullptr, &to, &segments, ""},
+      {nearest, &to, nullptr, &line, nullptr, ""},
+  };
+  std::set<std::string> keys{key};
+  for (const Mapping& other : others) keys.insert(weights_key(other));
+  EXPECT_EQ(keys.size(), std::size(others) + 1);
+  EXPECT_NE(weights_key({nearest, &line, &segments, &to, nullptr, ""}),
+            weights_key({nearest, &line, &other_segments, &to, nullptr, ""}));
 }
 
 // Weights are checked before use: each fault names its target point.
