@@ -84,7 +84,9 @@ TEST_F(RecordTest, TheSlowProjectHoldsTheRunAndEveryRequestIsSeenOnceWithItsDone
   Exit attached;
   std::thread attach([&] {
     if (!wait_until([&] { return read_file(tree.project(0) / "agent.log").find("1 1 2") != std::string::npos; })) return;
-    attached = run_program({LOCKSTEPCTL_BINARY, "record", "--output", rest, tree.run().string()}, tree.run());
+    // It prints nothing until the end: what it records is its progress.
+    attached = run_program({LOCKSTEPCTL_BINARY, "record", "--output", rest, tree.run().string()}, tree.run(), kStall,
+                           {rest});
   });
   const Exit exit = run_program(
       {LOCKSTEPCTL_BINARY, "record", "--output", recording, "--capture-stderr", "--", LOCKSTEP_BINARY}, tree.run());

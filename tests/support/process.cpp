@@ -34,6 +34,12 @@ std::vector<std::string> wrapped(std::vector<std::string> argv) {
   return argv;
 }
 
+std::uintmax_t file_size_or_zero(const std::filesystem::path& path) {
+  std::error_code missing;
+  const std::uintmax_t size = std::filesystem::file_size(path, missing);
+  return missing ? 0 : size;
+}
+
 // Standard input is /dev/null; an empty `out` or `err` keeps the test's own.
 pid_t spawn(const std::vector<std::string>& command, const std::filesystem::path& directory, const std::string& out,
             const std::string& err) {
@@ -137,7 +143,7 @@ bool wait_until(const std::function<bool()>& condition, const std::function<std:
 }
 
 Exit run_program(const std::vector<std::string>& argv, const std::filesystem::path& directory,
-                 std::chrono::seconds stall) {
+                 std::chrono::seconds stall, const std::vector<std::filesystem::path>& growing) {
   TempDir capture;
   const std::string out = (capture.path() / "out").string();
   const std::string err = (capture.path() / "err").string();
@@ -145,9 +151,10 @@ Exit run_program(const std::vector<std::string>& argv, const std::filesystem::pa
   int raw_status = 0;
   rusage usage{};
   if (!wait_until([&] { return wait4(pid, &raw_status, WNOHANG, &usage) == pid; },
-                  [&] {  // both only grow
-                    std::error_code missing;
-                    return std::to_string(std::filesystem::file_size(out, missing) + std::filesystem::file_size(err, missing));
+                  [&] {  // all only grow
+                    std::uintmax_t size = 0;
+                    for (const std::filesystem::path& file : growing) size += file_size_or_zero(file);
+                    return std::to_string(file_size_or_zero(out) + file_size_or_zero(err) + size);
                   },
                   stall)) {
     kill(pid, SIGKILL);

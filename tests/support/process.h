@@ -55,9 +55,10 @@ struct Exit {
 inline constexpr std::chrono::seconds kStall{60};
 
 // Runs `argv` in `directory` to its end, with its standard output and error
-// captured; killed once neither has grown for `stall`.
+// captured; killed once neither, nor any of the files `growing` (what the
+// program writes elsewhere as it goes), has grown for `stall`.
 Exit run_program(const std::vector<std::string>& argv, const std::filesystem::path& directory,
-                 std::chrono::seconds stall = kStall);
+                 std::chrono::seconds stall = kStall, const std::vector<std::filesystem::path>& growing = {});
 
 // Waits until `condition` holds; false when `progress` (by default
 // nothing) has not changed for `stall` meanwhile.
