@@ -75,11 +75,16 @@ class Polynomial {
   }
   // The number of kept combinations: the polynomial block's width.
   Eigen::Index rank() const { return to_basis_.cols(); }
-  // The kept combinations at x.
-  void evaluate(const double* x, Eigen::Ref<Eigen::VectorXd> out) const {
-    Eigen::Matrix<double, 1, kMostTerms> terms;
-    fill(x, terms);
-    out.noalias() = to_basis_.transpose() * terms.head(size()).transpose();
+  // The kept combinations at each point, a column each: one product for
+  // all the points.
+  void evaluate(const Coordinates& points, Eigen::Ref<Eigen::MatrixXd> out) const {
+    Eigen::MatrixXd terms(size(), points.cols());
+    for (Eigen::Index j = 0; j < points.cols(); ++j) {
+      double x[3];
+      for (Eigen::Index k = 0; k < points.rows(); ++k) x[k] = points(k, j);
+      fill(x, terms.col(j));
+    }
+    out.noalias() = to_basis_.transpose() * terms;
   }
 
  private:
@@ -143,21 +148,28 @@ bool solve(const Local& local, double* result) {
   for (Eigen::Index j = 0; j < n; ++j) squared_distances(at, source(j), system.col(j).head(n));
   apply(local.phi, system.topLeftCorner(n, n));
   if (terms) {
-    for (Eigen::Index j = 0; j < n; ++j) terms->evaluate(source(j), system.col(j).tail(p));
+    terms->evaluate(at, system.bottomLeftCorner(p, n));
     system.topRightCorner(n, p) = system.bottomLeftCorner(p, n).transpose();
     system.bottomRightCorner(p, p).setZero();
   }
   const auto m = static_cast<Eigen::Index>(local.target_count);
   Eigen::MatrixXd evaluation(n + p, m);
+  Coordinates targets(d, m);
   for (Eigen::Index t = 0; t < m; ++t) {
     const double* x = local.to + local.targets[t] * static_cast<std::size_t>(d);
+    for (int k = 0; k < d; ++k) targets(k, t) = x[k];
     squared_distances(at, x, evaluation.col(t).head(n));
-    if (terms) terms->evaluate(x, evaluation.col(t).tail(p));
   }
+  if (terms) terms->evaluate(targets, evaluation.bottomRows(p));
   apply(local.phi, evaluation.topRows(n));
-  // The system is symmetric: the weights are evaluation^T system^-1.
+  // The system is symmetric: the weights are evaluation^T system^-1,
+  // solved in place, as solve() would, without its copies.
+  const Eigen::PartialPivLU<Eigen::Ref<Eigen::MatrixXd>> lu(system);
+  evaluation = lu.permutationP() * evaluation;
+  lu.matrixLU().triangularView<Eigen::UnitLower>().solveInPlace(evaluation);
+  lu.matrixLU().triangularView<Eigen::Upper>().solveInPlace(evaluation);
   Eigen::Map<Eigen::MatrixXd> weights(result, n, m);
-  weights = system.partialPivLu().solve(evaluation).topRows(n);
+  weights = evaluation.topRows(n);
   return weights.allFinite();
 }
 

@@ -4,7 +4,6 @@
 #include <barrier>
 #include <cmath>
 #include <limits>
-#include <map>
 #include <vector>
 
 #include "mapping/cores.h"
@@ -69,13 +68,10 @@ std::string cluster(const Points& from, const PointSearch& search, double radius
     for (std::size_t i = 1; i < from.count; ++i) low[k] = std::min(low[k], from.at(i)[k]);
   }
   const double spacing = 2 * blend_radius / std::sqrt(static_cast<double>(d)) / (1 + overlap);
-  struct Sum {
-    std::array<double, 3> total{};
-    std::size_t count = 0;
-  };
-  // Ordered by cell: neighbouring clusters stay near each other in the
-  // batches that solve them.
-  std::map<std::array<std::int64_t, 3>, Sum> cells;
+  // Points sorted by cell, each cell's points in their order. Ordered by
+  // cell: neighbouring clusters stay near each other in the batches that
+  // solve them.
+  std::vector<std::pair<std::array<std::int64_t, 3>, std::size_t>> by_cell(from.count);
   for (std::size_t i = 0; i < from.count; ++i) {
     std::array<std::int64_t, 3> cell{};
     for (std::size_t k = 0; k < d; ++k) {
@@ -84,17 +80,19 @@ std::string cluster(const Points& from, const PointSearch& search, double radius
       if (!(step < 0x1p62)) return "the source points lie too far apart for rbf-pum's clusters: use map=rbf-pum lines of their own for far-apart patches";
       cell[k] = static_cast<std::int64_t>(step);
     }
-    Sum& sum = cells[cell];
-    for (std::size_t k = 0; k < d; ++k) sum.total[k] += from.at(i)[k];
-    ++sum.count;
+    by_cell[i] = {cell, i};
   }
+  std::sort(by_cell.begin(), by_cell.end());
   std::vector<double> means;
-  means.reserve(cells.size() * d);
-  for (const auto& [cell, sum] : cells) {
-    for (std::size_t k = 0; k < d; ++k) means.push_back(sum.total[k] / static_cast<double>(sum.count));
+  for (std::size_t first = 0, last = 0; first < by_cell.size(); first = last) {
+    std::array<double, 3> total{};
+    for (last = first; last < by_cell.size() && by_cell[last].first == by_cell[first].first; ++last) {
+      for (std::size_t k = 0; k < d; ++k) total[k] += from.at(by_cell[last].second)[k];
+    }
+    for (std::size_t k = 0; k < d; ++k) means.push_back(total[k] / static_cast<double>(last - first));
   }
   // Each centre's members, found on every core.
-  std::vector<std::vector<std::size_t>> inside(cells.size());
+  std::vector<std::vector<std::size_t>> inside(means.size() / d);
   std::atomic<std::size_t> next{0};
   run_parts(core_count(), [&](unsigned) {
     for (std::size_t c = next++; c < inside.size(); c = next++) {
@@ -143,7 +141,8 @@ Blend blend_clusters(const Points& from, const Points& to, const std::vector<std
   blend.distinct.resize(to.count);
   std::atomic<std::size_t> next_chunk{0};
   run_parts(core_count(), [&](unsigned) {
-    std::vector<char> seen(from.count, 0);
+    // Source point j is in target t's row already when seen[j] == t + 1.
+    std::vector<std::size_t> seen(from.count, 0);
     for (std::size_t chunk = next_chunk++; chunk < chunks; chunk = next_chunk++) {
       std::vector<Blend::Share>& shares = found[chunk];
       for (std::size_t t = chunk * kChunk; t < std::min(to.count, (chunk + 1) * kChunk); ++t) {
@@ -162,12 +161,9 @@ Blend blend_clusters(const Points& from, const Points& to, const std::vector<std
         for (std::size_t s = begin; s < shares.size(); ++s) {
           shares[s].weight /= sum;
           for (const std::size_t j : members[shares[s].cluster]) {
-            blend.distinct[t] += seen[j] == 0;
-            seen[j] = 1;
+            blend.distinct[t] += seen[j] != t + 1;
+            seen[j] = t + 1;
           }
-        }
-        for (std::size_t s = begin; s < shares.size(); ++s) {
-          for (const std::size_t j : members[shares[s].cluster]) seen[j] = 0;
         }
         blend.first[t + 1] = shares.size() - begin;
       }

@@ -130,14 +130,20 @@ bool WeightsView::apply(const double* source, std::size_t components, double* ta
 }
 
 Checksum WeightsView::checksum() const {
-  Checksum checksum;
-  for (std::size_t row = 0; row < rows; ++row) {
-    const auto end = static_cast<std::size_t>(row_start[row + 1]);
-    for (auto at = static_cast<std::size_t>(row_start[row]); at < end; ++at) {
-      checksum.add(checksum_word(column_of[at], value[at]), at);
+  // A sum: its parts are summed on every core.
+  const unsigned cores = count < 1000000 ? 1 : core_count();
+  std::vector<Checksum> parts(cores);
+  run_parts(cores, [&](unsigned part) {
+    for (std::size_t row = part_begin(rows, part, cores); row < part_begin(rows, part + 1, cores); ++row) {
+      const auto end = static_cast<std::size_t>(row_start[row + 1]);
+      for (auto at = static_cast<std::size_t>(row_start[row]); at < end; ++at) {
+        parts[part].add(checksum_word(column_of[at], value[at]), at);
+      }
+      parts[part].add(end, count + row);
     }
-    checksum.add(end, count + row);
-  }
+  });
+  Checksum checksum;
+  for (const Checksum& part : parts) checksum.add(part);
   return checksum;
 }
 
