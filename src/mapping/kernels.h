@@ -16,9 +16,13 @@ Weights nearest_weights(const Points& from, const PointSearch& search, const Poi
 // cell at the point's projection onto it. `outside` counts those.
 Weights linear_weights(const Points& from, const Cells& cells, const Points& to, std::size_t& outside);
 
-// One global RBF system over every source point.
+// One global RBF system over every source point: at most this many, and
+// this many weights in all (1.2 GB kept).
+inline constexpr std::size_t kMostRbfSources = 20000;
+inline constexpr std::size_t kMostRbfWeights = 100000000;
+// With a `room` that takes them, the columns and values go there.
 std::string rbf_weights(const Method& method, const Points& from, const PointSearch& search, const Points& to,
-                        Weights& weights);
+                        Weights& weights, Room* room);
 
 // Partition of unity: a small RBF system per cluster, blended. With a
 // `room` that takes them, the columns and values go there, not into

@@ -77,7 +77,7 @@ class Polynomial {
   Eigen::Index rank() const { return to_basis_.cols(); }
   // The kept combinations at each point, a column each: one product for
   // all the points.
-  void evaluate(const Coordinates& points, Eigen::Ref<Eigen::MatrixXd> out) const {
+  void evaluate(const Eigen::Ref<const Coordinates>& points, Eigen::Ref<Eigen::MatrixXd> out) const {
     Eigen::MatrixXd terms(size(), points.cols());
     for (Eigen::Index j = 0; j < points.cols(); ++j) {
       double x[3];
@@ -122,6 +122,10 @@ class Polynomial {
   Eigen::MatrixXd to_basis_;  // terms -> kept combinations
 };
 
+// Targets solved for at once: a few megabytes of right-hand sides for a
+// system of a few thousand points.
+constexpr Eigen::Index kTargetChunk = 1024;
+
 // The quintic is conditionally positive definite of order 3: it takes a
 // quadratic polynomial, which needs more points than terms to be of use.
 bool quadratic_for(const Kernel& phi, std::size_t sources, int dimension) {
@@ -152,25 +156,34 @@ bool solve(const Local& local, double* result) {
     system.topRightCorner(n, p) = system.bottomLeftCorner(p, n).transpose();
     system.bottomRightCorner(p, p).setZero();
   }
-  const auto m = static_cast<Eigen::Index>(local.target_count);
-  Eigen::MatrixXd evaluation(n + p, m);
-  Coordinates targets(d, m);
-  for (Eigen::Index t = 0; t < m; ++t) {
-    const double* x = local.to + local.targets[t] * static_cast<std::size_t>(d);
-    for (int k = 0; k < d; ++k) targets(k, t) = x[k];
-    squared_distances(at, x, evaluation.col(t).head(n));
-  }
-  if (terms) terms->evaluate(targets, evaluation.bottomRows(p));
-  apply(local.phi, evaluation.topRows(n));
   // The system is symmetric: the weights are evaluation^T system^-1,
   // solved in place, as solve() would, without its copies.
   const Eigen::PartialPivLU<Eigen::Ref<Eigen::MatrixXd>> lu(system);
-  evaluation = lu.permutationP() * evaluation;
-  lu.matrixLU().triangularView<Eigen::UnitLower>().solveInPlace(evaluation);
-  lu.matrixLU().triangularView<Eigen::Upper>().solveInPlace(evaluation);
-  Eigen::Map<Eigen::MatrixXd> weights(result, n, m);
-  weights = evaluation.topRows(n);
-  return weights.allFinite();
+  // Targets in chunks: a global system's evaluation at every target at once
+  // would take as much memory as its weights.
+  const auto m = static_cast<Eigen::Index>(local.target_count);
+  const Eigen::Index chunk = std::min<Eigen::Index>(m, kTargetChunk);
+  Eigen::MatrixXd evaluation(n + p, chunk);
+  Coordinates targets(d, chunk);
+  bool finite = true;
+  for (Eigen::Index first = 0; first < m; first += chunk) {
+    const Eigen::Index count = std::min(chunk, m - first);
+    auto block = evaluation.leftCols(count);
+    for (Eigen::Index t = 0; t < count; ++t) {
+      const double* x = local.to + local.targets[first + t] * static_cast<std::size_t>(d);
+      for (int k = 0; k < d; ++k) targets(k, t) = x[k];
+      squared_distances(at, x, block.col(t).head(n));
+    }
+    if (terms) terms->evaluate(targets.leftCols(count), block.bottomRows(p));
+    apply(local.phi, block.topRows(n));
+    block = lu.permutationP() * block;
+    lu.matrixLU().triangularView<Eigen::UnitLower>().solveInPlace(block);
+    lu.matrixLU().triangularView<Eigen::Upper>().solveInPlace(block);
+    Eigen::Map<Eigen::MatrixXd> weights(result + first * n, n, count);
+    weights = block.topRows(n);
+    finite = finite && weights.allFinite();
+  }
+  return finite;
 }
 
 }  // namespace lockstep::mapping::LOCKSTEP_LOCAL_VARIANT

@@ -152,7 +152,7 @@ std::string compute_weights(const Method& method, const Points& from, const Cell
       weights = linear_weights(from, *from_cells, to, outside);
       return {};
     }
-    case Kind::kRbf: return rbf_weights(method, from, search, to, weights);
+    case Kind::kRbf: return rbf_weights(method, from, search, to, weights, room);
     case Kind::kRbfPum: return rbf_pum_weights(method, from, search, to, weights, room);
   }
   return {};

@@ -244,28 +244,40 @@ Batches plan_batches(const Blend& blend, const std::vector<std::vector<std::size
 }  // namespace
 
 std::string rbf_weights(const Method& method, const Points& from, const PointSearch& search, const Points& to,
-                        Weights& weights) {
+                        Weights& weights, Room* room) {
   if (std::string duplicate = duplicate_points(from, search); !duplicate.empty()) return duplicate;
-  if (from.count > 20000) {
+  if (from.count > kMostRbfSources) {
     return "map=rbf solves one dense system over all " + std::to_string(from.count) +
            " source points, too many: use map=rbf-pum";
+  }
+  // Every target takes a weight from every source point.
+  if (from.count != 0 && to.count > kMostRbfWeights / from.count) {
+    return "map=rbf gives each of the " + std::to_string(to.count) + " target points a weight for each of the " +
+           std::to_string(from.count) + " source points, more than " + std::to_string(kMostRbfWeights) +
+           " weights in all: use map=rbf-pum";
   }
   std::vector<std::size_t> sources(from.count), targets(to.count);
   for (std::size_t i = 0; i < from.count; ++i) sources[i] = i;
   for (std::size_t i = 0; i < to.count; ++i) targets[i] = i;
+  weights = Weights{};
+  weights.rows = to.count;
+  weights.columns = from.count;
+  weights.row_start.resize(to.count + 1);
+  for (std::size_t t = 0; t <= to.count; ++t) weights.row_start[t] = static_cast<std::int64_t>(t * from.count);
+  const std::size_t count = from.count * to.count;
+  Column* columns_out = nullptr;
+  double* values_out = nullptr;
+  if (room == nullptr || !room->take(count, columns_out, values_out)) {
+    weights.column_of.resize(count);
+    weights.value.resize(count);
+    columns_out = weights.column_of.data();
+    values_out = weights.value.data();
+  }
+  for (std::size_t at = 0; at < count; ++at) columns_out[at] = static_cast<Column>(at % from.count);
+  // The solve's coefficients, target after target, are the rows.
   const Local all{kernel_for(method, mean_spacing(from, search)), method.polynomial, from.dimension,
                   from.coordinates.data(), sources.data(), from.count, to.coordinates.data(), targets.data(), to.count};
-  std::vector<double> local(from.count * to.count);
-  if (!local_solver()(all, local.data())) return "the RBF system is singular";
-  weights = Weights{};
-  weights.columns = from.count;
-  std::vector<Column> columns(from.count);
-  for (std::size_t i = 0; i < from.count; ++i) columns[i] = static_cast<Column>(i);
-  std::vector<double> row(from.count);
-  for (std::size_t t = 0; t < to.count; ++t) {
-    std::copy_n(local.data() + t * from.count, from.count, row.data());
-    weights.add_row(columns, row);
-  }
+  if (!local_solver()(all, values_out)) return "the RBF system is singular";
   return {};
 }
 
