@@ -241,6 +241,16 @@ Batches plan_batches(const Blend& blend, const std::vector<std::vector<std::size
   return plan;
 }
 
+// Places for `count` columns and values: in `room` where it takes them,
+// else in the weights' own memory.
+void take_room(Weights& weights, std::size_t count, Room* room, Column*& columns, double*& values) {
+  if (room != nullptr && room->take(count, columns, values)) return;
+  weights.column_of.resize(count);
+  weights.value.resize(count);
+  columns = weights.column_of.data();
+  values = weights.value.data();
+}
+
 }  // namespace
 
 std::string rbf_weights(const Method& method, const Points& from, const PointSearch& search, const Points& to,
@@ -267,12 +277,7 @@ std::string rbf_weights(const Method& method, const Points& from, const PointSea
   const std::size_t count = from.count * to.count;
   Column* columns_out = nullptr;
   double* values_out = nullptr;
-  if (room == nullptr || !room->take(count, columns_out, values_out)) {
-    weights.column_of.resize(count);
-    weights.value.resize(count);
-    columns_out = weights.column_of.data();
-    values_out = weights.value.data();
-  }
+  take_room(weights, count, room, columns_out, values_out);
   for (std::size_t at = 0; at < count; ++at) columns_out[at] = static_cast<Column>(at % from.count);
   // The solve's coefficients, target after target, are the rows.
   const Local all{kernel_for(method, mean_spacing(from, search)), method.polynomial, from.dimension,
@@ -333,12 +338,7 @@ std::string rbf_pum_weights(const Method& method, const Points& from, const Poin
   const auto count = static_cast<std::size_t>(weights.row_start.back());
   Column* columns_out = nullptr;
   double* values_out = nullptr;
-  if (room == nullptr || !room->take(count, columns_out, values_out)) {
-    weights.column_of.resize(count);
-    weights.value.resize(count);
-    columns_out = weights.column_of.data();
-    values_out = weights.value.data();
-  }
+  take_room(weights, count, room, columns_out, values_out);
   // Row t: its clusters' columns, blended, a source point met in several
   // clusters summed into its first place. `place`: where each source point
   // sits in the row, counted from 1; 0 when not yet, as it is left.
