@@ -100,6 +100,13 @@ TEST(MappingTest, MeshesAndCellsAreCheckedBeforeUse) {
             "cell 0 names point 3, but the mesh has points 0 to 2");
   EXPECT_EQ(cells_from_field({fields::Type::kInt32, false, {1, 4}, {}}, triangle, points, cells),
             "tetrahedra need 3-D points, not 2-D");
+  for (const std::vector<std::int64_t>& shape : {std::vector<std::int64_t>{1, 5}, {3, 1}, {3}}) {
+    EXPECT_EQ(cells_from_field({fields::Type::kInt32, false, shape, {}}, triangle, points, cells),
+              "cells have shape (m, 2) for segments, (m, 3) for triangles or (m, 4) for tetrahedra, not " +
+                  fields::shape_text(shape));
+  }
+  EXPECT_EQ(cells_from_field({fields::Type::kFloat64, false, {1, 3}, {}}, coordinates, points, cells),
+            "cells hold int32 or int64 point indices, not float64");
   // Cells without size would capture the targets near them.
   const Points line{4, 1, {0, 1, 2, 3}}, plane{4, 2, {0, 0, 1, 0, 2, 0, 0, 1}}, space{5, 3, {0, 0, 0, 1, 0, 0, 0, 1,
                                                                                              0, 1, 1, 0, 0, 0, 1}};
@@ -370,6 +377,39 @@ struct VectorRoom : Room {
 
 // Enough points for several batches of clusters, each solved, merged and
 // its memory passed on while others are still needed.
+// Weights read back or made are sound before any row is applied: offsets
+// from 0 rising to the number of values, columns within the source mesh.
+TEST(MappingTest, UnsoundOffsetsAndColumnsAreNamed) {
+  struct Case {
+    std::vector<std::int64_t> row_start;
+    std::vector<Column> columns;
+    const char* defect;
+  };
+  const char* const offsets = "its row offsets do not match its values";
+  for (const Case& c : {Case{{0, 1, 3}, {0, 1, 2}, nullptr}, Case{{1, 1, 3}, {0, 1, 2}, offsets},
+                        Case{{0, 1, 2}, {0, 1, 2}, offsets}, Case{{0, 1, 2, 3}, {0, 1, 2}, offsets},
+                        Case{{0, 1, -1}, {0, 1, 2}, offsets}, Case{{0, 3, 2}, {0, 1, 2}, offsets},
+                        Case{{0, 2, 3}, {0, 3, 2}, "a column lies outside the source mesh"},
+                        Case{{0, 2, 3}, {0, -1, 2}, "a column lies outside the source mesh"}}) {
+    Weights weights;
+    weights.rows = 2;
+    weights.columns = 3;
+    weights.row_start = c.row_start;
+    weights.column_of.assign(c.columns.begin(), c.columns.end());
+    weights.value.assign(3, 0.5);
+    const char* found = weights.defect();
+    EXPECT_STREQ(found, c.defect) << ::testing::PrintToString(c.row_start);
+  }
+  // Offsets that fall, with the right ends.
+  Weights falling;
+  falling.rows = 3;
+  falling.columns = 3;
+  falling.row_start = {0, 2, 1, 3};
+  falling.column_of.assign(3, 0);
+  falling.value.assign(3, 0.5);
+  EXPECT_STREQ(falling.defect(), "its row offsets fall");
+}
+
 // rbf's targets are solved in chunks of 1024: 2500 of them take three.
 TEST(MappingTest, TheRbfMethodsFillTheRoomTheyAreOfferedOrMemoryOfTheirOwn) {
   struct Case {
