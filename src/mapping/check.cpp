@@ -118,8 +118,7 @@ std::string check_weights(const Method& method, const Points& from, const Points
       // does wherever a method reproduces coordinates, the search is spared
       // and the offset counted as the excess.
       const double offset = distance(position, t, d), tolerance = 1e-8 * std::max(1.0, magnitude[t]) * extent;
-      const double excess =
-          offset <= tolerance ? offset : std::max(0.0, offset - nearest(t));
+      const double excess = offset <= tolerance ? offset : std::max(0.0, offset - nearest(t));
       found[part].position = std::max(found[part].position, excess);
       if (!(excess <= tolerance)) return fail();
     }

@@ -88,7 +88,6 @@ class Polynomial {
   }
 
  private:
-  static constexpr int kMostTerms = 10;  // 1, x, y, z and their six products
   // An axis whose spread is below this fraction of the widest is none.
   static constexpr double kFlat = 1e-6;
   // A singular value below this fraction of the largest is rounding: the
