@@ -375,42 +375,34 @@ struct VectorRoom : Room {
   std::vector<double> values;
 };
 
-// Enough points for several batches of clusters, each solved, merged and
-// its memory passed on while others are still needed.
 // Weights read back or made are sound before any row is applied: offsets
 // from 0 rising to the number of values, columns within the source mesh.
 TEST(MappingTest, UnsoundOffsetsAndColumnsAreNamed) {
   struct Case {
+    std::size_t rows;
     std::vector<std::int64_t> row_start;
     std::vector<Column> columns;
     const char* defect;
   };
   const char* const offsets = "its row offsets do not match its values";
-  for (const Case& c : {Case{{0, 1, 3}, {0, 1, 2}, nullptr}, Case{{1, 1, 3}, {0, 1, 2}, offsets},
-                        Case{{0, 1, 2}, {0, 1, 2}, offsets}, Case{{0, 1, 2, 3}, {0, 1, 2}, offsets},
-                        Case{{0, 1, -1}, {0, 1, 2}, offsets}, Case{{0, 3, 2}, {0, 1, 2}, offsets},
-                        Case{{0, 2, 3}, {0, 3, 2}, "a column lies outside the source mesh"},
-                        Case{{0, 2, 3}, {0, -1, 2}, "a column lies outside the source mesh"}}) {
+  const char* const outside = "a column lies outside the source mesh";
+  for (const Case& c : {Case{2, {0, 1, 3}, {0, 1, 2}, nullptr}, Case{2, {1, 1, 3}, {0, 1, 2}, offsets},
+                        Case{2, {0, 1, 2}, {0, 1, 2}, offsets}, Case{2, {0, 1, 2, 3}, {0, 1, 2}, offsets},
+                        Case{3, {0, 2, 1, 3}, {0, 1, 2}, "its row offsets fall"},
+                        Case{2, {0, 2, 3}, {0, 3, 2}, outside}, Case{2, {0, 2, 3}, {0, -1, 2}, outside}}) {
     Weights weights;
-    weights.rows = 2;
+    weights.rows = c.rows;
     weights.columns = 3;
     weights.row_start = c.row_start;
     weights.column_of.assign(c.columns.begin(), c.columns.end());
     weights.value.assign(3, 0.5);
-    const char* found = weights.defect();
-    EXPECT_STREQ(found, c.defect) << ::testing::PrintToString(c.row_start);
+    EXPECT_STREQ(weights.defect(), c.defect) << ::testing::PrintToString(c.row_start);
   }
-  // Offsets that fall, with the right ends.
-  Weights falling;
-  falling.rows = 3;
-  falling.columns = 3;
-  falling.row_start = {0, 2, 1, 3};
-  falling.column_of.assign(3, 0);
-  falling.value.assign(3, 0.5);
-  EXPECT_STREQ(falling.defect(), "its row offsets fall");
 }
 
-// rbf's targets are solved in chunks of 1024: 2500 of them take three.
+// Enough points for several batches of clusters, each solved, merged and
+// its memory passed on while others are still needed; rbf's targets are
+// solved in chunks of 1024: 2500 of them take three.
 TEST(MappingTest, TheRbfMethodsFillTheRoomTheyAreOfferedOrMemoryOfTheirOwn) {
   struct Case {
     const char* kind;
