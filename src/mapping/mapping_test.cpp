@@ -74,7 +74,7 @@ TEST(MappingTest, EveryWrongWordIsRefusedWithWhatToWrite) {
   std::map<std::string, std::string> names;
   EXPECT_EQ(parse_method({{"map", "rbf"}, {"from-mesh", "a"}}, method, names), "a mapping needs from-mesh= and to-mesh=");
   EXPECT_EQ(method_of({{"map", "rbf-pum"}, {"from-mesh", "a"}, {"to-mesh", "b"}}).canonical(),
-            "map=rbf-pum constraint=consistent basis=default polynomial=on cluster-size=55 overlap=0.10000000000000001");
+            "map=rbf-pum constraint=consistent basis=default polynomial=on cluster-size=70 overlap=0.10000000000000001");
 }
 
 TEST(MappingTest, MeshesAndCellsAreCheckedBeforeUse) {

@@ -21,7 +21,7 @@ struct Method {
   std::optional<double> shape;   // gaussian: exp(-(shape r)^2)
   std::optional<double> radius;  // wendland: the support radius
   bool polynomial = true;        // a linear polynomial in the RBF system
-  std::size_t cluster_size = 55;  // rbf-pum: source points per cluster, about
+  std::size_t cluster_size = 70;  // rbf-pum: source points per cluster, about
   double overlap = 0.1;           // rbf-pum: how far clusters reach into each other
 
   // The basis given, or the default: the thin-plate spline, but for

@@ -60,6 +60,78 @@ std::uint64_t checksum_word(Column column, double value) {
   return bits ^ (static_cast<std::uint64_t>(static_cast<std::uint32_t>(column)) * 0x9e3779b97f4a7c15ULL);
 }
 
+// Rows [first, last) of target = weights * source for one component, with
+// each row's sum and, when audited, the checksum of what was read. Four
+// partial sums: with one, the chain of additions, not the reads, would set
+// the pace. False when a column lies outside the source mesh.
+template <bool kAudit>
+bool apply_rows(const WeightsView& weights, const double* source, double* target, std::size_t first, std::size_t last,
+                double* row_sums, Checksum& checksum) {
+  const std::int64_t* const row_start = weights.row_start;
+  const Column* const column_of = weights.column_of;
+  const double* const value = weights.value;
+  const std::size_t columns = weights.columns;
+  for (std::size_t row = first; row < last; ++row) {
+    const auto begin = static_cast<std::size_t>(row_start[row]), end = static_cast<std::size_t>(row_start[row + 1]);
+    double sum[4] = {}, total[4] = {};
+    std::uint64_t words = 0, placed = 0;
+    const auto add = [&](std::size_t at, int lane) {
+      const auto column = static_cast<std::size_t>(column_of[at]);
+      if (column >= columns) return false;
+      sum[lane] += value[at] * source[column];
+      total[lane] += value[at];
+      if constexpr (kAudit) {
+        const std::uint64_t word = checksum_word(column_of[at], value[at]);
+        words += word;
+        placed += word * at;
+      }
+      return true;
+    };
+    std::size_t at = begin;
+    for (; at + 4 <= end; at += 4) {
+      if (!(add(at, 0) & add(at + 1, 1) & add(at + 2, 2) & add(at + 3, 3))) return false;
+    }
+    for (; at < end; ++at) {
+      if (!add(at, 0)) return false;
+    }
+    target[row] = (sum[0] + sum[1]) + (sum[2] + sum[3]);
+    if constexpr (kAudit) {
+      row_sums[row] = (total[0] + total[1]) + (total[2] + total[3]);
+      checksum.add_sums(words, placed);
+      checksum.add(end, weights.count + row);
+    }
+  }
+  return true;
+}
+
+// The same for several components a point, one weight at a time.
+bool apply_rows(const WeightsView& weights, const double* source, std::size_t components, double* target,
+                std::size_t first, std::size_t last, double* row_sums, Checksum* checksum) {
+  for (std::size_t row = first; row < last; ++row) {
+    const auto begin = static_cast<std::size_t>(weights.row_start[row]);
+    const auto end = static_cast<std::size_t>(weights.row_start[row + 1]);
+    double total = 0;
+    std::uint64_t words = 0, placed = 0;
+    double* out = target + row * components;
+    std::fill(out, out + components, 0.0);
+    for (std::size_t at = begin; at < end; ++at) {
+      const auto column = static_cast<std::size_t>(weights.column_of[at]);
+      if (column >= weights.columns) return false;
+      for (std::size_t k = 0; k < components; ++k) out[k] += weights.value[at] * source[column * components + k];
+      total += weights.value[at];
+      const std::uint64_t word = checksum_word(weights.column_of[at], weights.value[at]);
+      words += word;
+      placed += word * at;
+    }
+    if (checksum != nullptr) {
+      row_sums[row] = total;
+      checksum->add_sums(words, placed);
+      checksum->add(end, weights.count + row);
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 bool WeightsView::apply(const double* source, std::size_t components, double* target, Audit* audit) const {
@@ -67,60 +139,21 @@ bool WeightsView::apply(const double* source, std::size_t components, double* ta
   // once, and memory, not arithmetic, bounds it.
   const unsigned cores = count * components < 1000000 ? 1 : core_count();
   if (audit != nullptr) audit->row_sums.resize(rows);
+  double* const row_sums = audit != nullptr ? audit->row_sums.data() : nullptr;
   std::vector<Checksum> checksums(cores);
   std::atomic<bool> sound{true};
-  const auto rows_from = [&](std::size_t first, std::size_t last, Checksum& checksum) {
-    for (std::size_t row = first; row < last; ++row) {
-      const auto begin = static_cast<std::size_t>(row_start[row]), end = static_cast<std::size_t>(row_start[row + 1]);
-      // The row sum and the checksum cost a few additions a weight, in
-      // registers: the weights are read from memory once either way.
-      double total = 0;
-      // Kept in registers through the row, whatever the target aliases.
-      std::uint64_t words = 0, placed = 0;
-      if (components == 1) {
-        double sum = 0;
-        for (std::size_t at = begin; at < end; ++at) {
-          const auto column = static_cast<std::size_t>(column_of[at]);
-          if (column >= columns) {
-            sound = false;
-            return;
-          }
-          sum += value[at] * source[column];
-          total += value[at];
-          if (audit != nullptr) {
-            const std::uint64_t word = checksum_word(column_of[at], value[at]);
-            words += word;
-            placed += word * at;
-          }
-        }
-        target[row] = sum;
-      } else {
-        double* out = target + row * components;
-        std::fill(out, out + components, 0.0);
-        for (std::size_t at = begin; at < end; ++at) {
-          const auto column = static_cast<std::size_t>(column_of[at]);
-          if (column >= columns) {
-            sound = false;
-            return;
-          }
-          for (std::size_t k = 0; k < components; ++k) out[k] += value[at] * source[column * components + k];
-          total += value[at];
-          if (audit != nullptr) {
-            const std::uint64_t word = checksum_word(column_of[at], value[at]);
-            words += word;
-            placed += word * at;
-          }
-        }
-      }
-      if (audit != nullptr) {
-        audit->row_sums[row] = total;
-        checksum.add_sums(words, placed);
-        checksum.add(end, count + row);
-      }
-    }
-  };
   run_parts(cores, [&](unsigned part) {
-    rows_from(part_begin(rows, part, cores), part_begin(rows, part + 1, cores), checksums[part]);
+    const std::size_t first = part_begin(rows, part, cores), last = part_begin(rows, part + 1, cores);
+    Checksum& checksum = checksums[part];
+    bool fine;
+    if (components != 1) {
+      fine = apply_rows(*this, source, components, target, first, last, row_sums, audit != nullptr ? &checksum : nullptr);
+    } else if (audit != nullptr) {
+      fine = apply_rows<true>(*this, source, target, first, last, row_sums, checksum);
+    } else {
+      fine = apply_rows<false>(*this, source, target, first, last, row_sums, checksum);
+    }
+    if (!fine) sound = false;
   });
   if (audit != nullptr) {
     audit->checksum = {};
