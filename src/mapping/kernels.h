@@ -1,6 +1,9 @@
 // The consistent weights of each method, for method.cpp.
 #pragma once
 
+#include <array>
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include "mapping/method.h"
@@ -29,6 +32,12 @@ std::string rbf_weights(const Method& method, const Points& from, const PointSea
 // `weights`.
 std::string rbf_pum_weights(const Method& method, const Points& from, const PointSearch& search, const Points& to,
                             Weights& weights, Room* room);
+
+// rbf-pum's cell for the point at `u` (coordinates in grid steps, d of
+// them): on a line or in a plane the square it lies in; in space the
+// nearest point of a body-centred cubic lattice, counted in half steps.
+// Nothing for a point 2^61 steps or more from the origin.
+std::optional<std::array<std::int64_t, 3>> lattice_cell(const double* u, std::size_t d);
 
 // Two source points at one place make an RBF system singular: their
 // indices, if any.

@@ -6,6 +6,7 @@
 #include <set>
 
 #include "mapping/check.h"
+#include "mapping/kernels.h"
 #include "mapping/local.h"
 #include "mapping/method.h"
 #include "mapping/store.h"
@@ -446,6 +447,44 @@ TEST(MappingTest, TheRbfMethodsFillTheRoomTheyAreOfferedOrMemoryOfTheirOwn) {
   ASSERT_EQ(compute_weights(conservative, from, nullptr, to, nullptr, transposed, &unused), "");
   EXPECT_TRUE(unused.columns.empty());
   EXPECT_EQ(transposed.defect(), nullptr);
+}
+
+
+// rbf-pum's cells in space are those of the nearest body-centred lattice
+// point, found here by trying every candidate; lines and planes keep
+// squares; points beyond the lattice's range have none.
+TEST(MappingTest, ClusterCellsAreTheNearestLatticePoints) {
+  std::mt19937_64 random(7);
+  std::uniform_real_distribution<double> coordinate(0, 50);
+  for (int trial = 0; trial < 3000; ++trial) {
+    const double u[3] = {coordinate(random), coordinate(random), coordinate(random)};
+    const auto cell = lattice_cell(u, 3);
+    ASSERT_TRUE(cell.has_value());
+    double best = INFINITY;
+    std::array<std::int64_t, 3> nearest{};
+    // Lattice points in half steps: all three coordinates even or all odd.
+    for (std::int64_t parity = 0; parity < 2; ++parity) {
+      for (std::int64_t x = -2; x <= 2; ++x) {
+        for (std::int64_t y = -2; y <= 2; ++y) {
+          for (std::int64_t z = -2; z <= 2; ++z) {
+            const std::array<std::int64_t, 3> c{2 * (static_cast<std::int64_t>(u[0]) + x) + parity,
+                                                 2 * (static_cast<std::int64_t>(u[1]) + y) + parity,
+                                                 2 * (static_cast<std::int64_t>(u[2]) + z) + parity};
+            double squared = 0;
+            for (int k = 0; k < 3; ++k) squared += (u[k] - 0.5 * static_cast<double>(c[k])) * (u[k] - 0.5 * static_cast<double>(c[k]));
+            if (squared < best) best = squared, nearest = c;
+          }
+        }
+      }
+    }
+    ASSERT_EQ(*cell, nearest) << u[0] << " " << u[1] << " " << u[2];
+    ASSERT_LE(std::sqrt(best), std::sqrt(5.0) / 4 + 1e-12);
+  }
+  const double plane[2] = {3.99, 0.5};
+  EXPECT_EQ(lattice_cell(plane, 2), (std::array<std::int64_t, 3>{3, 0, 0}));
+  const double far[3] = {1, 0x1p61, 1}, nan[3] = {1, NAN, 1};
+  EXPECT_FALSE(lattice_cell(far, 3).has_value());
+  EXPECT_FALSE(lattice_cell(nan, 3).has_value());
 }
 
 }  // namespace

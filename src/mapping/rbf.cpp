@@ -32,6 +32,29 @@ LocalSolver local_solver() {
   return baseline::solve;
 }
 
+// In space the nearer of a cube's centre and its nearest corner: balls
+// around body-centred cubic cells cover space overlapping about half as
+// much as around cubes (1.46 times space against 2.72). A target then takes
+// from two clusters rather than four for the same ball, which halves the
+// solve (bench/mapping.py).
+std::optional<std::array<std::int64_t, 3>> lattice_cell(const double* u, std::size_t d) {
+  std::array<std::int64_t, 3> floor{}, corner{};
+  double off_centre = 0, off_corner = 0;
+  for (std::size_t k = 0; k < d; ++k) {
+    const double below = std::floor(u[k]), nearest = std::round(u[k]);
+    // Far beyond any mesh's extent in clusters.
+    if (!(below < 0x1p61)) return std::nullopt;
+    floor[k] = static_cast<std::int64_t>(below);
+    corner[k] = 2 * static_cast<std::int64_t>(nearest);
+    off_centre += (u[k] - below - 0.5) * (u[k] - below - 0.5);
+    off_corner += (u[k] - nearest) * (u[k] - nearest);
+  }
+  if (d < 3) return floor;
+  if (off_corner < off_centre) return corner;
+  for (std::int64_t& step : floor) step = 2 * step + 1;
+  return floor;
+}
+
 namespace {
 
 // Defaults from the point spacing h: a Gaussian as wide as a few points, a
@@ -51,32 +74,6 @@ constexpr double kPumShape = 0.4;
 // in the cube falls by a third; a mesh takes 3.6 times the clusters, which
 // costs a third more time in the same build of the solve (bench/mapping.py).
 constexpr double kPumMargin = 0.5;
-
-// The cell of the point at `u`, its coordinates in grid steps. On a line
-// or in a plane: the square it lies in. In space: the nearer of its cube's
-// centre and that cube's corner nearest to it, cells of a body-centred
-// cubic lattice. Balls around those cover space overlapping about half as
-// much as around cubes (1.46 times space against 2.72): a target takes
-// from two clusters rather than four for the same ball, which halves the
-// solve (bench/mapping.py). Cells count in half steps, so each coordinate
-// is below 2 * 2^61.
-std::optional<std::array<std::int64_t, 3>> cell_of(const double* u, std::size_t d) {
-  std::array<std::int64_t, 3> floor{}, corner{};
-  double off_centre = 0, off_corner = 0;
-  for (std::size_t k = 0; k < d; ++k) {
-    const double below = std::floor(u[k]), nearest = std::round(u[k]);
-    // Far beyond any mesh's extent in clusters.
-    if (!(below < 0x1p61)) return std::nullopt;
-    floor[k] = static_cast<std::int64_t>(below);
-    corner[k] = 2 * static_cast<std::int64_t>(nearest);
-    off_centre += (u[k] - below - 0.5) * (u[k] - below - 0.5);
-    off_corner += (u[k] - nearest) * (u[k] - nearest);
-  }
-  if (d < 3) return floor;
-  if (off_corner < off_centre) return corner;
-  for (std::int64_t& step : floor) step = 2 * step + 1;
-  return floor;
-}
 
 // A cell's circumradius in grid steps: a square's half diagonal, or a
 // body-centred cell's (a truncated octahedron's) sqrt(5) / 4.
@@ -106,7 +103,7 @@ std::string cluster(const Points& from, const PointSearch& search, double radius
   for (std::size_t i = 0; i < from.count; ++i) {
     std::array<double, 3> u{};
     for (std::size_t k = 0; k < d; ++k) u[k] = (from.at(i)[k] - low[k]) / spacing;
-    const std::optional<std::array<std::int64_t, 3>> cell = cell_of(u.data(), d);
+    const std::optional<std::array<std::int64_t, 3>> cell = lattice_cell(u.data(), d);
     if (!cell) {
       return "the source points lie too far apart for rbf-pum's clusters: use map=rbf-pum lines of their own for "
              "far-apart patches";
