@@ -60,6 +60,30 @@ std::string check_weights(const Method& method, const Points& from, const Points
   // Per target: the row sum, the absolute row sum, mapped position - target.
   std::vector<double> sum(targets.count, 0.0), magnitude(targets.count, 0.0), position(targets.count * d, 0.0);
   std::atomic<bool> outside{false};
+  // A consistent map's row is its target's: summed in registers, one row
+  // at a time, since the sums held in memory could alias the weights.
+  const auto accumulate_rows = [&](std::size_t first_row, std::size_t end_row) {
+    for (std::size_t row = first_row; row < end_row; ++row) {
+      double row_sum = 0, row_magnitude = 0, offset[3] = {0, 0, 0};
+      const double* const target = targets.at(row);
+      const auto end = static_cast<std::size_t>(weights.row_start[row + 1]);
+      for (auto at = static_cast<std::size_t>(weights.row_start[row]); at < end; ++at) {
+        const auto column = static_cast<std::size_t>(weights.column_of[at]);
+        if (column >= sources.count) {
+          outside = true;
+          return;
+        }
+        const double value = weights.value[at];
+        row_sum += value;
+        row_magnitude += std::abs(value);
+        const double* const source = sources.at(column);
+        for (std::size_t k = 0; k < d; ++k) offset[k] += value * (source[k] - target[k]);
+      }
+      sum[row] = row_sum;
+      magnitude[row] = row_magnitude;
+      for (std::size_t k = 0; k < d; ++k) position[row * d + k] = offset[k];
+    }
+  };
   const auto accumulate = [&](std::size_t first_row, std::size_t end_row) {
     for (std::size_t row = first_row; row < end_row; ++row) {
       for (auto at = static_cast<std::size_t>(weights.row_start[row]);
@@ -102,7 +126,7 @@ std::string check_weights(const Method& method, const Points& from, const Points
   std::vector<Deviation> found(cores);
   run_parts(cores, [&](unsigned part) {
     const std::size_t begin = part_begin(targets.count, part, cores), end = part_begin(targets.count, part + 1, cores);
-    if (!method.conservative && !outside) accumulate(std::min(begin, weights.rows), std::min(end, weights.rows));
+    if (!method.conservative && !outside) accumulate_rows(std::min(begin, weights.rows), std::min(end, weights.rows));
     for (std::size_t t = begin; t < end && t < first_failure && !outside; ++t) {
       const auto fail = [&] {
         std::size_t seen = first_failure;
