@@ -449,7 +449,6 @@ TEST(MappingTest, TheRbfMethodsFillTheRoomTheyAreOfferedOrMemoryOfTheirOwn) {
   EXPECT_EQ(transposed.defect(), nullptr);
 }
 
-
 // rbf-pum's cells in space are those of the nearest body-centred lattice
 // point, found here by trying every candidate; lines and planes keep
 // squares; points beyond the lattice's range have none.
@@ -471,8 +470,11 @@ TEST(MappingTest, ClusterCellsAreTheNearestLatticePoints) {
                                                  2 * (static_cast<std::int64_t>(u[1]) + y) + parity,
                                                  2 * (static_cast<std::int64_t>(u[2]) + z) + parity};
             double squared = 0;
-            for (int k = 0; k < 3; ++k) squared += (u[k] - 0.5 * static_cast<double>(c[k])) * (u[k] - 0.5 * static_cast<double>(c[k]));
-            if (squared < best) best = squared, nearest = c;
+            for (int k = 0; k < 3; ++k) squared += std::pow(u[k] - 0.5 * static_cast<double>(c[k]), 2);
+            if (squared < best) {
+              best = squared;
+              nearest = c;
+            }
           }
         }
       }

@@ -119,9 +119,11 @@ bool apply_rows(const WeightsView& weights, const double* source, std::size_t co
       if (column >= weights.columns) return false;
       for (std::size_t k = 0; k < components; ++k) out[k] += weights.value[at] * source[column * components + k];
       total += weights.value[at];
-      const std::uint64_t word = checksum_word(weights.column_of[at], weights.value[at]);
-      words += word;
-      placed += word * at;
+      if (checksum != nullptr) {
+        const std::uint64_t word = checksum_word(weights.column_of[at], weights.value[at]);
+        words += word;
+        placed += word * at;
+      }
     }
     if (checksum != nullptr) {
       row_sums[row] = total;
