@@ -25,10 +25,10 @@ void check_mapping(TreeState& tree, const exchange::Copy& copy, const std::strin
   // The files as they are, stamps aside: a mesh not published yet leaves
   // the reason empty.
   const mapping::FieldReader read = [&tree](int project, const std::string& field, fields::Header& header,
-                                            std::vector<char>& values, std::string& reason) {
+                                            const fields::Destination& into, std::string& reason) {
     const std::string directory = (tree.run_directory / config::project_directory(project)).string();
-    return fields::read_field(fields::field_path(directory, fields::Role::kOutput, field), header,
-                              fields::into_buffer(values), reason) == fields::ReadOutcome::kRead;
+    return fields::read_field(fields::field_path(directory, fields::Role::kOutput, field), header, into, reason) ==
+           fields::ReadOutcome::kRead;
   };
   mapping::Points from, to;
   std::optional<mapping::Cells> from_cells, to_cells;

@@ -41,8 +41,11 @@ bool map_copy(const Copy& copy, fields::InteractionFields& fields, std::string& 
   // rank of a parallel project gets the rows of its own points.
   std::vector<std::int64_t> to_parts;
   const mapping::FieldReader read = [&](int project, const std::string& field, fields::Header& header,
-                                        std::vector<char>& values, std::string& reason) {
-    if (!read_whole(fields, project, field, fields::Accept::kAny, values, header, reason)) return false;
+                                        const fields::Destination& into, std::string& reason) {
+    if (fields.get(project, field, into, header, fields::Accept::kAny) != fields::Outcome::kOk) {
+      reason = with_published(fields, project, field);
+      return false;
+    }
     if (project == copy.to && field == names.at("to-mesh")) to_parts = header.parts;
     return true;
   };

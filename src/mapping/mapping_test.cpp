@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
+#include <map>
 #include <numeric>
 #include <random>
 #include <set>
@@ -447,6 +449,55 @@ TEST(MappingTest, TheRbfMethodsFillTheRoomTheyAreOfferedOrMemoryOfTheirOwn) {
   ASSERT_EQ(compute_weights(conservative, from, nullptr, to, nullptr, transposed, &unused), "");
   EXPECT_TRUE(unused.columns.empty());
   EXPECT_EQ(transposed.defect(), nullptr);
+}
+
+// A mesh is read into its points, as written or axis after axis; a wrong
+// shape is refused before anything is read into it, a reader's failure
+// passes through, and each error names the field and its project.
+TEST(MappingTest, AMeshIsReadWhereItStaysAndItsFaultsAreNamed) {
+  struct Stored {
+    fields::Header header;
+    std::vector<double> values;
+  };
+  std::map<std::string, Stored> stored = {
+      {"rows", {{fields::Type::kFloat64, false, {3, 2}, {}}, {1, 10, 2, 20, 3, 30}}},
+      {"by-axis", {{fields::Type::kFloat64, true, {3, 2}, {}}, {1, 2, 3, 10, 20, 30}}},
+      {"wide", {{fields::Type::kFloat64, false, {1, 4}, {}}, {1, 2, 3, 4}}},
+      {"nan", {{fields::Type::kFloat64, false, {2, 1}, {}}, {1, NAN}}},
+  };
+  int written = 0;
+  const FieldReader read = [&](int, const std::string& name, fields::Header& header, const fields::Destination& into,
+                               std::string& error) {
+    if (stored.count(name) == 0) {
+      error = "no field " + name;
+      return false;
+    }
+    header = stored.at(name).header;
+    void* values = into(header, error);
+    if (values == nullptr) return false;
+    std::memcpy(values, stored.at(name).values.data(), stored.at(name).values.size() * sizeof(double));
+    ++written;
+    return true;
+  };
+  std::optional<Cells> cells;
+  for (const char* name : {"rows", "by-axis"}) {
+    Points points;
+    std::string error;
+    ASSERT_TRUE(read_mesh(read, 1, name, nullptr, points, cells, error)) << error;
+    EXPECT_EQ(points.coordinates, (std::vector<double>{1, 10, 2, 20, 3, 30})) << name;
+  }
+  const std::pair<const char*, const char*> faults[] = {
+      {"wide", "mesh \"wide\" of sub1: a mesh has shape (n,) or (n, d) with d 1, 2 or 3, not (1, 4)"},
+      {"nan", "mesh \"nan\" of sub1: point 1 has a coordinate that is not finite (nan)"},
+      {"missing", "no field missing"},
+  };
+  for (const auto& [name, message] : faults) {
+    Points points;
+    std::string error;
+    EXPECT_FALSE(read_mesh(read, 1, name, nullptr, points, cells, error));
+    EXPECT_EQ(error, message);
+  }
+  EXPECT_EQ(written, 3);  // the wide mesh was never read
 }
 
 // rbf-pum's cells in space are those of the nearest body-centred lattice

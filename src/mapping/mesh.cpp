@@ -61,7 +61,11 @@ std::string zero_size_cell(const Points& points, const Cells& cells) {
 
 }  // namespace
 
-std::string points_from_field(const fields::Header& header, const void* values, Points& points) {
+namespace {
+
+// The number and dimension of the points a field's header promises,
+// checked before anything is allocated for them.
+std::string points_shape(const fields::Header& header, Points& points) {
   const auto& shape = header.shape;
   if (header.type != fields::Type::kFloat64) {
     return "a mesh holds float64 coordinates, not " + fields::type_name(header.type);
@@ -75,20 +79,36 @@ std::string points_from_field(const fields::Header& header, const void* values, 
   if (points.count > static_cast<std::size_t>(std::numeric_limits<Column>::max())) {
     return "a mesh holds fewer than 2^31 points, not " + std::to_string(points.count);
   }
-  const std::size_t total = points.count * static_cast<std::size_t>(points.dimension);
-  points.coordinates.resize(total);
-  std::memcpy(points.coordinates.data(), values, total * sizeof(double));
-  // Column-major (n, d) coordinates come from Fortran: put them row by row.
-  if (header.column_major && points.dimension > 1) {
-    fields::reorder(shape, sizeof(double), false, values, points.coordinates.data());
-  }
-  for (std::size_t i = 0; i < total; ++i) {
+  return {};
+}
+
+std::string finite_points(const Points& points) {
+  for (std::size_t i = 0; i < points.coordinates.size(); ++i) {
     if (!std::isfinite(points.coordinates[i])) {
       return "point " + std::to_string(i / static_cast<std::size_t>(points.dimension)) +
              " has a coordinate that is not finite (" + std::to_string(points.coordinates[i]) + ")";
     }
   }
   return {};
+}
+
+// Column-major (n, d) coordinates come from Fortran: put row by row.
+bool by_axis(const fields::Header& header, const Points& points) {
+  return header.column_major && points.dimension > 1;
+}
+
+}  // namespace
+
+std::string points_from_field(const fields::Header& header, const void* values, Points& points) {
+  if (std::string error = points_shape(header, points); !error.empty()) return error;
+  const std::size_t total = points.count * static_cast<std::size_t>(points.dimension);
+  points.coordinates.resize(total);
+  if (by_axis(header, points)) {
+    fields::reorder(header.shape, sizeof(double), false, values, points.coordinates.data());
+  } else {
+    std::memcpy(points.coordinates.data(), values, total * sizeof(double));
+  }
+  return finite_points(points);
 }
 
 std::string cells_from_field(const fields::Header& header, const void* values, const Points& points, Cells& cells) {
@@ -128,15 +148,29 @@ std::string cells_from_field(const fields::Header& header, const void* values, c
 
 bool read_mesh(const FieldReader& read, int project, const std::string& points_name, const std::string* cells_name,
                Points& points, std::optional<Cells>& cells, std::string& error) {
-  std::vector<char> values;
   fields::Header header;
-  if (!read(project, points_name, header, values, error)) return false;
-  if (error = points_from_field(header, values.data(), points); !error.empty()) {
-    error = "mesh \"" + points_name + "\" of " + fields::project_name(project) + ": " + error;
+  // The coordinates are read where they stay, once their shape is checked:
+  // a copy of a large mesh would cost as much as its reading.
+  std::string wrong;
+  std::vector<char> values;
+  const fields::Destination into_points = [&](const fields::Header& found, std::string&) -> void* {
+    if (wrong = points_shape(found, points); !wrong.empty()) return nullptr;
+    points.coordinates.resize(points.count * static_cast<std::size_t>(points.dimension));
+    if (!by_axis(found, points)) return points.coordinates.data();
+    values.resize(points.coordinates.size() * sizeof(double));
+    return values.data();
+  };
+  if (!read(project, points_name, header, into_points, error) && wrong.empty()) return false;
+  if (wrong.empty() && by_axis(header, points)) {
+    fields::reorder(header.shape, sizeof(double), false, values.data(), points.coordinates.data());
+  }
+  if (wrong.empty()) wrong = finite_points(points);
+  if (!wrong.empty()) {
+    error = "mesh \"" + points_name + "\" of " + fields::project_name(project) + ": " + wrong;
     return false;
   }
   if (cells_name == nullptr) return true;
-  if (!read(project, *cells_name, header, values, error)) return false;
+  if (!read(project, *cells_name, header, fields::into_buffer(values), error)) return false;
   cells.emplace();
   if (error = cells_from_field(header, values.data(), points, *cells); !error.empty()) {
     error = "cells \"" + *cells_name + "\" of " + fields::project_name(project) + ": " + error;

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "fields/access.h"
 #include "fields/format.h"
 
 namespace lockstep::mapping {
@@ -37,10 +38,11 @@ std::string points_from_field(const fields::Header& header, const void* values, 
 // shape (m, 2), (m, 3) or (m, 4), every index within the points.
 std::string cells_from_field(const fields::Header& header, const void* values, const Points& points, Cells& cells);
 
-// Reads one field of `project` by name: its header and values, or false
-// with the reason in `error` (empty when there is nothing to read yet).
+// Reads one field of `project` by name: its header, and its values into
+// what `into` gives for that header; or false with the reason in `error`
+// (empty when there is nothing to read yet).
 using FieldReader = std::function<bool(int project, const std::string& name, fields::Header& header,
-                                       std::vector<char>& values, std::string& error)>;
+                                       const fields::Destination& into, std::string& error)>;
 
 // The mesh `points_name` of `project` and, when `cells_name` is given, its
 // cells, read by `read` and checked; errors name the field and project.
