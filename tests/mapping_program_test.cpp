@@ -67,13 +67,18 @@ class MappingRunTest : public ::testing::Test {
 TEST_F(MappingRunTest, ValuesFollowTheMeshesAndWeightsAreKeptPerMesh) {
   publish<double>(0, "x", Type::kFloat64, {4}, {0, 1, 2, 3});
   publish<double>(0, "u", Type::kFloat64, {4, 2}, {10, -10, 11, -11, 12, -12, 13, -13});
+  publish<double>(0, "w", Type::kFloat64, {4}, {5, 6, 7, 8});
   publish<double>(1, "y", Type::kFloat64, {3}, {2.9, 0.2, 1.6});
-  const std::string table = "main u sub1 v map=nearest-neighbour from-mesh=x to-mesh=y\n";
+  // Two lines over the same meshes share their weights: one field of two
+  // components, one of one, each applied its own way.
+  const std::string table = "main u sub1 v map=nearest-neighbour from-mesh=x to-mesh=y\n"
+                            "main w sub1 z map=nearest-neighbour from-mesh=x to-mesh=y\n";
   const Exit first = exchange(table);
   ASSERT_EQ(first.status, 0) << first.err;
   std::vector<std::int64_t> shape;
   EXPECT_EQ(input("v", &shape), (std::vector<double>{13, -13, 10, -10, 12, -12}));
   EXPECT_EQ(shape, (std::vector<std::int64_t>{3, 2}));
+  EXPECT_EQ(input("z"), (std::vector<double>{8, 5, 7}));
   EXPECT_EQ(kept_weights(), 1u);
   // A later stage loads the stored weights, files and all: each file is
   // still the one linked beside the run, not one computed anew and renamed
