@@ -89,7 +89,7 @@ bool apply_rows(const WeightsView& weights, const double* source, double* target
     };
     std::size_t at = begin;
     for (; at + 4 <= end; at += 4) {
-      if (!(add(at, 0) & add(at + 1, 1) & add(at + 2, 2) & add(at + 3, 3))) return false;
+      if (!(add(at, 0) && add(at + 1, 1) && add(at + 2, 2) && add(at + 3, 3))) return false;
     }
     for (; at < end; ++at) {
       if (!add(at, 0)) return false;
